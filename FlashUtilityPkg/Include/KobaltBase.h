@@ -1,0 +1,70 @@
+// Types and helpers shared by every folder of the driver and by the launcher: the Bool result,
+// ImageView, the firmware table pointers kept by the entry point, pool memory, byte and text
+// helpers. Freestanding: nothing here reaches the C or C++ runtime.
+#pragma once
+
+#include <stdarg.h>
+
+#include "Uefi/Uefi.h"
+
+// A one-byte result: true (1) or false (0).
+typedef bool Bool;
+
+// A byte buffer with its length: the form in which an image travels.
+struct ImageView {
+  UINT8* data;
+  UINT32 length;
+};
+
+// Kept by the driver's entry point; null until then.
+extern EFI_HANDLE gImageHandle;
+extern EFI_SYSTEM_TABLE* gST;
+extern EFI_BOOT_SERVICES* gBS;
+extern EFI_RUNTIME_SERVICES* gRT;
+VOID SetFirmwareTables(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable);
+
+// Pool memory, always zeroed. FreePoolAndNull frees and nulls the caller's pointer.
+VOID* AllocateZeroPool(UINTN size);
+template <typename T>
+inline VOID FreePoolAndNull(T*& pointer) {
+  extern VOID FreePoolRaw(VOID * pointer);
+  if (pointer != nullptr) {
+    FreePoolRaw(reinterpret_cast<VOID*>(const_cast<void*>(static_cast<const void*>(pointer))));
+    pointer = nullptr;
+  }
+}
+
+// Bytes.
+VOID CopyMem(VOID* destination, const VOID* source, UINTN length);
+VOID SetMem(VOID* destination, UINTN length, UINT8 value);
+VOID ZeroMem(VOID* destination, UINTN length);
+INTN CompareMem(const VOID* left, const VOID* right, UINTN length);
+
+// Little-endian readers and writers; records are never read through a cast of an offset.
+inline UINT16 ReadU16(const UINT8* p) { return (UINT16)(p[0] | (p[1] << 8)); }
+inline UINT32 ReadU32(const UINT8* p) {
+  return (UINT32)p[0] | ((UINT32)p[1] << 8) | ((UINT32)p[2] << 16) | ((UINT32)p[3] << 24);
+}
+inline VOID WriteU16(UINT8* p, UINT16 v) {
+  p[0] = (UINT8)v;
+  p[1] = (UINT8)(v >> 8);
+}
+inline VOID WriteU32(UINT8* p, UINT32 v) {
+  p[0] = (UINT8)v;
+  p[1] = (UINT8)(v >> 8);
+  p[2] = (UINT8)(v >> 16);
+  p[3] = (UINT8)(v >> 24);
+}
+
+// 16-bit and 8-bit text. Copies always terminate and never write past capacity (in characters,
+// terminator included).
+UINTN StrLen16(const CHAR16* text);
+UINTN StrLen8(const CHAR8* text);
+VOID StrCopy16(CHAR16* destination, UINTN capacity, const CHAR16* source);
+VOID StrCat16(CHAR16* destination, UINTN capacity, const CHAR16* source);
+INTN StrCompare16(const CHAR16* left, const CHAR16* right);
+// Compares whole texts with 'A'..'Z' folded to 'a'..'z' on both sides.
+Bool StrEqualNoCase16(const CHAR16* left, const CHAR16* right);
+// The one pair of conversions: 8-bit to 16-bit widens each byte; 16-bit to 8-bit keeps the low byte.
+VOID AsciiToUnicode(CHAR16* destination, UINTN capacity, const CHAR8* source);
+VOID UnicodeToAscii(CHAR8* destination, UINTN capacity, const CHAR16* source);

@@ -1,0 +1,35 @@
+// What the frame folder offers: the mains and their shared steps, the stored host settings
+// (arguments, image handle, directory, execute callback) and the file layer.
+#pragma once
+
+#include "KobaltBase.h"
+#include "FunctionDirectory.h"
+
+// Driver entry; the IA32 build's efi_main and the host's image loader both call it.
+EFI_STATUS EFIAPI KobaltDriverEntry(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable);
+
+// Mains and their shared steps.
+Bool EFIAPI ShellFlashMain();
+Bool EFIAPI UefiFlashMain();
+Bool Initialize();
+Bool CallingNecessarySmi();
+VOID FreeResource();
+UINT8 GetRunMode();
+
+// Directory.
+VOID* EFIAPI LookupFunction(const CHAR16* name);
+VOID EFIAPI SetCurrentDirectory(const CHAR16* path);
+VOID EFIAPI SetCommandLineArgument(UINT32 count, CHAR16** vector);
+VOID EFIAPI SetImageHandle(EFI_HANDLE imageHandle);
+VOID EFIAPI SetShellExecuteCallback(ShellExecuteCallback callback);
+UINT32 GetArgumentCount();
+CHAR16** GetArgumentVector();
+EFI_STATUS RunShellCommand(const CHAR16* text);
+
+// File layer. Names are relative to the current directory; see the file's comments.
+EFI_FILE_PROTOCOL* GetRootDirectory();
+Bool ReadFile(const CHAR16* name, UINT8** buffer, UINT32* size);
+Bool SaveBufferToFile(const CHAR16* name, const VOID* data, UINT32 size);
+Bool AppendBufferToFile(const CHAR16* name, const VOID* data, UINT32 size);
+Bool EfiDeleteFile(const CHAR16* name);
+Bool MakeDirectory(const CHAR16* name);

@@ -1,0 +1,114 @@
+// What the oblis folder offers: the channel to the firmware, one wrapper per OBLIS function,
+// what functions 10h and 11h said about the platform, the finish state, the ROM maps and the
+// flash part with its block table. Everything reaches the firmware through SmiTransaction.
+#pragma once
+
+#include "KobaltBase.h"
+#include "OblisWire.h"
+
+// ---- channel ----
+Bool InitialSmi();
+Bool FindSMICommandPort();
+UINT8 GetSmiMainFunctionNumberFromPhysicalMemory();
+Bool GetFacpTableAddress(UINT32* address);
+Bool GetOblisBuffer(UINT32 size, UINT8** buffer);
+Bool GetOblisBuffer2(UINT32 size, UINT8** buffer);
+UINT8 OblisAttempts();
+VOID OblisRetryDelay();
+VOID ReportOblisError(UINT8 function, UINT8 code);
+UINT16 GetSmiCommandPort();
+UINT8 GetSmiNumber();
+
+// ---- wrappers ----
+Bool Oblis_10h(UINT8* out, UINT32 size);
+Bool Oblis_11h(UINT8* out, UINT8* ah, UINT32* ecx);
+Bool Oblis_12h(UINT8* protection, UINT8* privateMap);
+Bool Oblis_13h(UINT8* part, UINT8* blockMap);
+Bool Oblis_16h(UINT8 clearCmos, UINT8 action, UINT8 complete);
+Bool Oblis_1Ch(UINT8* status);
+Bool Oblis_1Eh(UINT8* out);
+Bool Oblis_1Fh(UINT32 point);
+
+// ---- platform status and information ----
+constexpr UINT32 kPlatformStatusBytes = 38;
+constexpr UINT16 kVendorNone = 0x1656;
+constexpr UINT16 kVendorAcer = 0x1025;
+constexpr UINT16 kVendorDell = 0x1028;
+constexpr UINT16 kVendorToshiba = 0x1179;
+constexpr UINT16 kVendorLenovo = 0x17AA;
+
+struct PlatformInfo {
+  Bool modelNameCheck;
+  Bool modelVersionCheck;
+  Bool allowSameVersion;
+  Bool verifyFileChecksum;
+  Bool disableDisplayName;
+  Bool disableDisplayVersion;
+  Bool disableComparison;
+  Bool enableExtended;
+  Bool allowAlpCommand;
+  CHAR16 modelName[256];
+  CHAR16 modelVersion[256];
+};
+static_assert(sizeof(PlatformInfo) == 0x409, "PlatformInfo is 0x409 bytes");
+
+Bool SMI_IsSupport();
+VOID GetPlatformStatus(UINT8* record);
+VOID GetFilterTable(UINT8** table);
+Bool IsVendor(UINT16 id);
+UINT8 GetAcStatus();
+UINT8 GetDcStatus();
+Bool IsAcerPlatform();
+Bool FuncOblis_11h();
+VOID GetPlatformInfo(PlatformInfo* record);
+VOID GetModelStrings(CHAR16** name, CHAR16** version);
+Bool AllowAlpCommand();
+Bool DisableComparison();
+Bool EFIAPI SMI_ApHookPoint(UINT32 point);
+VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete);
+Bool EFIAPI FuncOblis_16h();
+Bool FuncSpecific_16h(UINT8 action, UINT8 complete);
+UINT8 IndexToAction_16h(UINT8 index);
+UINT8 GetFinishAction();
+UINT8 GetFinishComplete();
+UINT8 GetFinishClearCmos();
+
+// ---- ROM maps ----
+struct RomMapEntry {
+  UINT8 type;
+  UINT32 offset;
+  UINT32 size;
+  UINT32 address;
+  UINT32 end;
+  UINT32 attribute;
+};
+constexpr UINT32 kRomMapEntries = 200;
+Bool SMI_GetPlatformRomMap();
+VOID GetPlatformRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, UINT32* protectionCount,
+                       OblisProtectionRecord** protectionList);
+Bool SMI_GetWholeRomMap(RomMapEntry* entries, UINT8* count);
+Bool FuncGetWholeRomMap(RomMapEntry* entries, UINT8* count);
+VOID GetWholeRomMapRecords(UINT32* count, UINT8** records);
+const CHAR16* RegionTypeName(UINT8 type);
+const CHAR16* WholeRegionTypeName(UINT8 type);
+VOID ShowPrivateMapTrace(const OblisPrivateRecord* list, UINT32 count);
+VOID ShowProtectionMapTrace(const OblisProtectionRecord* list, UINT32 count);
+
+// ---- flash part and block table ----
+#pragma pack(push, 1)
+struct FlashBlock {
+  UINT32 address;
+  UINT32 size;
+  UINT8 protectedFlag;
+};
+#pragma pack(pop)
+static_assert(sizeof(FlashBlock) == 9, "block table entry is 9 packed bytes");
+constexpr UINT32 kFlashBlockEntries = 0x1000;
+
+Bool FuncOblis_13h();
+UINT32 GetRomSize();
+UINT32 GetRomBase();
+UINT32 GetBlockCount();
+UINT32 GetBlockSize();
+UINT32 SizeIndexToBytes(UINT8 index);
+FlashBlock* CopyBlockTable();

@@ -1,0 +1,42 @@
+// What the output folder offers: the print dialect, console messages and the trace log.
+// Console text goes only through Print/PrintLong; log lines only through LogPrint.
+#pragma once
+
+#include "KobaltBase.h"
+
+constexpr UINTN kPrintLimit = 320;
+
+// Formats in the print dialect into buffer (capacity in characters, terminator included).
+// Returns the characters written, not counting the terminator; the rest of a long text falls away.
+UINTN FormatTextV(CHAR16* buffer, UINTN capacity, const CHAR16* format, va_list args);
+UINTN FormatText(CHAR16* buffer, UINTN capacity, const CHAR16* format, ...);
+
+// Console.
+UINTN Print(const CHAR16* format, ...);
+VOID PrintLong(const CHAR16* format, ...);
+VOID PrintBanner(Bool longBanner);
+VOID PrintSecureBanner();
+// A new pool text owned by the caller when the key gave one, else defaultText itself.
+// FreeMessageText frees only what GetMessageText allocated.
+const CHAR16* GetMessageText(const CHAR8* key, const CHAR16* defaultText);
+VOID FreeMessageText(const CHAR16* text, const CHAR16* defaultText);
+VOID ShowAcWarning(const CHAR8* key);
+VOID PrintWarningBar(const CHAR16* text);
+CHAR16* CenterLines(UINT16 width, CHAR16* text);
+CHAR16 WaitKey();
+VOID FlashCompletePause();
+
+// Trace and log.
+constexpr UINT8 kLogSettings = 0;
+constexpr UINT8 kLogTrace = 2;
+constexpr UINT8 kLogDetail = 4;
+VOID LogPrint(UINT8 level, const CHAR16* format, ...);
+VOID TraceEnter(const CHAR16* name);
+VOID TraceLeave(const CHAR16* name, const CHAR16* reason);
+VOID HexDump(const VOID* data, UINT32 length);
+// Dumps data between two label lines, as every "===== ... =====" dump of the trace does.
+VOID HexDumpFramed(const CHAR16* label, const VOID* data, UINT32 length);
+VOID ScanDebugOption();
+Bool IsLogEnabled();
+// A new 64-byte pool text owned by the caller.
+CHAR16* TimeStamp(Bool date, Bool time);

@@ -1,0 +1,118 @@
+// The firmware side of OBLIS on the host: a simulated machine described in JSON, answering
+// SMI transactions over a modelled SPI NOR flash, with the legacy BIOS area and ACPI tables in
+// its own physical memory map. It never includes driver headers except the wire records.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "OblisWire.h"
+
+namespace sim {
+
+struct Region {
+  uint8_t type = 0;
+  uint32_t address = 0;
+  uint32_t size = 0;
+  uint32_t attribute = 0;
+};
+
+struct Fault {
+  uint8_t code = 0;
+  std::optional<uint32_t> times;  // none: fails every time
+};
+
+struct Variable {
+  std::u16string name;
+  EFI_GUID guid{};
+  uint32_t attributes = 0;
+  std::vector<uint8_t> data;
+};
+
+// The machine description. Every field has the default machine's value unless the JSON sets it.
+struct Machine {
+  // status (function 10h)
+  uint8_t permission = 1;
+  uint8_t ac = 1;
+  uint8_t dc = 100;
+  uint8_t bound = 20;
+  uint16_t vendorId = 0x1656;
+  uint8_t major = 2;
+  uint8_t minor = 8;
+  std::optional<std::vector<uint8_t>> filter;  // "$CMDFILT" entries, none: no record
+  // information (function 11h); empty name/version: read from the BVDT block of the flash
+  std::u16string modelName;
+  std::u16string modelVersion;
+  uint8_t policy = 0;     // AH
+  uint32_t extended = 0;  // ECX
+  // flash part (function 13h)
+  uint32_t flashSize = 16u << 20;
+  uint8_t sizeIndex = 8;
+  std::string flashVendor = "Winbond";
+  std::string flashType = "W25Q128JV";
+  uint32_t deviceId = 0xEF4018;
+  std::vector<std::pair<uint32_t, uint32_t>> blocks = {{0x1000, 0x1000}};  // (size, count)
+  // maps
+  std::vector<Region> protection;
+  std::vector<Region> privateMap;
+  std::vector<Region> whole;
+  uint8_t antiTheft = 0;
+  std::vector<Variable> variables;
+  std::vector<uint8_t> unsupported;            // functions answered 0xEF
+  std::map<uint8_t, Fault> faults;             // by function number
+  uint16_t smiCmdPort = 0xB2;
+  std::string dsdtOemId = "DOVRIN";
+  bool acpi10 = true;
+  bool acpi20 = true;
+  bool oblisSignature = true;
+  uint8_t smiNumber = 0xDF;
+};
+
+Machine DefaultMachine();
+// Parses a description; keys left out keep the default machine's values. False with a message
+// on a bad key or value.
+bool ParseMachine(const std::string& jsonText, Machine& machine, std::string& error);
+
+// How the simulator reaches the memory that the tool hands it by address.
+struct MemoryAccess {
+  std::function<bool(uint32_t address, void* out, uint32_t length)> read;
+  std::function<bool(uint32_t address, const void* data, uint32_t length)> write;
+};
+
+class Simulator {
+ public:
+  Simulator(Machine machine, std::vector<uint8_t> flash, MemoryAccess memory);
+  ~Simulator();
+
+  // One SMI transaction: the port write of AL to DX with the registers of frame.
+  void Transact(OblisRegisters& frame);
+  uint32_t IoRead(uint16_t port, int width);
+  void IoWrite8(uint16_t port, uint8_t value);
+  bool ReadPhysical(uint32_t address, void* out, uint32_t length) const;
+
+  // Physical addresses of the RSDP for the configuration table (0 when the machine has none).
+  uint32_t Acpi10Rsdp() const;
+  uint32_t Acpi20Rsdp() const;
+
+  const Machine& machine() const;
+  const std::vector<uint8_t>& Flash() const;
+  // One JSON line per transaction, with the keys fn, in, out, status and, for flash access, flash.
+  void SetTrace(std::ostream* out);
+  // Function numbers in the order they were called.
+  const std::vector<uint8_t>& CallLog() const;
+  // What function 16h received last: clear CMOS, action, complete; none if never called.
+  std::optional<std::vector<uint8_t>> LastFinish() const;
+  // Hook points that function 1Fh received, in order.
+  const std::vector<uint32_t>& HookPoints() const;
+
+ private:
+  struct State;
+  State* state_;
+};
+
+}  // namespace sim

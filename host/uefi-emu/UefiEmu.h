@@ -1,0 +1,90 @@
+// The emulated UEFI environment of the host build: a system table whose boot services, runtime
+// services and protocols are backed by Linux (a host directory per volume, a terminal console
+// with scripted keys, a variable store in a file, a clock that advances by Stall), plus the
+// host side of the driver's platform seams. One Environment per process.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "OblisWire.h"
+#include "Uefi/Uefi.h"
+
+namespace emu {
+
+enum class VolumeKind { Usb, Sata, Emmc, Other };
+
+struct VolumeSpec {
+  std::string hostDirectory;
+  VolumeKind kind = VolumeKind::Sata;
+};
+
+struct Options {
+  // Volumes in handle order. The tool's own image lies on volume toolVolume.
+  std::vector<VolumeSpec> volumes;
+  size_t toolVolume = 0;
+  // Keys for ReadKeyStroke, in order. "{F1}", "{ESC}", "{ENTER}" and "{{" name special keys.
+  std::string keys;
+  // true: attributes, cursor moves and clears are rendered as terminal escapes.
+  bool ansiConsole = false;
+  std::FILE* consoleOut = stdout;
+  // Variable store file, loaded at start and saved on every SetVariable; empty: memory only.
+  std::string variablesFile;
+  // true: Stall really sleeps; otherwise it is only added to the clock.
+  bool realStall = false;
+  EFI_TIME clockStart = {2026, 11, 23, 10, 0, 0, 0, 0, 0, 0, 0};
+  // Configuration table entries (the ACPI pointers hold 32-bit physical addresses).
+  std::vector<EFI_CONFIGURATION_TABLE> configurationTables;
+};
+
+// What the tool does when it waits for a key and the script has none left.
+constexpr int kExitNoKeysLeft = 3;
+
+class Environment {
+ public:
+  explicit Environment(const Options& options);
+  ~Environment();
+  Environment(const Environment&) = delete;
+  Environment& operator=(const Environment&) = delete;
+
+  EFI_SYSTEM_TABLE* SystemTable();
+
+  // An image handle with EFI_LOADED_IMAGE_PROTOCOL whose DeviceHandle is the tool's volume
+  // and whose FilePath names fileName; for a shell host it also carries
+  // EFI_SHELL_PARAMETERS_PROTOCOL with these arguments.
+  EFI_HANDLE CreateImageHandle(const std::u16string& fileName, const std::vector<std::u16string>& arguments);
+  // LoadImage of a device path whose last file node names fileName (any case) starts entry.
+  void RegisterLinkedImage(const std::u16string& fileName, EFI_IMAGE_ENTRY_POINT entry);
+  // The shell's current directory as GetCurDir gives it, such as u"FS0:\\".
+  void SetShellCurrentDirectory(const std::u16string& directory);
+  // Commands handed to EFI_SHELL_PROTOCOL.Execute, in order.
+  const std::vector<std::u16string>& ExecutedCommands() const;
+
+  // Everything written to the console, as plain text without escapes.
+  std::string ConsoleTranscript() const;
+  uint64_t StalledMicroseconds() const;
+  const std::vector<uint64_t>& StallCalls() const;
+
+  void PresetVariable(const std::u16string& name, const EFI_GUID& guid, uint32_t attributes,
+                      const std::vector<uint8_t>& data);
+  bool ReadVariable(const std::u16string& name, const EFI_GUID& guid, std::vector<uint8_t>& data) const;
+
+  // Whether [address, address + length) lies inside live pool or page memory handed out by
+  // this environment; the simulator refuses any other address in a transaction.
+  bool ContainsAddress(uint64_t address, uint64_t length) const;
+};
+
+// The host side of the driver's platform seams. Without a backend a seam call aborts the
+// process with a message, since the driver must never reach the machine unannounced.
+struct PlatformBackend {
+  std::function<void(OblisRegisters& frame)> smi;
+  std::function<uint32_t(uint16_t port, int width)> ioRead;
+  std::function<void(uint16_t port, uint8_t value)> ioWrite8;
+  std::function<bool(uint32_t address, void* out, uint32_t length)> readPhysical;
+};
+void SetPlatformBackend(PlatformBackend backend);
+
+}  // namespace emu
