@@ -37,6 +37,7 @@ constexpr UINT16 kVendorDell = 0x1028;
 constexpr UINT16 kVendorToshiba = 0x1179;
 constexpr UINT16 kVendorLenovo = 0x17AA;
 
+#pragma pack(push, 1)
 struct PlatformInfo {
   Bool modelNameCheck;
   Bool modelVersionCheck;
@@ -50,6 +51,7 @@ struct PlatformInfo {
   CHAR16 modelName[256];
   CHAR16 modelVersion[256];
 };
+#pragma pack(pop)
 static_assert(sizeof(PlatformInfo) == 0x409, "PlatformInfo is 0x409 bytes");
 
 Bool SMI_IsSupport();
