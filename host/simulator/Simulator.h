@@ -22,6 +22,13 @@ struct Region {
   uint32_t attribute = 0;
 };
 
+// An extra volume of the machine: a host directory (relative to the machine file) and the
+// kind of device path its handle carries: "usb", "sata", "emmc" or "other".
+struct VolumeDescription {
+  std::string path;
+  std::string kind;
+};
+
 struct Fault {
   uint8_t code = 0;
   std::optional<uint32_t> times;  // none: fails every time
@@ -71,6 +78,7 @@ struct Machine {
   bool acpi20 = true;
   bool oblisSignature = true;
   uint8_t smiNumber = 0xDF;
+  std::vector<VolumeDescription> volumes;  // behind the tool's own volume, in handle order
 };
 
 Machine DefaultMachine();
