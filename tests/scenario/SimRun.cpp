@@ -1,0 +1,112 @@
+// Runs the front end as a child process in a fresh scratch directory per run.
+#include "SimRun.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string ReadText(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+void WriteBytes(const fs::path& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary);
+  out << bytes;
+}
+
+std::string Quote(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text) {
+    if (c == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted + "'";
+}
+
+}  // namespace
+
+std::vector<std::string> SimResult::FunctionOrder() const {
+  std::vector<std::string> order;
+  for (const auto& call : calls) {
+    order.push_back(call.fn);
+  }
+  return order;
+}
+
+size_t FindFrom(const std::string& haystack, const std::string& needle, size_t from) {
+  if (from == std::string::npos) {
+    return std::string::npos;
+  }
+  return haystack.find(needle, from);
+}
+
+SimResult RunSim(const SimRequest& request) {
+  char pattern[] = "/tmp/zaprom-scenario-XXXXXX";
+  fs::path root = mkdtemp(pattern);
+  fs::path volume = root / "volume";
+  fs::create_directories(volume);
+  for (const auto& [name, content] : request.volumeFiles) {
+    WriteBytes(volume / name, content);
+  }
+
+  std::string command = std::string(ZAPROM_SIM_PATH) + " --volume " + Quote(volume.string());
+  if (!request.machineJson.empty()) {
+    WriteBytes(root / "machine.json", request.machineJson);
+    command += " --machine " + Quote((root / "machine.json").string());
+  }
+  fs::path flashPath = root / "flash.bin";
+  if (!request.flash.empty()) {
+    WriteBytes(flashPath, std::string(request.flash.begin(), request.flash.end()));
+  }
+  command += " --flash " + Quote(flashPath.string());
+  command += " --trace-smi " + Quote((root / "smi.jsonl").string());
+  if (!request.keys.empty()) {
+    command += " --keys " + Quote(request.keys);
+  }
+  command += " --";
+  for (const auto& argument : request.arguments) {
+    command += " " + Quote(argument);
+  }
+  command += " >" + Quote((root / "stdout.txt").string()) + " 2>" + Quote((root / "stderr.txt").string()) +
+             " </dev/null";
+
+  SimResult result;
+  int status = std::system(command.c_str());
+  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.console = ReadText(root / "stdout.txt");
+  result.errors = ReadText(root / "stderr.txt");
+  result.logExists = fs::exists(volume / "ZAPROM.Log");
+  if (result.logExists) {
+    result.log = ReadText(volume / "ZAPROM.Log");
+  }
+  std::string flash = ReadText(flashPath);
+  result.flash.assign(flash.begin(), flash.end());
+  std::ifstream trace(root / "smi.jsonl");
+  for (std::string line; std::getline(trace, line);) {
+    if (line.empty()) {
+      continue;
+    }
+    auto record = nlohmann::json::parse(line);
+    SmiCall call;
+    call.fn = record.at("fn").get<std::string>();
+    call.in = record.at("in");
+    call.out = record.at("out");
+    call.status = record.at("status").get<int>();
+    result.calls.push_back(call);
+  }
+  fs::remove_all(root);
+  return result;
+}

@@ -1,0 +1,42 @@
+// Runs zaprom-sim in a scratch directory with a machine description, tool arguments and keys,
+// and gathers what a person would look at afterwards: the exit status, the console text, the
+// log file, the flash file and the SMI trace.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct SimRequest {
+  std::string machineJson;  // empty: the embedded default machine
+  std::vector<std::string> arguments;
+  std::string keys;
+  std::vector<uint8_t> flash;  // empty: the simulator's default content
+  std::vector<std::pair<std::string, std::string>> volumeFiles;  // name, content
+};
+
+struct SmiCall {
+  std::string fn;
+  nlohmann::json in;
+  nlohmann::json out;
+  int status = -1;
+};
+
+struct SimResult {
+  int exitCode = -1;
+  std::string console;  // standard output
+  std::string errors;   // standard error
+  std::string log;      // ZAPROM.Log, empty if none
+  bool logExists = false;
+  std::vector<uint8_t> flash;
+  std::vector<SmiCall> calls;
+
+  std::vector<std::string> FunctionOrder() const;
+};
+
+SimResult RunSim(const SimRequest& request);
+
+// Position of needle in haystack at or after from, or npos: for "this text, then that text".
+size_t FindFrom(const std::string& haystack, const std::string& needle, size_t from);
