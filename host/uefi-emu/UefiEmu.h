@@ -42,6 +42,14 @@ struct Options {
 
 // What the tool does when it waits for a key and the script has none left.
 constexpr int kExitNoKeysLeft = 3;
+// Consecutive ReadKeyStroke polls without a key, once the script is used up, before the wait
+// counts as hopeless.
+constexpr uint64_t kIdlePollsBeforeNoKeysLeft = 100000;
+
+// Parses a key script ("{F1}", "{ESC}", "{ENTER}", "{UP}", "{DOWN}", "{LEFT}", "{RIGHT}",
+// "{F2}".."{F10}", "{{" for '{', any other UTF-8 character as itself). False with a message on
+// an unknown "{...}" name or an unclosed brace.
+bool ParseKeys(const std::string& text, std::vector<EFI_INPUT_KEY>& keys, std::string& error);
 
 class Environment {
  public:
@@ -75,6 +83,23 @@ class Environment {
   // Whether [address, address + length) lies inside live pool or page memory handed out by
   // this environment; the simulator refuses any other address in a transaction.
   bool ContainsAddress(uint64_t address, uint64_t length) const;
+  // Pool blocks and page ranges handed out and not yet freed.
+  size_t LiveAllocations() const;
+
+  // The 80x25 screen as the console left it: rows joined by '\n', trailing blanks trimmed.
+  std::string ScreenText() const;
+  // Called (instead of returning EFI_NOT_READY forever) when the tool keeps polling for a key
+  // and the script has none left; the default exits the process with kExitNoKeysLeft.
+  void SetKeysExhaustedHandler(std::function<void()> handler);
+  // Called by ResetSystem after it has been recorded; without a handler ResetSystem returns.
+  void SetResetHandler(std::function<void(EFI_RESET_TYPE)> handler);
+  const std::vector<EFI_RESET_TYPE>& Resets() const;
+  // What EFI_SHELL_PROTOCOL.Execute answers; without a handler every command succeeds.
+  void SetShellExecuteHandler(std::function<EFI_STATUS(const std::u16string& command)> handler);
+  // The handle of volume index (the handle that carries its file system and device path).
+  EFI_HANDLE VolumeHandle(size_t index) const;
+  // A problem found while setting up (such as an unreadable variable store); empty when none.
+  const std::string& SetupError() const;
 };
 
 // The host side of the driver's platform seams. Without a backend a seam call aborts the

@@ -1,0 +1,136 @@
+// The state shared by the pieces of the emulated environment (memory, console, handles, files,
+// variables, images). UEFI calls carry no context, so the one live Environment is reached
+// through a process-wide pointer; nothing outside host/uefi-emu includes this header.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "UefiEmu.h"
+
+namespace emu::detail {
+
+struct HandleRecord {
+  std::vector<std::pair<EFI_GUID, void*>> protocols;
+};
+
+struct MemoryBlock {
+  uintptr_t mapBase = 0;    // the whole mapping, guard page included
+  size_t mapLength = 0;
+  uintptr_t base = 0;       // what the caller received
+  size_t length = 0;
+  bool pool = false;
+  size_t pages = 0;
+};
+
+// Standard layout, so that the This pointer of a file system call leads back to its volume.
+struct VolumeFileSystem {
+  EFI_SIMPLE_FILE_SYSTEM_PROTOCOL protocol;
+  size_t index;
+};
+
+struct VolumeRecord {
+  std::string hostDirectory;
+  VolumeKind kind = VolumeKind::Sata;
+  std::unique_ptr<VolumeFileSystem> fileSystem;
+  std::vector<uint8_t> devicePath;
+  EFI_HANDLE handle = nullptr;
+};
+
+struct ImageRecord {
+  EFI_HANDLE handle = nullptr;
+  std::unique_ptr<EFI_LOADED_IMAGE_PROTOCOL> loaded;
+  EFI_IMAGE_ENTRY_POINT entry = nullptr;
+  bool started = false;
+  std::vector<uint8_t> filePath;
+  std::vector<std::u16string> argumentText;
+  std::vector<CHAR16*> argv;
+  std::unique_ptr<EFI_SHELL_PARAMETERS_PROTOCOL> parameters;
+  void* imageCopy = nullptr;
+};
+
+struct StoredVariable {
+  uint32_t attributes = 0;
+  std::vector<uint8_t> data;
+};
+
+struct State {
+  Options options;
+  EFI_SYSTEM_TABLE systemTable{};
+  EFI_BOOT_SERVICES bootServices{};
+  EFI_RUNTIME_SERVICES runtimeServices{};
+  std::vector<EFI_CONFIGURATION_TABLE> configurationTables;
+  std::u16string firmwareVendor = u"Dovrin host emulation";
+
+  // memory, keyed by the address handed out
+  std::map<uintptr_t, MemoryBlock> blocks;
+
+  // clock
+  uint64_t stalled = 0;
+  std::vector<uint64_t> stallCalls;
+
+  // console
+  EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL textOut{};
+  SIMPLE_TEXT_OUTPUT_MODE textMode{};
+  EFI_SIMPLE_TEXT_INPUT_PROTOCOL textIn{};
+  std::string transcript;
+  std::vector<std::u16string> screen;
+  std::vector<EFI_INPUT_KEY> keys;
+  size_t nextKey = 0;
+  uint64_t idlePolls = 0;
+  std::function<void()> keysExhausted;
+
+  // handle database, in creation order
+  std::vector<std::unique_ptr<HandleRecord>> handles;
+  EFI_HANDLE consoleHandle = nullptr;
+
+  // volumes and images
+  std::vector<VolumeRecord> volumes;
+  std::vector<std::unique_ptr<ImageRecord>> images;
+  std::vector<std::pair<std::u16string, EFI_IMAGE_ENTRY_POINT>> linkedImages;
+  EFI_SHELL_PROTOCOL shell{};
+  bool shellInstalled = false;
+  EFI_HANDLE shellHandle = nullptr;
+  std::u16string currentDirectory = u"FS0:\\";
+  std::vector<std::u16string> executed;
+  std::function<EFI_STATUS(const std::u16string&)> executeHandler;
+
+  // variables, keyed by GUID text and name
+  std::map<std::pair<std::string, std::u16string>, StoredVariable> variables;
+  std::string variablesFile;
+  std::string setupError;
+
+  // reset
+  std::vector<EFI_RESET_TYPE> resets;
+  std::function<void(EFI_RESET_TYPE)> resetHandler;
+};
+
+extern State* g;
+
+// Text conversions between the tool's 16-bit text and the host's UTF-8.
+std::string ToUtf8(const std::u16string& text);
+std::u16string FromUtf8(const std::string& text);
+std::u16string FoldCase(std::u16string text);
+bool GuidEqual(const EFI_GUID& left, const EFI_GUID& right);
+std::string GuidText(const EFI_GUID& guid);
+bool ParseGuid(const std::string& text, EFI_GUID& guid);
+
+// Pieces of the tables, each filled in by the file that implements it.
+void InstallMemoryServices(EFI_BOOT_SERVICES& services);
+void ReleaseAllMemory();
+void* AllocateHostPool(size_t size);
+void InstallConsole(State& state);
+void InstallHandleServices(EFI_BOOT_SERVICES& services);
+EFI_HANDLE NewHandle();
+EFI_STATUS InstallProtocol(EFI_HANDLE* handle, const EFI_GUID& guid, void* interface);
+void ReleaseHandles();
+void InstallImageServices(EFI_BOOT_SERVICES& services);
+void CreateVolumes(State& state);
+void ReleaseFiles();
+void InstallVariableServices(State& state);
+
+}  // namespace emu::detail

@@ -1,0 +1,223 @@
+// Pool and page memory of the emulated environment: every block lies below 4 GB (the firmware
+// takes 32-bit addresses) with an inaccessible guard page right behind it, so that an overrun
+// faults at once. Keeps the registry that tells the simulator which addresses it may touch.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "EmuInternal.h"
+
+// Bounds of the executable's own image; the programs are linked without PIE, so they lie low.
+extern "C" char __executable_start;
+extern "C" char _end;
+
+namespace emu {
+namespace detail {
+namespace {
+
+constexpr size_t kPage = 4096;
+// Fresh memory is filled with this byte: firmware pool is not zeroed either, and a tool that
+// forgets to clear its buffer should see garbage here rather than lucky zeros.
+constexpr uint8_t kFreshMemoryByte = 0xAF;
+// The lowest address a probe for memory below a limit tries; keeps clear of the null page.
+constexpr uintptr_t kLowestProbe = 0x100000;
+
+struct Range {
+  uintptr_t begin;
+  uintptr_t end;
+};
+
+std::vector<Range> MappedRanges() {
+  std::vector<Range> ranges;
+  std::ifstream maps("/proc/self/maps");
+  std::string line;
+  while (std::getline(maps, line)) {
+    unsigned long begin = 0, end = 0;
+    if (std::sscanf(line.c_str(), "%lx-%lx", &begin, &end) == 2) ranges.push_back({begin, end});
+  }
+  return ranges;
+}
+
+// A mapping of length bytes that ends at or below limit + 1, found by looking for the highest
+// free gap in the process's map; MAP_FIXED_NOREPLACE makes a race with another mapping fail
+// instead of clobbering it.
+void* MapBelowByProbing(uint64_t limit, size_t length) {
+  for (int attempt = 0; attempt < 8; ++attempt) {
+    std::vector<Range> used = MappedRanges();
+    uintptr_t top = static_cast<uintptr_t>(limit + 1) & ~(kPage - 1);
+    uintptr_t chosen = 0;
+    // Walk the gaps from high to low addresses.
+    for (size_t i = used.size() + 1; i-- > 0;) {
+      uintptr_t gapEnd = i < used.size() ? used[i].begin : UINTPTR_MAX;
+      uintptr_t gapBegin = i > 0 ? used[i - 1].end : 0;
+      if (gapEnd > top) gapEnd = top;
+      if (gapBegin < kLowestProbe) gapBegin = kLowestProbe;
+      if (gapEnd > gapBegin && gapEnd - gapBegin >= length) {
+        chosen = gapEnd - length;
+        break;
+      }
+    }
+    if (chosen == 0) return nullptr;
+    void* p = mmap(reinterpret_cast<void*>(chosen), length, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+    if (p == MAP_FAILED) continue;
+    if (reinterpret_cast<uintptr_t>(p) == chosen) return p;
+    munmap(p, length);  // an old kernel took the address as a mere hint
+  }
+  return nullptr;
+}
+
+void* MapBelow(uint64_t limit, size_t length) {
+  if (limit >= 0x7FFFFFFF) {
+    void* p = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_32BIT, -1, 0);
+    if (p != MAP_FAILED) {
+      if (reinterpret_cast<uintptr_t>(p) + length - 1 <= limit) return p;
+      munmap(p, length);
+    }
+  }
+  return MapBelowByProbing(limit, length);
+}
+
+// Maps pages plus one guard page behind them and registers the block.
+MemoryBlock* MapBlock(size_t pages, uint64_t limit, uintptr_t fixedAddress) {
+  size_t mapLength = (pages + 1) * kPage;
+  void* p = nullptr;
+  if (fixedAddress != 0) {
+    p = mmap(reinterpret_cast<void*>(fixedAddress), mapLength, PROT_READ | PROT_WRITE,
+             MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+    if (p == MAP_FAILED) return nullptr;
+    if (reinterpret_cast<uintptr_t>(p) != fixedAddress) {
+      munmap(p, mapLength);
+      return nullptr;
+    }
+  } else {
+    p = MapBelow(limit, mapLength);
+    if (p == nullptr) return nullptr;
+  }
+  uint8_t* base = static_cast<uint8_t*>(p);
+  std::memset(base, kFreshMemoryByte, pages * kPage);
+  mprotect(base + pages * kPage, kPage, PROT_NONE);
+  MemoryBlock block;
+  block.mapBase = reinterpret_cast<uintptr_t>(base);
+  block.mapLength = mapLength;
+  block.base = block.mapBase;
+  block.length = pages * kPage;
+  block.pages = pages;
+  return &g->blocks.emplace(block.base, block).first->second;
+}
+
+EFI_STATUS EFIAPI AllocatePool(EFI_MEMORY_TYPE, UINTN size, VOID** buffer) {
+  if (buffer == nullptr) return EFI_INVALID_PARAMETER;
+  *buffer = AllocateHostPool(size);
+  return *buffer == nullptr ? EFI_OUT_OF_RESOURCES : EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FreePool(VOID* buffer) {
+  auto it = g->blocks.find(reinterpret_cast<uintptr_t>(buffer));
+  if (buffer == nullptr || it == g->blocks.end() || !it->second.pool) {
+    std::fprintf(stderr, "zaprom-emu: FreePool of %p, which is no pool block handed out\n", buffer);
+    return EFI_INVALID_PARAMETER;
+  }
+  munmap(reinterpret_cast<void*>(it->second.mapBase), it->second.mapLength);
+  g->blocks.erase(it);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI AllocatePages(EFI_ALLOCATE_TYPE type, EFI_MEMORY_TYPE, UINTN pages, EFI_PHYSICAL_ADDRESS* memory) {
+  if (memory == nullptr || type >= MaxAllocateType || pages == 0) return EFI_INVALID_PARAMETER;
+  if (pages > (1u << 20)) return EFI_OUT_OF_RESOURCES;  // 4 GB is all there is
+  MemoryBlock* block = nullptr;
+  switch (type) {
+    case AllocateAnyPages:
+      block = MapBlock(pages, 0xFFFFFFFF, 0);
+      break;
+    case AllocateMaxAddress:
+      if (*memory < kPage) return EFI_OUT_OF_RESOURCES;
+      block = MapBlock(pages, *memory < 0xFFFFFFFF ? *memory : 0xFFFFFFFF, 0);
+      break;
+    case AllocateAddress:
+      if ((*memory & (kPage - 1)) != 0 || *memory == 0) return EFI_NOT_FOUND;
+      if (*memory + pages * kPage > 0x100000000ULL) return EFI_NOT_FOUND;
+      block = MapBlock(pages, 0, static_cast<uintptr_t>(*memory));
+      if (block == nullptr) return EFI_NOT_FOUND;
+      break;
+    default:
+      return EFI_INVALID_PARAMETER;
+  }
+  if (block == nullptr) return EFI_OUT_OF_RESOURCES;
+  *memory = block->base;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FreePages(EFI_PHYSICAL_ADDRESS memory, UINTN pages) {
+  auto it = g->blocks.find(static_cast<uintptr_t>(memory));
+  if (it == g->blocks.end() || it->second.pool) {
+    std::fprintf(stderr, "zaprom-emu: FreePages of 0x%llx, which is no page range handed out\n",
+                 static_cast<unsigned long long>(memory));
+    return EFI_NOT_FOUND;
+  }
+  if (it->second.pages != pages) {
+    std::fprintf(stderr, "zaprom-emu: FreePages of 0x%llx with %zu pages, allocated with %zu\n",
+                 static_cast<unsigned long long>(memory), static_cast<size_t>(pages), it->second.pages);
+    return EFI_INVALID_PARAMETER;
+  }
+  munmap(reinterpret_cast<void*>(it->second.mapBase), it->second.mapLength);
+  g->blocks.erase(it);
+  return EFI_SUCCESS;
+}
+
+}  // namespace
+
+// The block is placed so that its end, rounded up to 8 bytes, touches the guard page.
+void* AllocateHostPool(size_t size) {
+  if (size > 0xFFFFFFFFu - 2 * kPage) return nullptr;
+  size_t rounded = (size + 7) & ~static_cast<size_t>(7);
+  size_t pages = rounded == 0 ? 1 : (rounded + kPage - 1) / kPage;
+  MemoryBlock* block = MapBlock(pages, 0xFFFFFFFF, 0);
+  if (block == nullptr) return nullptr;
+  MemoryBlock pool = *block;
+  g->blocks.erase(block->base);
+  pool.pool = true;
+  pool.base = pool.mapBase + pages * kPage - rounded;
+  pool.length = size;
+  g->blocks.emplace(pool.base, pool);
+  return reinterpret_cast<void*>(pool.base);
+}
+
+void InstallMemoryServices(EFI_BOOT_SERVICES& services) {
+  services.AllocatePool = AllocatePool;
+  services.FreePool = FreePool;
+  services.AllocatePages = AllocatePages;
+  services.FreePages = FreePages;
+}
+
+void ReleaseAllMemory() {
+  for (auto& [base, block] : g->blocks) munmap(reinterpret_cast<void*>(block.mapBase), block.mapLength);
+  g->blocks.clear();
+}
+
+}  // namespace detail
+
+bool Environment::ContainsAddress(uint64_t address, uint64_t length) const {
+  using detail::g;
+  if (length > 0xFFFFFFFFULL || address > 0xFFFFFFFFULL || address + length > 0x100000000ULL) return false;
+  uint64_t end = address + length;
+  // The executable's own static data, which the driver may hand to the firmware as it is.
+  uint64_t imageBegin = reinterpret_cast<uintptr_t>(&__executable_start);
+  uint64_t imageEnd = reinterpret_cast<uintptr_t>(&_end);
+  if (address >= imageBegin && end <= imageEnd) return true;
+  auto it = g->blocks.upper_bound(static_cast<uintptr_t>(address));
+  if (it == g->blocks.begin()) return false;
+  --it;
+  const detail::MemoryBlock& block = it->second;
+  return address >= block.base && end <= block.base + block.length;
+}
+
+size_t Environment::LiveAllocations() const { return detail::g->blocks.size(); }
+
+}  // namespace emu

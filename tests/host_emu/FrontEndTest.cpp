@@ -1,0 +1,63 @@
+// The zaprom-sim front end as a user meets it: its own misuse ends with status 2 and a message
+// that names the problem, and the flash file is written back however the run ends.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "EmuHarness.h"
+
+namespace {
+
+// The front end is built next to the tests' folder; a build without it skips these tests.
+std::string FrontEndPath() {
+  std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
+  return (self.parent_path().parent_path() / "zaprom-sim").string();
+}
+
+struct Outcome {
+  int status;
+  std::string errors;
+};
+
+Outcome RunFrontEnd(const ScratchDirectory& scratch, const std::string& arguments) {
+  std::string command = "cd '" + scratch.path() + "' && '" + FrontEndPath() + "' " + arguments +
+                        " </dev/null >stdout.txt 2>stderr.txt";
+  int raw = std::system(command.c_str());
+  return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadHostFile(scratch / "stderr.txt")};
+}
+
+TEST(ZaPromSim, MisuseOfTheFrontEndEndsWithStatusTwoAndSaysWhy) {
+  if (!std::filesystem::exists(FrontEndPath())) GTEST_SKIP() << "zaprom-sim is not built";
+  ScratchDirectory scratch;
+  WriteHostFile(scratch / "broken.json", "{ \"flashSize\": ");
+  struct Row {
+    std::string arguments;
+    std::string firstLine;
+  };
+  const Row rows[] = {
+      {"--bogus", "zaprom-sim: unknown option --bogus"},
+      {"--flash", "zaprom-sim: option --flash needs a value"},
+      {"--keys '{F1'", "zaprom-sim: --keys: unclosed '{' in the keys at character 1"},
+      {"--machine missing.json", "zaprom-sim: cannot read the machine file missing.json"},
+      {"--machine broken.json", "zaprom-sim: broken.json: "},
+      {"--volume no-such-dir", "zaprom-sim: the volume directory no-such-dir does not exist"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.arguments);
+    Outcome outcome = RunFrontEnd(scratch, row.arguments);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors.rfind(row.firstLine, 0), 0u) << outcome.errors;
+  }
+}
+
+TEST(ZaPromSim, FlashFileIsCreatedWithTheDefaultContentWhenMissing) {
+  if (!std::filesystem::exists(FrontEndPath())) GTEST_SKIP() << "zaprom-sim is not built";
+  ScratchDirectory scratch;
+  Outcome outcome = RunFrontEnd(scratch, "--flash flash.bin --keys '' -- -h");
+  EXPECT_NE(outcome.status, 2) << outcome.errors;
+  ASSERT_TRUE(std::filesystem::exists(scratch / "flash.bin"));
+  EXPECT_EQ(std::filesystem::file_size(scratch / "flash.bin"), 16u << 20);  // the default machine's part
+}
+
+}  // namespace
