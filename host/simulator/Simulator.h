@@ -20,6 +20,7 @@ struct Region {
   uint32_t address = 0;
   uint32_t size = 0;
   uint32_t attribute = 0;
+  bool operator==(const Region&) const = default;
 };
 
 // An extra volume of the machine: a host directory (relative to the machine file) and the
@@ -27,11 +28,13 @@ struct Region {
 struct VolumeDescription {
   std::string path;
   std::string kind;
+  bool operator==(const VolumeDescription&) const = default;
 };
 
 struct Fault {
   uint8_t code = 0;
   std::optional<uint32_t> times;  // none: fails every time
+  bool operator==(const Fault&) const = default;
 };
 
 struct Variable {
@@ -39,6 +42,7 @@ struct Variable {
   EFI_GUID guid{};
   uint32_t attributes = 0;
   std::vector<uint8_t> data;
+  bool operator==(const Variable& other) const;
 };
 
 // The machine description. Every field has the default machine's value unless the JSON sets it.
@@ -79,12 +83,26 @@ struct Machine {
   bool oblisSignature = true;
   uint8_t smiNumber = 0xDF;
   std::vector<VolumeDescription> volumes;  // behind the tool's own volume, in handle order
+  bool operator==(const Machine&) const = default;
 };
 
 Machine DefaultMachine();
 // Parses a description; keys left out keep the default machine's values. False with a message
 // on a bad key or value.
 bool ParseMachine(const std::string& jsonText, Machine& machine, std::string& error);
+
+// The flash content of a machine that brings none: an Intel flash descriptor with descriptor,
+// ME and BIOS regions, a "$BVDT$" block in the OEM Data region, all else erased (0xFF).
+std::vector<uint8_t> DefaultFlashContent(const Machine& machine);
+// Empty when the content fits the machine (an empty content stands for the default content),
+// otherwise the reason. The Simulator constructor throws std::invalid_argument with this text.
+std::string ValidateFlashContent(const Machine& machine, const std::vector<uint8_t>& content);
+// Model name and version as the "$BVDT$" block of the content tells them; false without one.
+bool ReadBvdtIdentity(const std::vector<uint8_t>& content, std::string& model, std::string& version);
+
+// Where the simulated firmware keeps its tables in the legacy BIOS area.
+constexpr uint32_t kLegacyAreaStart = 0xE0000;
+constexpr uint32_t kLegacyAreaEnd = 0xFFFFF;  // last byte
 
 // How the simulator reaches the memory that the tool hands it by address.
 struct MemoryAccess {
@@ -94,14 +112,22 @@ struct MemoryAccess {
 
 class Simulator {
  public:
+  // Throws std::invalid_argument with the text of ValidateFlashContent for a content that does
+  // not fit the machine.
   Simulator(Machine machine, std::vector<uint8_t> flash, MemoryAccess memory);
   ~Simulator();
+  Simulator(const Simulator&) = delete;
+  Simulator& operator=(const Simulator&) = delete;
 
   // One SMI transaction: the port write of AL to DX with the registers of frame.
   void Transact(OblisRegisters& frame);
   uint32_t IoRead(uint16_t port, int width);
   void IoWrite8(uint16_t port, uint8_t value);
+  // The legacy BIOS area 0xE0000-0xFFFFF and the flash part mapped below 4 GB; false for any
+  // range that leaves known memory.
   bool ReadPhysical(uint32_t address, void* out, uint32_t length) const;
+  // Address of the "$OBLIS" signature in the legacy area (0 when the machine has none).
+  uint32_t OblisSignatureAddress() const;
 
   // Physical addresses of the RSDP for the configuration table (0 when the machine has none).
   uint32_t Acpi10Rsdp() const;

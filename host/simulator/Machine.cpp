@@ -1,0 +1,372 @@
+// The machine description: the embedded default machine and the JSON reader that changes it key
+// by key. It checks each value's type and range and names the key it refuses; what the machine
+// then does with the values is the simulator's business.
+#include <cctype>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "MachineLayout.h"
+#include "Simulator.h"
+
+namespace sim {
+
+namespace {
+
+using nlohmann::json;
+
+// EFI_VARIABLE_BOOTSERVICE_ACCESS | EFI_VARIABLE_RUNTIME_ACCESS
+constexpr uint32_t kSetupModeAttributes = 0x6;
+
+// A refusal travelling up to ParseMachine, carrying the message that names the key.
+struct BadValue {
+  std::string message;
+};
+
+[[noreturn]] void Refuse(const std::string& key, const std::string& why) {
+  throw BadValue{key + ": " + why};
+}
+
+uint64_t ReadNumber(const json& value, const std::string& key, uint64_t limit) {
+  uint64_t number = 0;
+  if (value.is_number_unsigned()) {
+    number = value.get<uint64_t>();
+  } else if (value.is_number_integer()) {
+    Refuse(key, "negative numbers are not allowed");
+  } else if (value.is_string()) {
+    const std::string text = value.get<std::string>();
+    if (text.size() < 3 || text.size() > 18 || text[0] != '0' || (text[1] != 'x' && text[1] != 'X')) {
+      Refuse(key, "\"" + text + "\" is not a number (write 123 or \"0x7B\")");
+    }
+    for (size_t i = 2; i < text.size(); ++i) {
+      const char c = text[i];
+      int digit = (c >= '0' && c <= '9') ? c - '0'
+                  : (c >= 'a' && c <= 'f') ? c - 'a' + 10
+                  : (c >= 'A' && c <= 'F') ? c - 'A' + 10
+                                           : -1;
+      if (digit < 0) Refuse(key, "\"" + text + "\" is not a hexadecimal number");
+      if (number > (UINT64_MAX >> 4)) Refuse(key, "\"" + text + "\" is too large");
+      number = number * 16 + static_cast<uint64_t>(digit);
+    }
+  } else {
+    Refuse(key, "expected a number or a \"0x...\" string");
+  }
+  if (number > limit) {
+    Refuse(key, "value " + std::to_string(number) + " is larger than " + std::to_string(limit));
+  }
+  return number;
+}
+
+uint8_t ReadU8(const json& v, const std::string& key) { return static_cast<uint8_t>(ReadNumber(v, key, 0xFF)); }
+uint16_t ReadU16(const json& v, const std::string& key) { return static_cast<uint16_t>(ReadNumber(v, key, 0xFFFF)); }
+uint32_t ReadU32(const json& v, const std::string& key) { return static_cast<uint32_t>(ReadNumber(v, key, 0xFFFFFFFFu)); }
+
+bool ReadBool(const json& value, const std::string& key) {
+  if (!value.is_boolean()) Refuse(key, "expected true or false");
+  return value.get<bool>();
+}
+
+std::string ReadText(const json& value, const std::string& key, size_t maxLength) {
+  if (!value.is_string()) Refuse(key, "expected a string");
+  std::string text = value.get<std::string>();
+  if (text.size() > maxLength) Refuse(key, "longer than " + std::to_string(maxLength) + " characters");
+  for (unsigned char c : text) {
+    if (c < 0x20 || c > 0x7E) Refuse(key, "only printable ASCII characters are allowed");
+  }
+  return text;
+}
+
+std::u16string Widen(const std::string& text) { return std::u16string(text.begin(), text.end()); }
+
+// A function number written "44h", "0x44" or 68.
+uint8_t ReadFunctionNumber(const json& value, const std::string& key) {
+  if (value.is_string()) {
+    const std::string text = value.get<std::string>();
+    if (text.size() == 3 && (text[2] == 'h' || text[2] == 'H') && std::isxdigit(static_cast<unsigned char>(text[0])) &&
+        std::isxdigit(static_cast<unsigned char>(text[1]))) {
+      return static_cast<uint8_t>(std::stoul(text.substr(0, 2), nullptr, 16));
+    }
+    if (text.rfind("0x", 0) != 0 && text.rfind("0X", 0) != 0) {
+      Refuse(key, "\"" + text + "\" is not a function number (write \"44h\")");
+    }
+  }
+  return ReadU8(value, key);
+}
+
+const json& Object(const json& value, const std::string& key) {
+  if (!value.is_object()) Refuse(key, "expected an object");
+  return value;
+}
+
+const json& Array(const json& value, const std::string& key) {
+  if (!value.is_array()) Refuse(key, "expected an array");
+  return value;
+}
+
+// Calls take(name, value) for each member; a member that take does not know is refused.
+template <typename Take>
+void ForEachMember(const json& object, const std::string& key, Take take) {
+  for (const auto& [name, value] : Object(object, key).items()) {
+    const std::string path = key.empty() ? name : key + "." + name;
+    if (!take(name, value, path)) throw BadValue{"unknown key '" + path + "'"};
+  }
+}
+
+std::vector<uint8_t> ReadBytes(const json& value, const std::string& key) {
+  std::vector<uint8_t> bytes;
+  size_t index = 0;
+  for (const json& item : Array(value, key)) bytes.push_back(ReadU8(item, key + "[" + std::to_string(index++) + "]"));
+  return bytes;
+}
+
+// Refuses any member of a record that is not one of names.
+void OnlyKeys(const json& item, const std::string& path, const std::vector<std::string>& names) {
+  Object(item, path);
+  for (const auto& [name, v] : item.items()) {
+    bool known = false;
+    for (const std::string& n : names) known = known || n == name;
+    if (!known) throw BadValue{"unknown key '" + path + "." + name + "'"};
+  }
+}
+
+const json& Member(const json& item, const std::string& path, const std::string& name) {
+  if (!item.contains(name)) throw BadValue{path + ": missing \"" + name + "\""};
+  return item.at(name);
+}
+
+template <typename ReadOne>
+void ReadArray(const json& value, const std::string& key, ReadOne readOne) {
+  size_t index = 0;
+  for (const json& item : Array(value, key)) readOne(item, key + "[" + std::to_string(index++) + "]");
+}
+
+void ReadStatus(const json& value, Machine& m) {
+  ForEachMember(value, "status", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name == "permission") m.permission = ReadU8(v, key);
+    else if (name == "ac") m.ac = ReadU8(v, key);
+    else if (name == "dc") m.dc = ReadU8(v, key);
+    else if (name == "bound") m.bound = ReadU8(v, key);
+    else if (name == "vendor_id") m.vendorId = ReadU16(v, key);
+    else if (name == "major") m.major = ReadU8(v, key);
+    else if (name == "minor") m.minor = ReadU8(v, key);
+    else if (name == "filter") {
+      if (v.is_null()) m.filter.reset();
+      else m.filter = ReadBytes(v, key);
+    } else return false;
+    return true;
+  });
+}
+
+void ReadInfo(const json& value, Machine& m) {
+  ForEachMember(value, "info", [&](const std::string& name, const json& v, const std::string& key) {
+    // The name field holds 0x40 bytes and the version field 0xFF: 32 and 127 characters.
+    if (name == "model_name") m.modelName = Widen(ReadText(v, key, 32));
+    else if (name == "model_version") m.modelVersion = Widen(ReadText(v, key, 127));
+    else if (name == "policy") m.policy = ReadU8(v, key);
+    else if (name == "extended") m.extended = ReadU32(v, key);
+    else return false;
+    return true;
+  });
+}
+
+void ReadFlash(const json& value, Machine& m) {
+  ForEachMember(value, "flash", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name == "size") {
+      m.flashSize = ReadU32(v, key);
+      if (m.flashSize == 0) Refuse(key, "the part cannot be empty");
+    } else if (name == "size_index") m.sizeIndex = ReadU8(v, key);
+    else if (name == "vendor") m.flashVendor = ReadText(v, key, 31);
+    else if (name == "type") m.flashType = ReadText(v, key, 32);
+    else if (name == "device_id") m.deviceId = ReadU32(v, key);
+    else if (name == "blocks") {
+      m.blocks.clear();
+      ReadArray(v, key, [&](const json& item, const std::string& path) {
+        OnlyKeys(item, path, {"size", "count"});
+        const uint32_t size = ReadU32(Member(item, path, "size"), path + ".size");
+        // The block map carries sizes in units of 256 bytes and counts in 16 bits.
+        if (size == 0 || size % 256 != 0 || size / 256 > 0xFFFE) {
+          Refuse(path + ".size", "a block size is a non-zero multiple of 256 bytes below 0xFFFF00");
+        }
+        const uint32_t count = ReadU16(Member(item, path, "count"), path + ".count");
+        m.blocks.push_back({size, count});
+      });
+    } else return false;
+    return true;
+  });
+}
+
+void ReadMaps(const json& value, Machine& m) {
+  ForEachMember(value, "maps", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name == "protection") {
+      m.protection.clear();
+      ReadArray(v, key, [&](const json& item, const std::string& path) {
+        OnlyKeys(item, path, {"type", "address", "size"});
+        m.protection.push_back({ReadU8(Member(item, path, "type"), path + ".type"),
+                                ReadU32(Member(item, path, "address"), path + ".address"),
+                                ReadU32(Member(item, path, "size"), path + ".size"), 0});
+      });
+    } else if (name == "private") {
+      m.privateMap.clear();
+      ReadArray(v, key, [&](const json& item, const std::string& path) {
+        OnlyKeys(item, path, {"address", "size"});
+        m.privateMap.push_back({0xFE, ReadU32(Member(item, path, "address"), path + ".address"),
+                                ReadU32(Member(item, path, "size"), path + ".size"), 0});
+      });
+    } else if (name == "whole") {
+      m.whole.clear();
+      ReadArray(v, key, [&](const json& item, const std::string& path) {
+        OnlyKeys(item, path, {"type", "address", "size", "attribute"});
+        Region region{ReadU8(Member(item, path, "type"), path + ".type"),
+                      ReadU32(Member(item, path, "address"), path + ".address"),
+                      ReadU32(Member(item, path, "size"), path + ".size"), 0};
+        if (item.contains("attribute")) region.attribute = ReadU32(item.at("attribute"), path + ".attribute");
+        m.whole.push_back(region);
+      });
+    } else return false;
+    return true;
+  });
+  // The whole map's answer has room for kWholeMapBytes, its end record included.
+  if ((m.whole.size() + 1) * sizeof(OblisWholeMapRecord) > kWholeMapBytes) {
+    throw BadValue{"maps.whole: more records than fit in 0x1000 bytes with the end record"};
+  }
+}
+
+Variable SetupModeVariable() {
+  Variable variable;
+  variable.name = u"SetupMode";
+  variable.guid = kGlobalVariableGuid;
+  variable.attributes = kSetupModeAttributes;
+  variable.data = {0};  // user mode: the platform has Secure Boot and is deployed
+  return variable;
+}
+
+void ReadVariables(const json& value, Machine& m) {
+  ForEachMember(value, "variables", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name != "SetupMode") return false;
+    std::erase_if(m.variables, [](const Variable& x) { return x.name == u"SetupMode"; });
+    if (ReadBool(v, key)) m.variables.push_back(SetupModeVariable());
+    return true;
+  });
+}
+
+void ReadFaults(const json& value, Machine& m) {
+  m.faults.clear();
+  ForEachMember(value, "faults", [&](const std::string& name, const json& v, const std::string& key) {
+    const uint8_t function = ReadFunctionNumber(json(name), key);
+    OnlyKeys(v, key, {"code", "times"});
+    Fault fault;
+    fault.code = ReadU8(Member(v, key, "code"), key + ".code");
+    if (v.contains("times")) fault.times = ReadU32(v.at("times"), key + ".times");
+    m.faults[function] = fault;
+    return true;
+  });
+}
+
+void ReadAcpi(const json& value, Machine& m) {
+  ForEachMember(value, "acpi", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name == "smi_cmd_port") m.smiCmdPort = ReadU16(v, key);
+    else if (name == "dsdt_oem_id") m.dsdtOemId = ReadText(v, key, 6);
+    else if (name == "acpi10") m.acpi10 = ReadBool(v, key);
+    else if (name == "acpi20") m.acpi20 = ReadBool(v, key);
+    else return false;
+    return true;
+  });
+}
+
+void ReadOblis(const json& value, Machine& m) {
+  ForEachMember(value, "oblis", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name == "signature") m.oblisSignature = ReadBool(v, key);
+    else if (name == "smi_number") m.smiNumber = ReadU8(v, key);
+    else return false;
+    return true;
+  });
+}
+
+void ReadVolumes(const json& value, Machine& m) {
+  m.volumes.clear();
+  ReadArray(value, "volumes", [&](const json& item, const std::string& path) {
+    OnlyKeys(item, path, {"path", "kind"});
+    const json& pathValue = Member(item, path, "path");
+    if (!pathValue.is_string() || pathValue.get<std::string>().empty()) Refuse(path + ".path", "expected a directory name");
+    const json& kindValue = Member(item, path, "kind");
+    const std::string kind = kindValue.is_string() ? kindValue.get<std::string>() : std::string();
+    if (kind != "usb" && kind != "sata" && kind != "emmc" && kind != "other") {
+      Refuse(path + ".kind", "expected \"usb\", \"sata\", \"emmc\" or \"other\"");
+    }
+    m.volumes.push_back({pathValue.get<std::string>(), kind});
+  });
+}
+
+void ReadTop(const json& document, Machine& m) {
+  ForEachMember(document, "", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name == "description") {
+      if (!v.is_string()) Refuse(key, "expected a string");
+    } else if (name == "status") ReadStatus(v, m);
+    else if (name == "info") ReadInfo(v, m);
+    else if (name == "flash") ReadFlash(v, m);
+    else if (name == "maps") ReadMaps(v, m);
+    else if (name == "anti_theft") m.antiTheft = ReadU8(v, key);
+    else if (name == "variables") ReadVariables(v, m);
+    else if (name == "unsupported") {
+      m.unsupported.clear();
+      ReadArray(v, key, [&](const json& item, const std::string& path) { m.unsupported.push_back(ReadFunctionNumber(item, path)); });
+    } else if (name == "faults") ReadFaults(v, m);
+    else if (name == "acpi") ReadAcpi(v, m);
+    else if (name == "oblis") ReadOblis(v, m);
+    else if (name == "volumes") ReadVolumes(v, m);
+    else return false;
+    return true;
+  });
+}
+
+}  // namespace
+
+bool Variable::operator==(const Variable& other) const {
+  return name == other.name && std::memcmp(&guid, &other.guid, sizeof(guid)) == 0 && attributes == other.attributes &&
+         data == other.data;
+}
+
+Machine DefaultMachine() {
+  using namespace layout;
+  Machine m;
+  m.flashSize = kFlashSize;
+  m.sizeIndex = 8;
+  m.blocks = {{0x1000, kFlashSize / 0x1000}};
+  // 1Eh: the whole BIOS region, region by region.
+  m.whole = {
+      {0x06, kNvStorage, kNvStorageSize, 0},  {0x07, kFtwBackup, kFtwBackupSize, 0},
+      {0x08, kFtwState, kFtwStateSize, 0},    {0x0A, kOemData, kOemDataSize, 0},
+      {0x01, kMicrocode, kMicrocodeSize, 0},  {0x03, kDxe, kDxeSize, 0},
+      {0x00, kPei, kPeiSize, 0},
+  };
+  // 12h: the variable store and its fault-tolerant-write spare are kept; the FTW state block
+  // is the firmware's own working area. The OEM Data region is not protected: it holds the
+  // BVDT, which an update must be able to replace.
+  m.protection = {{0x06, kNvStorage, kNvStorageSize, 0}, {0x07, kFtwBackup, kFtwBackupSize, 0}};
+  m.privateMap = {{0xFE, kFtwState, kFtwStateSize, 0}};
+  return m;
+}
+
+bool ParseMachine(const std::string& jsonText, Machine& machine, std::string& error) {
+  json document;
+  try {
+    document = json::parse(jsonText);
+  } catch (const json::parse_error& e) {
+    error = std::string("machine description is not valid JSON: ") + e.what();
+    return false;
+  }
+  if (!document.is_object()) {
+    error = "machine description must be a JSON object";
+    return false;
+  }
+  Machine parsed = DefaultMachine();
+  try {
+    ReadTop(document, parsed);
+  } catch (const BadValue& bad) {
+    error = bad.message;
+    return false;
+  }
+  machine = std::move(parsed);
+  return true;
+}
+
+}  // namespace sim

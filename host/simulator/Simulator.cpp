@@ -1,0 +1,313 @@
+// The firmware side of one SMI transaction: who listens on the port, the caller check, the
+// machine's faults and unsupported functions, and the answer of each OBLIS function, written
+// only through the memory access the tool's side hands in. Also the trace and the port space.
+// The machine description, the flash part and the legacy area are built elsewhere.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "FlashPart.h"
+#include "LegacyArea.h"
+#include "Simulator.h"
+
+namespace sim {
+
+namespace {
+
+constexpr char kToolInformationSignature[] = "$VER";
+constexpr char kFilterSignature[] = "$CMDFILT";
+constexpr char kFinishSignature[] = "$FINISHI";
+// The filter record goes right behind the 10h answer, well inside the 0x7C bytes the tool keeps.
+constexpr uint32_t kFilterRecordOffset = 0x28;
+static_assert(kFilterRecordOffset >= sizeof(OblisPlatformStatusAnswer), "filter record behind the answer");
+
+// A flash access that a transaction made, for its trace line.
+struct FlashAccess {
+  const char* op;
+  uint32_t address;
+  uint32_t length;
+};
+
+// What one function answers: status and the registers it sets; everything else in the frame
+// stays as the caller loaded it.
+struct Answer {
+  uint8_t status = kOblisSuccess;
+  std::optional<uint8_t> ah;
+  std::optional<uint32_t> ecx;
+};
+
+// A buffer access that MemoryAccess refused: the function answers kOblisBufferTooSmall.
+struct Refused {
+  uint32_t address;
+  uint32_t length;
+};
+
+std::string FunctionName(uint8_t function) {
+  char text[8];
+  std::snprintf(text, sizeof(text), "%02Xh", function);
+  return text;
+}
+
+nlohmann::ordered_json Registers(const OblisRegisters& r) {
+  return {{"eax", r.eax}, {"ebx", r.ebx}, {"ecx", r.ecx}, {"edx", r.edx}, {"esi", r.esi}, {"edi", r.edi}};
+}
+
+}  // namespace
+
+struct Simulator::State {
+  Machine machine;
+  FlashPart flash;
+  MemoryAccess memory;
+  LegacyArea legacy;
+  std::map<uint16_t, uint8_t> ports;  // ports with a value behind them; all others read 0xFF
+  std::map<uint8_t, uint32_t> faultsFired;
+  std::vector<uint8_t> callLog;
+  std::optional<std::vector<uint8_t>> lastFinish;
+  std::vector<uint32_t> hookPoints;
+  std::ostream* trace = nullptr;
+  std::optional<FlashAccess> flashAccess;  // set by a function that touches the flash
+
+  State(Machine m, std::vector<uint8_t> content, MemoryAccess access)
+      : machine(std::move(m)), flash(machine, std::move(content)), memory(std::move(access)),
+        legacy(BuildLegacyArea(machine)) {}
+
+  // Buffer access on the tool's memory; a refusal ends the function with status 0x02.
+  void Read(uint32_t address, void* out, uint32_t length) {
+    if (!memory.read || !memory.read(address, out, length)) throw Refused{address, length};
+  }
+  void Write(uint32_t address, const void* data, uint32_t length) {
+    if (!memory.write || !memory.write(address, data, length)) throw Refused{address, length};
+  }
+  template <typename Record>
+  void WriteRecords(uint32_t address, const std::vector<Record>& records) {
+    if (!records.empty()) Write(address, records.data(), static_cast<uint32_t>(records.size() * sizeof(Record)));
+  }
+
+  Answer Dispatch(uint8_t function, const OblisRegisters& in);
+  Answer PlatformStatus(const OblisRegisters& in);
+  Answer PlatformInformation(const OblisRegisters& in);
+  Answer RomMaps(const OblisRegisters& in);
+  Answer FlashPartInformation(const OblisRegisters& in);
+  Answer Finish(const OblisRegisters& in);
+  Answer WholeRomMap(const OblisRegisters& in);
+  bool FaultFires(uint8_t function, uint8_t& code);
+  void Trace(uint8_t function, const OblisRegisters& in, const OblisRegisters& out);
+};
+
+Answer Simulator::State::PlatformStatus(const OblisRegisters& in) {
+  OblisToolInformation tool{};
+  Read(in.edi, &tool, sizeof(tool));
+  if (std::memcmp(tool.signature, kToolInformationSignature, 4) != 0 ||
+      std::memcmp(tool.oblisSignature, "$OBLIS", 6) != 0 || tool.end != 0xFF) {
+    // A caller that does not introduce itself properly is not served.
+    std::cerr << "oblis-sim: 10h: the buffer at 0x" << std::hex << in.edi << std::dec
+              << " holds no valid $VER tool information block\n";
+    return {kOblisAccessProhibited, {}, {}};
+  }
+  OblisPlatformStatusAnswer answer{};
+  answer.ac = machine.ac;
+  answer.dc = machine.dc;
+  answer.bound = machine.bound;
+  answer.vendorId = machine.vendorId;
+  answer.structSize = sizeof(OblisPlatformStatusAnswer);
+  Write(in.edi, &answer, sizeof(answer));
+  if (machine.filter) {
+    // The whole record is written even when it runs past what the tool keeps: the tool has to
+    // cope with that.
+    std::vector<uint8_t> record(kFilterSignature, kFilterSignature + 8);
+    const uint32_t length = static_cast<uint32_t>(12 + machine.filter->size());
+    for (int i = 0; i < 4; ++i) record.push_back(static_cast<uint8_t>(length >> (8 * i)));
+    record.insert(record.end(), machine.filter->begin(), machine.filter->end());
+    Write(in.edi + kFilterRecordOffset, record.data(), static_cast<uint32_t>(record.size()));
+  }
+  return {kOblisSuccess, machine.permission, static_cast<uint32_t>(machine.major << 8 | machine.minor)};
+}
+
+Answer Simulator::State::PlatformInformation(const OblisRegisters& in) {
+  std::u16string name = machine.modelName;
+  std::u16string version = machine.modelVersion;
+  if (name.empty() || version.empty()) {
+    // The identity the firmware reports is the one in its own flash, so it follows updates.
+    std::string model, text;
+    if (ReadBvdtIdentity(flash.Content(), model, text)) {
+      if (name.empty()) name.assign(model.begin(), model.end());
+      if (version.empty()) version.assign(text.begin(), text.end());
+    }
+  }
+  std::vector<uint8_t> fields(kModelVersionOffset + kModelVersionBytes, 0);
+  std::memcpy(fields.data() + kModelNameOffset, name.data(), std::min<size_t>(name.size() * 2, kModelNameBytes));
+  std::memcpy(fields.data() + kModelVersionOffset, version.data(),
+              std::min<size_t>(version.size() * 2, kModelVersionBytes - 1));
+  Write(in.edi, fields.data(), static_cast<uint32_t>(fields.size()));
+  return {kOblisSuccess, machine.policy, machine.extended};
+}
+
+Answer Simulator::State::RomMaps(const OblisRegisters& in) {
+  std::vector<OblisProtectionRecord> protection;
+  for (const Region& r : machine.protection) protection.push_back({r.type, r.address, r.size});
+  protection.push_back({kProtectionListEnd, 0, 0});
+  std::vector<OblisPrivateRecord> privateList;
+  for (const Region& r : machine.privateMap) privateList.push_back({r.address, r.size});
+  privateList.push_back({kPrivateListEnd, 0});
+  WriteRecords(in.edi, protection);
+  WriteRecords(in.esi, privateList);
+  return {};
+}
+
+Answer Simulator::State::FlashPartInformation(const OblisRegisters& in) {
+  OblisFlashPartRecord part{};
+  part.sizeIndex = machine.sizeIndex;
+  std::memcpy(part.vendor, machine.flashVendor.data(), std::min(machine.flashVendor.size(), sizeof(part.vendor)));
+  std::memcpy(part.type, machine.flashType.data(), std::min(machine.flashType.size(), sizeof(part.type)));
+  part.deviceId = machine.deviceId;
+  part.sizeSpecified = machine.flashSize;
+  std::vector<OblisBlockMapEntry> map;
+  for (const auto& [size, count] : machine.blocks) {
+    map.push_back({static_cast<UINT16>(size / 256), static_cast<UINT16>(count)});
+  }
+  map.push_back({0, 0});
+  Write(in.edi, &part, sizeof(part));
+  WriteRecords(in.esi, map);
+  return {};
+}
+
+Answer Simulator::State::Finish(const OblisRegisters& in) {
+  OblisFinishRecord record{};
+  Read(in.esi, &record, sizeof(record));
+  if (std::memcmp(record.signature, kFinishSignature, 8) != 0 || record.length != sizeof(record)) {
+    std::cerr << "oblis-sim: 16h: the buffer at 0x" << std::hex << in.esi << std::dec
+              << " holds no valid $FINISHI record\n";
+    return {kOblisAccessProhibited, {}, {}};
+  }
+  const uint8_t clearCmos = static_cast<uint8_t>(in.ecx >> 8);
+  const uint8_t action = static_cast<uint8_t>(in.ecx);
+  lastFinish = std::vector<uint8_t>{clearCmos, action, record.complete};
+  return {};
+}
+
+Answer Simulator::State::WholeRomMap(const OblisRegisters& in) {
+  std::vector<OblisWholeMapRecord> records;
+  for (const Region& r : machine.whole) records.push_back({r.type, r.address, r.size, r.attribute});
+  records.push_back({0xFF, 0, 0, 0});
+  WriteRecords(in.edi, records);
+  return {};
+}
+
+Answer Simulator::State::Dispatch(uint8_t function, const OblisRegisters& in) {
+  switch (function) {
+    case 0x10: return PlatformStatus(in);
+    case 0x11: return PlatformInformation(in);
+    case 0x12: return RomMaps(in);
+    case 0x13: return FlashPartInformation(in);
+    case 0x16: return Finish(in);
+    case 0x1C: return {kOblisSuccess, {}, machine.antiTheft};  // the state byte in CL
+    case 0x1E: return WholeRomMap(in);
+    case 0x1F:
+      hookPoints.push_back(in.ecx);
+      return {};
+    default: return {kOblisUnsupported, {}, {}};
+  }
+}
+
+bool Simulator::State::FaultFires(uint8_t function, uint8_t& code) {
+  auto fault = machine.faults.find(function);
+  if (fault == machine.faults.end()) return false;
+  uint32_t& fired = faultsFired[function];
+  if (fault->second.times && fired >= *fault->second.times) return false;
+  ++fired;
+  code = fault->second.code;
+  return true;
+}
+
+void Simulator::State::Trace(uint8_t function, const OblisRegisters& in, const OblisRegisters& out) {
+  if (!trace) return;
+  nlohmann::ordered_json line = {{"fn", FunctionName(function)},
+                                 {"in", Registers(in)},
+                                 {"out", Registers(out)},
+                                 {"status", out.eax & 0xFF}};
+  if (flashAccess) {
+    line["flash"] = {{"op", flashAccess->op}, {"address", flashAccess->address}, {"length", flashAccess->length}};
+  }
+  *trace << line.dump() << "\n";
+  trace->flush();
+}
+
+Simulator::Simulator(Machine machine, std::vector<uint8_t> flash, MemoryAccess memory) : state_(nullptr) {
+  const std::string problem = ValidateFlashContent(machine, flash);
+  if (!problem.empty()) throw std::invalid_argument(problem);
+  if (flash.empty()) flash = DefaultFlashContent(machine);
+  state_ = new State(std::move(machine), std::move(flash), std::move(memory));
+}
+
+Simulator::~Simulator() { delete state_; }
+
+void Simulator::Transact(OblisRegisters& frame) {
+  State& s = *state_;
+  // Nobody listens on another port or to another number: the write goes nowhere.
+  if ((frame.edx & 0xFFFF) != s.machine.smiCmdPort || (frame.eax & 0xFF) != s.machine.smiNumber) return;
+  const OblisRegisters in = frame;
+  const uint8_t function = static_cast<uint8_t>(frame.eax >> 8);
+  s.callLog.push_back(function);
+  s.flashAccess.reset();
+  Answer answer;
+  uint8_t faultCode = 0;
+  if (frame.ebx != kOblisCallerSignature) {
+    answer.status = kOblisAccessProhibited;
+  } else if (std::find(s.machine.unsupported.begin(), s.machine.unsupported.end(), function) !=
+             s.machine.unsupported.end()) {
+    answer.status = kOblisUnsupported;
+  } else if (s.FaultFires(function, faultCode)) {
+    answer.status = faultCode;
+  } else {
+    try {
+      answer = s.Dispatch(function, in);
+    } catch (const Refused& refused) {
+      std::cerr << "oblis-sim: " << FunctionName(function) << ": refused access to " << refused.length
+                << " bytes at 0x" << std::hex << refused.address << std::dec << "\n";
+      answer = {kOblisBufferTooSmall, {}, {}};
+    }
+  }
+  frame.eax = (frame.eax & 0xFFFF0000u) | (static_cast<uint32_t>(answer.ah.value_or(function)) << 8) | answer.status;
+  if (answer.ecx) frame.ecx = *answer.ecx;
+  s.Trace(function, in, frame);
+}
+
+uint32_t Simulator::IoRead(uint16_t port, int width) {
+  uint32_t value = 0;
+  for (int i = 0; i < width && i < 4; ++i) {
+    auto known = state_->ports.find(static_cast<uint16_t>(port + i));
+    const uint8_t byte = known == state_->ports.end() ? 0xFF : known->second;
+    value |= static_cast<uint32_t>(byte) << (8 * i);
+  }
+  return value;
+}
+
+void Simulator::IoWrite8(uint16_t port, uint8_t value) {
+  // Only ports with something behind them keep what is written; none have yet.
+  auto known = state_->ports.find(port);
+  if (known != state_->ports.end()) known->second = value;
+}
+
+bool Simulator::ReadPhysical(uint32_t address, void* out, uint32_t length) const {
+  const uint64_t end = static_cast<uint64_t>(address) + length;
+  if (address >= kLegacyAreaStart && end <= uint64_t(kLegacyAreaEnd) + 1) {
+    std::memcpy(out, state_->legacy.bytes.data() + (address - kLegacyAreaStart), length);
+    return true;
+  }
+  return state_->flash.Read(address, out, length);
+}
+
+uint32_t Simulator::OblisSignatureAddress() const { return state_->legacy.oblis; }
+uint32_t Simulator::Acpi10Rsdp() const { return state_->legacy.rsdp10; }
+uint32_t Simulator::Acpi20Rsdp() const { return state_->legacy.rsdp20; }
+const Machine& Simulator::machine() const { return state_->machine; }
+const std::vector<uint8_t>& Simulator::Flash() const { return state_->flash.Content(); }
+void Simulator::SetTrace(std::ostream* out) { state_->trace = out; }
+const std::vector<uint8_t>& Simulator::CallLog() const { return state_->callLog; }
+std::optional<std::vector<uint8_t>> Simulator::LastFinish() const { return state_->lastFinish; }
+const std::vector<uint32_t>& Simulator::HookPoints() const { return state_->hookPoints; }
+
+}  // namespace sim
