@@ -10,3 +10,8 @@ Bool FindSignature(const UINT8* buffer, UINT32 length, const UINT8* pattern, UIN
 VOID InitSlotTags();
 // Writes '$' over the first byte of the secure-image record and the two certificate tags.
 VOID MarkEntrySlotTags();
+
+// The driver's own slot chain as it stands in memory: the secure-image record first, the driver
+// signature last. Read-only; for the steps that take the driver's slots at their fixed places.
+const UINT8* DriverSlotChain();
+UINT32 DriverSlotChainSize();

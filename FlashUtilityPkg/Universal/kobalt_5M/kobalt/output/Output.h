@@ -22,7 +22,8 @@ const CHAR16* GetMessageText(const CHAR8* key, const CHAR16* defaultText);
 VOID FreeMessageText(const CHAR16* text, const CHAR16* defaultText);
 VOID ShowAcWarning(const CHAR8* key);
 VOID PrintWarningBar(const CHAR16* text);
-CHAR16* CenterLines(UINT16 width, CHAR16* text);
+// Reads text without changing it; a line longer than width is cut to width.
+CHAR16* CenterLines(UINT16 width, const CHAR16* text);
 CHAR16 WaitKey();
 VOID FlashCompletePause();
 
@@ -34,7 +35,8 @@ VOID LogPrint(UINT8 level, const CHAR16* format, ...);
 VOID TraceEnter(const CHAR16* name);
 VOID TraceLeave(const CHAR16* name, const CHAR16* reason);
 VOID HexDump(const VOID* data, UINT32 length);
-// Dumps data between two label lines, as every "===== ... =====" dump of the trace does.
+// Dumps data between two label lines, as every "===== ... =====" dump of the trace does. The
+// label is a whole line with its CR LF; it is written as it is, at level 4 like the dump.
 VOID HexDumpFramed(const CHAR16* label, const VOID* data, UINT32 length);
 VOID ScanDebugOption();
 Bool IsLogEnabled();

@@ -1,0 +1,24 @@
+// FindSignature, the one byte search over an image that every reader of slots, packages and
+// records uses. What a match means is left to the callers.
+#include "image/Image.h"
+
+Bool FindSignature(const UINT8* buffer, UINT32 length, const UINT8* pattern, UINT32 patternLength, UINT32* offset) {
+  if (offset != nullptr) {
+    *offset = 0xFFFFFFFF;
+  }
+  // An empty pattern is refused: a search for nothing has no place it could honestly name.
+  if (buffer == nullptr || pattern == nullptr || patternLength == 0 || length < patternLength) {
+    return false;
+  }
+  // Every byte offset, ascending, without alignment: the first match wins.
+  UINT32 last = length - patternLength;
+  for (UINT32 at = 0; at <= last; at++) {
+    if (CompareMem(buffer + at, pattern, patternLength) == 0) {
+      if (offset != nullptr) {
+        *offset = at;
+      }
+      return true;
+    }
+  }
+  return false;
+}
