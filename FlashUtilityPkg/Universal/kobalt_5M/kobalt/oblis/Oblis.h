@@ -19,6 +19,35 @@ VOID ReportOblisError(UINT8 function, UINT8 code);
 UINT16 GetSmiCommandPort();
 UINT8 GetSmiNumber();
 
+// ---- raw calls and the retry loop, for the wrappers of this folder ----
+// One raw call per function: loads the frame of the function table, raises the SMI and hands
+// back the registers in the function's result form. No retries, no trace.
+UINT32 OblisCall_10h(UINT32 edi);                       // form B
+UINT16 OblisCall_11h(UINT32 edi, UINT32* ecxOut);       // form D
+UINT16 OblisCall_12h(UINT32 edi, UINT32 esi);           // form A
+UINT16 OblisCall_13h(UINT32 edi, UINT32 esi);           // form A
+UINT16 OblisCall_16h(UINT8 clearCmos, UINT8 action, UINT32 esi);  // form A
+UINT16 OblisCall_1Ch();                                 // form C
+UINT16 OblisCall_1Eh(UINT32 edi);                       // form A
+UINT16 OblisCall_1Fh(UINT32 point);                     // form A
+
+// What differs between the wrappers that share the retry loop.
+struct OblisRetrySpec {
+  const CHAR16* name;        // trace name of the wrapper
+  UINT8 function;            // for the error report
+  const UINT8* accepted;     // codes taken as success
+  UINT8 acceptedCount;
+  const UINT8* loopEnding;   // codes that end the loop at once (besides 0)
+  UINT8 loopEndingCount;
+  Bool report;               // ReportOblisError on failure
+};
+// One attempt: makes the raw call with the wrapper's staged context and gives the status byte.
+typedef UINT8 (*OblisAttempt)(VOID* context);
+// Runs OblisAttempts() attempts and judges the last status, which *status receives (0xFF when
+// no attempt is made). On a refusal it reports if asked and closes the trace with
+// "BIOS return not success"; on success the wrapper copies its answer and closes the trace.
+Bool RunOblisRetryLoop(const OblisRetrySpec* spec, OblisAttempt attempt, VOID* context, UINT8* status);
+
 // ---- wrappers ----
 Bool Oblis_10h(UINT8* out, UINT32 size);
 Bool Oblis_11h(UINT8* out, UINT8* ah, UINT32* ecx);
@@ -74,6 +103,10 @@ UINT8 IndexToAction_16h(UINT8 index);
 UINT8 GetFinishAction();
 UINT8 GetFinishComplete();
 UINT8 GetFinishClearCmos();
+Bool OptionReboot();
+Bool OptionShutdown();
+const CHAR16* FinishActionName(UINT8 action);
+const CHAR16* FinishCompleteName(UINT8 complete);
 
 // ---- ROM maps ----
 struct RomMapEntry {

@@ -1,0 +1,161 @@
+// The flash part of function 13h: the ROM size and base, the block count and size, and
+// FlashBlockTable with one entry a block, all protection flags clear. Marking blocks protected
+// from the maps, options and settings is left to the marking step that runs before a write.
+#include "oblis/Oblis.h"
+#include "output/Output.h"
+
+namespace {
+
+constexpr UINT32 kAnswerBytes = 0x10000;
+constexpr UINT8 kSizeIndexSpecified = 0xFF;
+constexpr UINT8 kLastSizeIndex = 8;
+constexpr UINT32 kSmallestRom = 0x10000;
+constexpr UINT16 kBlockMapEndZero = 0;
+constexpr UINT16 kBlockMapEndOnes = 0xFFFF;
+constexpr UINT32 kBlockUnit = 256;
+
+struct FlashPartState {
+  UINT32 romSize;
+  UINT32 romBase;
+  UINT32 blockCount;
+  UINT32 blockSize;
+  FlashBlock table[kFlashBlockEntries];
+};
+constinit FlashPartState gFlash = {};
+
+const CHAR16 kReasonAllocate[] = u"Allocate memory failed";
+const CHAR16 kReasonBlockCount[] = u"Block count > 0x1000";
+const CHAR16 kTracePartHead[] = u"Flash part information (13h)\r\n----------------+---------------\r\n";
+const CHAR16 kTraceSizeIndex[] = u"     Size Index | 0x%x\r\n";
+const CHAR16 kTraceVendor[] = u"         Vendor | (31-bytes)\r\n";
+const CHAR16 kTraceType[] = u"           Type | (32-bytes)\r\n";
+const CHAR16 kTraceDeviceId[] = u"      Device ID | 0x%x\r\n";
+const CHAR16 kTraceSizeSpecified[] = u" Size Specified | 0x%x\r\n";
+const CHAR16 kTraceBlank[] = u"                |\r\n";
+const CHAR16 kTraceBlockEntry[] = u"     Block size | %x\r\n    Block times | %x\r\n";
+const CHAR16 kTraceRomSize[] = u"       Rom Size | 0x%x\r\n";
+const CHAR16 kTraceBaseAddr[] = u"      Base Addr | 0x%x\r\n";
+const CHAR16 kTraceBlockCount[] = u"    Block Count | 0x%x\r\n";
+
+// Entries of the block map up to its end: a size of 0 or 0xFFFF, or 255 entries.
+UINT32 CountMapEntries(const UINT8* map) {
+  UINT32 entries = 0;
+  while (entries < kBlockMapEntryLimit) {
+    UINT16 size = ReadU16(map + entries * sizeof(OblisBlockMapEntry));
+    if (size == kBlockMapEndZero || size == kBlockMapEndOnes) {
+      break;
+    }
+    ++entries;
+  }
+  return entries;
+}
+
+// Each entry by itself may not exceed the table, and neither may their sum: either would make
+// the table build run past its 0x1000 entries.
+Bool BlockCountFits(const UINT8* map, UINT32 entries, UINT32* total) {
+  UINT32 sum = 0;
+  for (UINT32 index = 0; index < entries; ++index) {
+    UINT32 count = ReadU16(map + index * sizeof(OblisBlockMapEntry) + 2);
+    if (count > kFlashBlockEntries) {
+      return false;
+    }
+    sum += count;
+    if (sum > kFlashBlockEntries) {
+      return false;
+    }
+  }
+  *total = sum;
+  return true;
+}
+
+}  // namespace
+
+UINT32 SizeIndexToBytes(UINT8 index) { return index <= kLastSizeIndex ? kSmallestRom << index : 0; }
+
+Bool FuncOblis_13h() {
+  const CHAR16* name = u"FuncOblis_13h";
+  TraceEnter(name);
+  UINT8* part = (UINT8*)AllocateZeroPool(kAnswerBytes);
+  UINT8* map = (UINT8*)AllocateZeroPool(kAnswerBytes);
+  if (part == nullptr || map == nullptr) {
+    FreePoolAndNull(part);
+    FreePoolAndNull(map);
+    TraceLeave(name, kReasonAllocate);
+    return false;
+  }
+  if (!Oblis_13h(part, map)) {
+    FreePoolAndNull(part);
+    FreePoolAndNull(map);
+    TraceLeave(name, u"OBLIS 13h failed");
+    return false;
+  }
+  static_assert(kBlockMapEntryLimit * sizeof(OblisBlockMapEntry) <= kAnswerBytes, "map walk bounded");
+  UINT32 entries = CountMapEntries(map);
+  UINT32 blockCount = 0;
+  if (!BlockCountFits(map, entries, &blockCount)) {
+    FreePoolAndNull(part);
+    FreePoolAndNull(map);
+    TraceLeave(name, kReasonBlockCount);
+    return false;
+  }
+
+  UINT8 sizeIndex = part[offsetof(OblisFlashPartRecord, sizeIndex)];
+  UINT32 deviceId = ReadU32(part + offsetof(OblisFlashPartRecord, deviceId));
+  UINT32 sizeSpecified = ReadU32(part + offsetof(OblisFlashPartRecord, sizeSpecified));
+  LogPrint(kLogDetail, kTracePartHead);
+  LogPrint(kLogDetail, kTraceSizeIndex, sizeIndex);
+  LogPrint(kLogDetail, kTraceVendor);
+  LogPrint(kLogDetail, kTraceType);
+  LogPrint(kLogDetail, kTraceDeviceId, deviceId);
+  LogPrint(kLogDetail, kTraceSizeSpecified, sizeSpecified);
+  LogPrint(kLogDetail, kTraceBlank);
+  for (UINT32 index = 0; index < entries; ++index) {
+    const UINT8* entry = map + index * sizeof(OblisBlockMapEntry);
+    LogPrint(kLogDetail, kTraceBlockEntry, ReadU16(entry), ReadU16(entry + 2));
+  }
+  LogPrint(kLogDetail, kTraceBlank);
+
+  UINT32 romSize = SizeIndexToBytes(sizeIndex);
+  if (romSize == 0 && sizeIndex == kSizeIndexSpecified) {
+    romSize = sizeSpecified;
+  }
+  gFlash.romSize = romSize;
+  gFlash.romBase = 0u - romSize;
+  gFlash.blockCount = blockCount;
+  gFlash.blockSize = entries != 0 ? (UINT32)ReadU16(map) * kBlockUnit : 0;
+  LogPrint(kLogDetail, kTraceRomSize, gFlash.romSize);
+  LogPrint(kLogDetail, kTraceBaseAddr, gFlash.romBase);
+  LogPrint(kLogDetail, kTraceBlockCount, gFlash.blockCount);
+
+  ZeroMem(gFlash.table, sizeof(gFlash.table));
+  UINT32 address = gFlash.romBase;
+  UINT32 block = 0;
+  for (UINT32 index = 0; index < entries; ++index) {
+    const UINT8* entry = map + index * sizeof(OblisBlockMapEntry);
+    UINT32 size = (UINT32)ReadU16(entry) * kBlockUnit;
+    UINT32 count = ReadU16(entry + 2);
+    for (UINT32 repeat = 0; repeat < count && block < kFlashBlockEntries; ++repeat, ++block) {
+      gFlash.table[block].address = address;
+      gFlash.table[block].size = size;
+      gFlash.table[block].protectedFlag = 0;
+      address += size;
+    }
+  }
+  FreePoolAndNull(part);
+  FreePoolAndNull(map);
+  TraceLeave(name, nullptr);
+  return true;
+}
+
+UINT32 GetRomSize() { return gFlash.romSize; }
+UINT32 GetRomBase() { return gFlash.romBase; }
+UINT32 GetBlockCount() { return gFlash.blockCount; }
+UINT32 GetBlockSize() { return gFlash.blockSize; }
+
+FlashBlock* CopyBlockTable() {
+  FlashBlock* copy = (FlashBlock*)AllocateZeroPool(sizeof(gFlash.table));
+  if (copy != nullptr) {
+    CopyMem(copy, gFlash.table, sizeof(gFlash.table));
+  }
+  return copy;
+}

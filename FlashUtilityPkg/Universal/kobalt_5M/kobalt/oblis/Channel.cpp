@@ -1,0 +1,361 @@
+// The OBLIS channel: finding the SMI command port in the FADT and the SMI number behind the
+// "$OBLIS" signature, the two low shared buffers, the raw call per function, the retry loop that
+// every wrapper shares and the one error report. What the answers mean is left to the wrappers.
+#include "PlatformSeams.h"
+#include "config/Config.h"
+#include "oblis/Oblis.h"
+#include "output/Output.h"
+
+namespace {
+
+struct OblisChannel {
+  Bool initialised;
+  UINT16 commandPort;
+  UINT8 smiNumber;
+};
+
+constinit OblisChannel gChannel = {false, 0, kDefaultSmiNumber};
+
+struct OblisSharedBuffer {
+  UINT8* data;
+  UINT32 pages;
+};
+constinit OblisSharedBuffer gOblisBuffer = {nullptr, 0};
+constinit OblisSharedBuffer gOblisBuffer2 = {nullptr, 0};
+
+constexpr UINT32 kBiosAreaStart = 0xE0000;
+constexpr UINT32 kBiosAreaSlots = 0x2000;
+constexpr UINT32 kBiosAreaSlotBytes = 16;
+constexpr UINT32 kSignatureLength = 6;
+constexpr UINT32 kPageBytes = 0x1000;
+
+constexpr UINT32 kRsdtAddressOffset = 16;
+constexpr UINT32 kAcpiHeaderBytes = 36;
+constexpr UINT32 kAcpiLengthOffset = 4;
+constexpr UINT32 kFadtSmiCmdOffset = 48;
+constexpr UINT32 kFadtDumpBytes = 52;
+
+const CHAR16 kTraceSmiNumberFound[] = u" SMI main function number 0x%02x found in 0x%lx\r\n";
+const CHAR16 kTraceSmiNumberDefault[] =
+    u" OBLIS signature not found.\r\n Using default value 0xEF for SMI main function number.\r\n";
+const CHAR16 kMessageRsdpNotFound[] = u"Error: RSDP not found!\r\n";
+const CHAR16 kMessageRsdtNotFound[] = u"Error: RSDT not found!\r\n";
+const CHAR16 kTraceFacpAddress[] = u" FACP table address = 0x%08lx\r\n";
+const CHAR16 kLabelFacp[] = u"===== ACPI TABLE FACP =====\r\n";
+const CHAR16 kMessageFacpNotFound[] = u"Error: FACP not found!\r\n";
+const CHAR16 kMessagePortNotFound[] = u"Error: SMI command port not found!\r\n";
+const CHAR16 kTraceCommandPort[] = u" SMI command port = 0x%04x\r\n";
+const CHAR16 kTraceCallSuccess[] = u"Call OBLIS success\r\n";
+const CHAR16 kTraceCallFailed[] = u"Call OBLIS failed. Error Code: 0x%02x, Retry Count: %02d\r\n";
+const CHAR16 kReasonNotSuccess[] = u"BIOS return not success";
+const CHAR16 kMessageOblisFailed[] = u"\r\n\r\nError: OBLIS %Xh failed.\r\nInternal Error %X\r\n";
+
+struct OblisErrorText {
+  UINT8 code;
+  const CHAR16* text;
+};
+
+// Searched from the top; the order is the firmware interface's own.
+constexpr OblisErrorText kOblisErrorTexts[] = {
+    {0x01, u"Access prohibited. (Need provide secure mechanism to work for it, EBX='$DVR')'\n"},
+    {0xEF, u"Function not supported.\n"},
+    {0x02, u"Output buffer length too small.\n"},
+    {0x10, u"VATS: Variable not found.\n"},
+    {0x11, u"VATS: Incorrect Output Buffer format.\n"},
+    {0x12, u"VATS: Output buffer checksum failed.\n"},
+    {0x13, u"VATS: Table revision not supported.\n"},
+    {0x14, u"VATS: Error during variable part access.\n"},
+    {0x20, u"FBTS: Permission is denied by user.\n"},
+    {0x22, u"FBTS: Unknown platform rom map.\n"},
+    {0x23, u"FBTS: Unknown flash part information.\n"},
+    {0x24, u"FBTS: Read bios failed.\n"},
+    {0x25, u"FBTS: Write bios failed.\n"},
+    {0x26, u"FBTS: Erase bios failed.\n"},
+    {0x27, u"FBTS: Cannot skip module check.\n"},
+};
+static_assert(sizeof(kOblisErrorTexts) / sizeof(kOblisErrorTexts[0]) == 15, "15 error texts");
+
+Bool ReadPhysicalU32(UINT32 address, UINT32* value) {
+  UINT8 bytes[4] = {0, 0, 0, 0};
+  if (!ReadPhysicalMemory(address, bytes, sizeof(bytes))) {
+    return false;
+  }
+  *value = ReadU32(bytes);
+  return true;
+}
+
+Bool SameGuid(const EFI_GUID& left, const EFI_GUID& right) {
+  return CompareMem(&left, &right, sizeof(EFI_GUID)) == 0;
+}
+
+// The RSDP pointer of the configuration table: the ACPI 2.0 entry wins over the 1.0 entry
+// wherever either stands.
+UINT32 FindRsdpAddress() {
+  if (gST == nullptr || gST->ConfigurationTable == nullptr) {
+    return 0;
+  }
+  UINT32 rsdp = 0;
+  for (UINTN index = 0; index < gST->NumberOfTableEntries; ++index) {
+    if (SameGuid(gST->ConfigurationTable[index].VendorGuid, kAcpi10TableGuid)) {
+      rsdp = (UINT32)(UINTN)gST->ConfigurationTable[index].VendorTable;
+      break;
+    }
+  }
+  for (UINTN index = 0; index < gST->NumberOfTableEntries; ++index) {
+    if (SameGuid(gST->ConfigurationTable[index].VendorGuid, kAcpi20TableGuid)) {
+      rsdp = (UINT32)(UINTN)gST->ConfigurationTable[index].VendorTable;
+      break;
+    }
+  }
+  return rsdp;
+}
+
+Bool GetSharedBuffer(OblisSharedBuffer* shared, UINT32 size, UINT8** buffer) {
+  UINT32 pages = (size + kPageBytes - 1) / kPageBytes;
+  if (shared->data == nullptr) {
+    if (gBS == nullptr || pages == 0) {
+      return false;
+    }
+    EFI_PHYSICAL_ADDRESS address = kOblisBufferLimit;
+    if (EFI_ERROR(gBS->AllocatePages(AllocateMaxAddress, EfiBootServicesData, pages, &address)) ||
+        address == 0 || address + (UINT64)pages * kPageBytes - 1 > kOblisBufferLimit) {
+      return false;
+    }
+    shared->data = (UINT8*)(UINTN)address;
+    shared->pages = pages;
+    ZeroMem(shared->data, (UINTN)pages * kPageBytes);
+  } else if (pages > shared->pages) {
+    // The buffer is kept at its first size; a larger request cannot be served from it.
+    return false;
+  }
+  if (buffer != nullptr) {
+    *buffer = shared->data;
+  }
+  return true;
+}
+
+Bool CodeIn(UINT8 code, const UINT8* codes, UINT8 count) {
+  for (UINT8 index = 0; index < count; ++index) {
+    if (codes != nullptr && codes[index] == code) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Steps 1 to 3 of every raw call: the frame as the function table lays it out, then the port
+// write. The settle wait behind the write is the transaction seam's business.
+OblisRegisters RaiseOblis(UINT8 function, UINT32 ecx, UINT32 edi, UINT32 esi) {
+  OblisRegisters frame;
+  frame.ecx = ecx;
+  frame.edi = edi;
+  frame.esi = esi;
+  frame.eax = ((UINT32)function << 8) | gChannel.smiNumber;
+  frame.ebx = kOblisCallerSignature;
+  frame.edx = gChannel.commandPort;
+  SmiTransaction(&frame);
+  return frame;
+}
+
+UINT16 FormA(const OblisRegisters& frame) { return (UINT16)frame.eax; }
+UINT16 FormC(const OblisRegisters& frame) { return (UINT16)(((frame.ecx & 0xFF) << 8) | (frame.eax & 0xFF)); }
+
+}  // namespace
+
+UINT8 GetSmiMainFunctionNumberFromPhysicalMemory() {
+  // Composed here so that the whole signature never stands in the driver's constant data.
+  CHAR8 signature[kSignatureLength] = {'#', 'O', 'B', 'L', 'I', 'S'};
+  signature[0] = '$';
+  UINT8 slot[kBiosAreaSlotBytes];
+  for (UINT32 index = 0; index < kBiosAreaSlots; ++index) {
+    UINT32 address = kBiosAreaStart + index * kBiosAreaSlotBytes;
+    if (!ReadPhysicalMemory(address, slot, sizeof(slot))) {
+      continue;
+    }
+    if (CompareMem(slot, signature, kSignatureLength) == 0) {
+      UINT8 number = slot[kSignatureLength];
+      LogPrint(kLogDetail, kTraceSmiNumberFound, number, (UINT64)address);
+      return number;
+    }
+  }
+  LogPrint(kLogDetail, kTraceSmiNumberDefault);
+  return kDefaultSmiNumber;
+}
+
+Bool GetFacpTableAddress(UINT32* address) {
+  const CHAR16* name = u"GetFacpTableAddress";
+  TraceEnter(name);
+  if (address != nullptr) {
+    *address = 0;
+  }
+  UINT32 rsdp = FindRsdpAddress();
+  if (rsdp == 0) {
+    Print(kMessageRsdpNotFound);
+    TraceLeave(name, u"RSDP not found");
+    return false;
+  }
+  UINT32 rsdt = 0;
+  if (!ReadPhysicalU32(rsdp + kRsdtAddressOffset, &rsdt) || rsdt == 0) {
+    Print(kMessageRsdtNotFound);
+    TraceLeave(name, u"RSDT not found");
+    return false;
+  }
+  UINT32 rsdtLength = 0;
+  if (!ReadPhysicalU32(rsdt + kAcpiLengthOffset, &rsdtLength) || rsdtLength < kAcpiHeaderBytes) {
+    rsdtLength = kAcpiHeaderBytes;
+  }
+  UINT32 entries = (rsdtLength - kAcpiHeaderBytes) / 4;
+  for (UINT32 index = 0; index < entries; ++index) {
+    UINT32 table = 0;
+    if (!ReadPhysicalU32(rsdt + kAcpiHeaderBytes + index * 4, &table) || table == 0) {
+      continue;
+    }
+    UINT8 tableSignature[4] = {0, 0, 0, 0};
+    if (!ReadPhysicalMemory(table, tableSignature, sizeof(tableSignature))) {
+      continue;
+    }
+    if (CompareMem(tableSignature, "FACP", 4) != 0) {
+      continue;
+    }
+    LogPrint(kLogDetail, kTraceFacpAddress, (UINT64)table);
+    UINT8 head[kFadtDumpBytes];
+    if (!ReadPhysicalMemory(table, head, sizeof(head))) {
+      ZeroMem(head, sizeof(head));
+    }
+    HexDumpFramed(kLabelFacp, head, sizeof(head));
+    if (address != nullptr) {
+      *address = table;
+    }
+    TraceLeave(name, nullptr);
+    return true;
+  }
+  TraceLeave(name, u"Not found");
+  return false;
+}
+
+Bool FindSMICommandPort() {
+  const CHAR16* name = u"FindSMICommandPort";
+  TraceEnter(name);
+  gChannel.smiNumber = GetSmiMainFunctionNumberFromPhysicalMemory();
+  UINT32 fadt = 0;
+  if (!GetFacpTableAddress(&fadt)) {
+    Print(kMessageFacpNotFound);
+    TraceLeave(name, u"FACP not found");
+    return false;
+  }
+  UINT32 smiCmd = 0;
+  if (!ReadPhysicalU32(fadt + kFadtSmiCmdOffset, &smiCmd)) {
+    smiCmd = 0;
+  }
+  UINT16 port = (UINT16)smiCmd;
+  if (port == 0) {
+    Print(kMessagePortNotFound);
+    TraceLeave(name, u"SMI command port not found");
+    return false;
+  }
+  gChannel.commandPort = port;
+  LogPrint(kLogDetail, kTraceCommandPort, port);
+  TraceLeave(name, nullptr);
+  return true;
+}
+
+Bool InitialSmi() {
+  const CHAR16* name = u"InitialSmi";
+  TraceEnter(name);
+  if (gChannel.initialised) {
+    TraceLeave(name, u"Already initialed");
+    return true;
+  }
+  if (!FindSMICommandPort()) {
+    TraceLeave(name, u"Find SMI command port failed");
+    return false;
+  }
+  gChannel.initialised = true;
+  TraceLeave(name, nullptr);
+  return true;
+}
+
+UINT16 GetSmiCommandPort() { return gChannel.commandPort; }
+UINT8 GetSmiNumber() { return gChannel.smiNumber; }
+
+Bool GetOblisBuffer(UINT32 size, UINT8** buffer) { return GetSharedBuffer(&gOblisBuffer, size, buffer); }
+Bool GetOblisBuffer2(UINT32 size, UINT8** buffer) { return GetSharedBuffer(&gOblisBuffer2, size, buffer); }
+
+UINT8 OblisAttempts() {
+  // The attempt counter is 8 bits wide: a retry setting of 255 leaves no attempt at all.
+  return (UINT8)(Settings()->others.smiErrorRetry + 1);
+}
+
+VOID OblisRetryDelay() {
+  INT32 milliseconds = Settings()->others.smiErrorRetryDelay;
+  for (INT32 count = 0; count < milliseconds; ++count) {
+    gBS->Stall(1000);
+  }
+}
+
+VOID ReportOblisError(UINT8 function, UINT8 code) {
+  Print(kMessageOblisFailed, function, code);
+  for (const OblisErrorText& row : kOblisErrorTexts) {
+    if (row.code == code) {
+      Print(u"%s", row.text);
+      return;
+    }
+  }
+}
+
+Bool RunOblisRetryLoop(const OblisRetrySpec* spec, OblisAttempt attempt, VOID* context, UINT8* status) {
+  UINT8 last = kOblisNoAttempt;
+  UINT8 attempts = OblisAttempts();
+  for (UINT8 count = 0; count < attempts; ++count) {
+    last = attempt(context);
+    if (last == kOblisSuccess) {
+      LogPrint(kLogDetail, kTraceCallSuccess);
+      break;
+    }
+    if (CodeIn(last, spec->loopEnding, spec->loopEndingCount)) {
+      break;
+    }
+    LogPrint(kLogDetail, kTraceCallFailed, last, count + 1);
+    OblisRetryDelay();
+  }
+  if (status != nullptr) {
+    *status = last;
+  }
+  if (last == kOblisSuccess || CodeIn(last, spec->accepted, spec->acceptedCount)) {
+    return true;
+  }
+  if (spec->report) {
+    ReportOblisError(spec->function, last);
+  }
+  TraceLeave(spec->name, kReasonNotSuccess);
+  return false;
+}
+
+// ---- raw calls ----
+
+UINT32 OblisCall_10h(UINT32 edi) {
+  OblisRegisters frame = RaiseOblis(0x10, 0, edi, 0);
+  return ((UINT32)(UINT16)frame.eax << 16) | (UINT16)frame.ecx;
+}
+
+UINT16 OblisCall_11h(UINT32 edi, UINT32* ecxOut) {
+  OblisRegisters frame = RaiseOblis(0x11, 0, edi, 0);
+  if (ecxOut != nullptr) {
+    *ecxOut = frame.ecx;
+  }
+  return FormA(frame);
+}
+
+UINT16 OblisCall_12h(UINT32 edi, UINT32 esi) { return FormA(RaiseOblis(0x12, 0, edi, esi)); }
+
+UINT16 OblisCall_13h(UINT32 edi, UINT32 esi) { return FormA(RaiseOblis(0x13, 0, edi, esi)); }
+
+UINT16 OblisCall_16h(UINT8 clearCmos, UINT8 action, UINT32 esi) {
+  return FormA(RaiseOblis(0x16, ((UINT32)clearCmos << 8) | action, 0, esi));
+}
+
+UINT16 OblisCall_1Ch() { return FormC(RaiseOblis(0x1C, 0, 0, 0)); }
+
+UINT16 OblisCall_1Eh(UINT32 edi) { return FormA(RaiseOblis(0x1E, 0, edi, 0)); }
+
+UINT16 OblisCall_1Fh(UINT32 point) { return FormA(RaiseOblis(0x1F, point, 0, 0)); }

@@ -1,0 +1,298 @@
+// The ROM maps the firmware gives: the private and protection lists of function 12h and the
+// whole ROM map of function 1Eh, kept for the run, with their region names and trace tables.
+// Marking blocks from them is left to the block table; the console displays to the query commands.
+#include "oblis/Oblis.h"
+#include "output/Output.h"
+
+namespace {
+
+constexpr UINT32 kListBufferBytes = 0x10000;
+constexpr UINT32 kWholeRecordBytes = sizeof(OblisWholeMapRecord);
+constexpr UINT8 kWholeMapEnd = 0xFF;
+constexpr UINT8 kPrivateMapType = 0xFE;
+
+struct MapState {
+  UINT8* protectionBuffer;
+  UINT8* privateBuffer;
+  UINT32 privateCount;
+  UINT32 protectionCount;
+  Bool wholeFetched;
+  Bool wholeResult;
+  UINT8 wholeCount;
+  RomMapEntry whole[kRomMapEntries];
+  UINT8* wholeRecords;
+};
+constinit MapState gMaps = {};
+
+const CHAR16 kReasonAllocate[] = u"Allocate memory failed";
+const CHAR16 kTracePlatformMapHead[] = u"Get Platform ROM map protection. (12h)\r\n";
+const CHAR16 kTraceStructureSize[] = u"Structure size: %d\r\n";
+const CHAR16 kTraceWholeHead[] =
+    u"                Whole Region MAP\r\n"
+    u" Type | Start Addr |  End Addr  |    Size    |   Offset   |Attrib| Description \r\n"
+    u"------+------------+------------+------------+------------+------+-------------\r\n";
+const CHAR16 kTraceWholeRecord[] = u"  %02xh | 0x%08x | 0x%08x | 0x%08x | 0x%08x |   %x  |%13s\n";
+const CHAR16 kPrivateMapHead[] =
+    u"                Private Region MAP\r\n"
+    u" Type | Start Addr |  End Addr  |    Size    | Description \r\n"
+    u"------+------------+------------+------------+-------------\r\n";
+const CHAR16 kProtectionMapHead[] =
+    u"                Protection Region MAP\r\n"
+    u" Type | Start Addr |  End Addr  |    Size    | Description \r\n"
+    u"------+------------+------------+------------+-------------\r\n";
+const CHAR16 kMapRecordLine[] = u"  %02xh | 0x%08x | 0x%08x | 0x%08x |%13s\r\n";
+const CHAR16 kMapClose[] = u"\r\n";
+
+const CHAR16* const kRegionNames[] = {
+    u"PEI",        u"CPU Microcode", u"Variable", u"DXE",      u"EC",         u"LOGO",
+    u"NV Storage", u"FTW Backup",    u"FTW State", u"SMBIOS Log", u"OEM Data", u"GPNV",
+    u"DMI FRU",    u"PAL-B",         u"MCA Log",  u"Password", u"OEM NVS",
+};
+
+struct WholeRegionRow {
+  UINT8 type;
+  const CHAR16* name;
+};
+// Searched from the top; the row of type 0xFF ends the list and gives the empty name.
+constexpr WholeRegionRow kWholeRegionRows[] = {
+    {0x00, u"PEI"},        {0x01, u"CPU Microcode"}, {0x02, u"Variable"},     {0x03, u"DXE"},
+    {0x04, u"EC"},         {0x05, u"LOGO"},          {0x06, u"NV Storage"},   {0x07, u"FTW Backup"},
+    {0x08, u"FTW State"},  {0x09, u"SMBIOS Log"},    {0x0A, u"OEM Data"},     {0x0B, u"GPNV"},
+    {0x0C, u"DMI FRU"},    {0x0D, u"PAL-B"},         {0x0E, u"MCA Log"},      {0x0F, u"Password"},
+    {0x10, u"OEM NVS"},    {0x16, u"Factory Copy"},  {0x17, u"AMD PSP Data"}, {0x18, u"AMD Boot Block"},
+    {0xFE, u"Private Map"}, {0xFF, u""},
+};
+
+UINT32 CountPrivateList(const UINT8* buffer) {
+  UINT32 count = 0;
+  while (count < kMapRecordLimit && ReadU32(buffer + count * sizeof(OblisPrivateRecord)) != kPrivateListEnd) {
+    ++count;
+  }
+  return count;
+}
+
+UINT32 CountProtectionList(const UINT8* buffer) {
+  UINT32 count = 0;
+  while (count < kMapRecordLimit && buffer[count * sizeof(OblisProtectionRecord)] != kProtectionListEnd) {
+    ++count;
+  }
+  return count;
+}
+
+VOID* CopyToPool(const VOID* source, UINT32 bytes) {
+  VOID* copy = AllocateZeroPool(bytes == 0 ? 1 : bytes);
+  if (copy != nullptr && bytes != 0) {
+    CopyMem(copy, source, bytes);
+  }
+  return copy;
+}
+
+VOID CopyWholeMapOut(RomMapEntry* entries, UINT8* count) {
+  if (entries != nullptr) {
+    CopyMem(entries, gMaps.whole, sizeof(gMaps.whole));
+  }
+  if (count != nullptr) {
+    *count = gMaps.wholeCount;
+  }
+}
+
+}  // namespace
+
+const CHAR16* RegionTypeName(UINT8 type) {
+  if (type <= 0x10) {
+    return kRegionNames[type];
+  }
+  if (type <= 0x14) {
+    return u"Reserved";
+  }
+  if (type == 0x15) {
+    return u"Unused";
+  }
+  if (type == 0x16) {
+    return u"Factory Copy";
+  }
+  if (type == kPrivateMapType) {
+    return u"Private Map";
+  }
+  return u"Undefined";
+}
+
+const CHAR16* WholeRegionTypeName(UINT8 type) {
+  for (const WholeRegionRow& row : kWholeRegionRows) {
+    if (row.type == type || row.type == kWholeMapEnd) {
+      return row.name;
+    }
+  }
+  return u"";
+}
+
+Bool SMI_GetPlatformRomMap() {
+  const CHAR16* name = u"SMI_GetPlatformRomMap";
+  TraceEnter(name);
+  UINT8* protection = (UINT8*)AllocateZeroPool(kListBufferBytes);
+  if (protection == nullptr) {
+    TraceLeave(name, kReasonAllocate);
+    return false;
+  }
+  UINT8* privateMap = (UINT8*)AllocateZeroPool(kListBufferBytes);
+  if (privateMap == nullptr) {
+    FreePoolAndNull(protection);
+    TraceLeave(name, kReasonAllocate);
+    return false;
+  }
+  if (!Oblis_12h(protection, privateMap)) {
+    FreePoolAndNull(protection);
+    FreePoolAndNull(privateMap);
+    TraceLeave(name, u"OBLIS 12h failed");
+    return false;
+  }
+  // The 200-record limit keeps both walks inside the 0x10000 bytes held.
+  static_assert(kMapRecordLimit * sizeof(OblisPrivateRecord) <= kListBufferBytes, "private walk bounded");
+  static_assert(kMapRecordLimit * sizeof(OblisProtectionRecord) <= kListBufferBytes, "protection walk bounded");
+  gMaps.privateCount = CountPrivateList(privateMap);
+  gMaps.protectionCount = CountProtectionList(protection);
+  FreePoolAndNull(gMaps.protectionBuffer);
+  FreePoolAndNull(gMaps.privateBuffer);
+  gMaps.protectionBuffer = protection;
+  gMaps.privateBuffer = privateMap;
+  LogPrint(kLogDetail, kTracePlatformMapHead);
+  ShowPrivateMapTrace(nullptr, gMaps.privateCount);
+  ShowProtectionMapTrace(nullptr, gMaps.protectionCount);
+  TraceLeave(name, nullptr);
+  return true;
+}
+
+VOID GetPlatformRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, UINT32* protectionCount,
+                       OblisProtectionRecord** protectionList) {
+  if (privateCount != nullptr) {
+    *privateCount = gMaps.privateCount;
+  }
+  if (protectionCount != nullptr) {
+    *protectionCount = gMaps.protectionCount;
+  }
+  if (privateList != nullptr && gMaps.privateBuffer != nullptr) {
+    *privateList =
+        (OblisPrivateRecord*)CopyToPool(gMaps.privateBuffer, gMaps.privateCount * sizeof(OblisPrivateRecord));
+  }
+  if (protectionList != nullptr && gMaps.protectionBuffer != nullptr) {
+    *protectionList = (OblisProtectionRecord*)CopyToPool(gMaps.protectionBuffer,
+                                                         gMaps.protectionCount * sizeof(OblisProtectionRecord));
+  }
+}
+
+Bool FuncGetWholeRomMap(RomMapEntry* entries, UINT8* count) {
+  const CHAR16* name = u"FuncGetWholeRomMap";
+  TraceEnter(name);
+  UINT8* answer = (UINT8*)AllocateZeroPool(kWholeMapBytes);
+  if (answer == nullptr) {
+    TraceLeave(name, kReasonAllocate);
+    return false;
+  }
+  if (!Oblis_1Eh(answer)) {
+    FreePoolAndNull(answer);
+    TraceLeave(name, u"OBLIS fail");
+    return false;
+  }
+  LogPrint(kLogDetail, kTraceStructureSize, kWholeRecordBytes);
+  LogPrint(kLogDetail, kTraceWholeHead);
+  ZeroMem(gMaps.whole, sizeof(gMaps.whole));
+  gMaps.wholeCount = 0;
+  UINT32 romBase = GetRomBase();
+  // Besides the type 0xFF end and the 200 entries, the walk ends where the bytes held end: a
+  // reply of nothing but empty records then simply gives the records found so far.
+  UINT32 offset = 0;
+  UINT8* kept = (UINT8*)AllocateZeroPool(kRomMapEntries * kWholeRecordBytes);
+  for (; gMaps.wholeCount < kRomMapEntries && offset + kWholeRecordBytes <= kWholeMapBytes;
+       offset += kWholeRecordBytes) {
+    const UINT8* record = answer + offset;
+    UINT8 type = record[0];
+    UINT32 address = ReadU32(record + 1);
+    UINT32 size = ReadU32(record + 5);
+    UINT32 attribute = ReadU32(record + 9);
+    if (address == 0 && size == 0) {
+      continue;
+    }
+    if (type == kWholeMapEnd) {
+      break;
+    }
+    RomMapEntry& entry = gMaps.whole[gMaps.wholeCount];
+    entry.type = type;
+    entry.address = address;
+    entry.size = size;
+    entry.end = address + size - 1;
+    entry.offset = address - romBase;
+    entry.attribute = attribute;
+    if (kept != nullptr) {
+      CopyMem(kept + gMaps.wholeCount * kWholeRecordBytes, record, kWholeRecordBytes);
+    }
+    ++gMaps.wholeCount;
+    LogPrint(kLogDetail, kTraceWholeRecord, type, address, entry.end, size, entry.offset, attribute,
+             WholeRegionTypeName(type));
+  }
+  FreePoolAndNull(gMaps.wholeRecords);
+  // The raw records kept are the ones taken into the table, in the same order.
+  if (kept != nullptr && gMaps.wholeCount != 0) {
+    gMaps.wholeRecords = (UINT8*)CopyToPool(kept, gMaps.wholeCount * kWholeRecordBytes);
+  }
+  FreePoolAndNull(kept);
+  CopyWholeMapOut(entries, count);
+  FreePoolAndNull(answer);
+  TraceLeave(name, nullptr);
+  return true;
+}
+
+Bool SMI_GetWholeRomMap(RomMapEntry* entries, UINT8* count) {
+  if (gMaps.wholeFetched) {
+    // Function 1Eh runs once; later callers get the kept table and the first result.
+    const CHAR16* name = u"DataGetWholeRomMap";
+    TraceEnter(name);
+    CopyWholeMapOut(entries, count);
+    TraceLeave(name, nullptr);
+    return gMaps.wholeResult;
+  }
+  const CHAR16* name = u"SMI_GetWholeRomMap";
+  TraceEnter(name);
+  gMaps.wholeResult = FuncGetWholeRomMap(entries, count);
+  gMaps.wholeFetched = true;
+  if (!gMaps.wholeResult) {
+    CopyWholeMapOut(entries, count);
+  }
+  TraceLeave(name, gMaps.wholeResult ? nullptr : u"OBLIS fail");
+  return gMaps.wholeResult;
+}
+
+VOID GetWholeRomMapRecords(UINT32* count, UINT8** records) {
+  UINT32 held = gMaps.wholeRecords != nullptr ? gMaps.wholeCount : 0;
+  if (count != nullptr) {
+    *count = held;
+  }
+  if (records != nullptr && held != 0) {
+    *records = (UINT8*)CopyToPool(gMaps.wholeRecords, held * kWholeRecordBytes);
+  }
+}
+
+VOID ShowPrivateMapTrace(const OblisPrivateRecord* list, UINT32 count) {
+  const UINT8* bytes = list != nullptr ? (const UINT8*)list : gMaps.privateBuffer;
+  LogPrint(kLogDetail, kPrivateMapHead);
+  for (UINT32 index = 0; bytes != nullptr && index < count && index < kMapRecordLimit; ++index) {
+    const UINT8* record = bytes + index * sizeof(OblisPrivateRecord);
+    UINT32 start = ReadU32(record);
+    UINT32 size = ReadU32(record + 4);
+    LogPrint(kLogDetail, kMapRecordLine, kPrivateMapType, start, start + size - 1, size,
+             RegionTypeName(kPrivateMapType));
+  }
+  LogPrint(kLogDetail, kMapClose);
+}
+
+VOID ShowProtectionMapTrace(const OblisProtectionRecord* list, UINT32 count) {
+  const UINT8* bytes = list != nullptr ? (const UINT8*)list : gMaps.protectionBuffer;
+  LogPrint(kLogDetail, kProtectionMapHead);
+  for (UINT32 index = 0; bytes != nullptr && index < count && index < kMapRecordLimit; ++index) {
+    const UINT8* record = bytes + index * sizeof(OblisProtectionRecord);
+    UINT8 type = record[0];
+    UINT32 start = ReadU32(record + 1);
+    UINT32 size = ReadU32(record + 5);
+    LogPrint(kLogDetail, kMapRecordLine, type, start, start + size - 1, size, RegionTypeName(type));
+  }
+  LogPrint(kLogDetail, kMapClose);
+}
