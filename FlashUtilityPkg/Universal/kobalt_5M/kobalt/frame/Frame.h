@@ -15,6 +15,11 @@ Bool Initialize();
 Bool CallingNecessarySmi();
 VOID FreeResource();
 UINT8 GetRunMode();
+// The two large blocks Initialize takes; null before it and after FreeResource.
+UINT8* GetImageWorkBuffer();
+UINT8* GetEcBuffer();
+// The driver's unload handler, set into its EFI_LOADED_IMAGE_PROTOCOL by the entry.
+EFI_STATUS EFIAPI DriverUnload(EFI_HANDLE imageHandle);
 
 // Directory.
 VOID* EFIAPI LookupFunction(const CHAR16* name);
@@ -25,6 +30,9 @@ VOID EFIAPI SetShellExecuteCallback(ShellExecuteCallback callback);
 UINT32 GetArgumentCount();
 CHAR16** GetArgumentVector();
 EFI_STATUS RunShellCommand(const CHAR16* text);
+// What the host gave: the prefix of relative file names (never null) and its image handle.
+const CHAR16* GetCurrentDirectory();
+EFI_HANDLE GetHostImageHandle();
 
 // File layer. Names are relative to the current directory; see the file's comments.
 EFI_FILE_PROTOCOL* GetRootDirectory();
