@@ -1,5 +1,5 @@
 // The UEFI types, tables and protocols that the tool and its hosts use, laid out as the
-// UEFI specification lays them out. Both builds use this one header: the IA32 firmware
+// UEFI standard lays them out. Both builds use this one header: the IA32 firmware
 // build (cdecl, 32-bit pointers) and the 64-bit host build whose emulated environment
 // implements the same tables. Text is char16_t so that u"" literals need no casts.
 #pragma once
