@@ -49,7 +49,7 @@ TEST(SetUpScenarios, FirmwareAnswersDecideHowFarTheSetUpGoes) {
   const std::vector<Row> rows = {
       {"default machine", "", {"-dbg"}, Concat(kSetUpOrder, kEnd),
        {"This build ends after the set-up"},
-       {"===> ShellFlashMain", "===> Initialize", "<=== Initialize", "===> CallingNecessarySmi",
+       {"===> Initialize", "<=== Initialize", "===> CallingNecessarySmi",
         "<=== ShellFlashMain (Update steps not built)"}},
       {"permission refused", R"({"status": {"permission": 0}})", {"-dbg"}, Concat({"10h"}, kEnd),
        {"\r\nError: Update failed!\r\nCurrent system cannot support this version of flash utility.\r\n",

@@ -1,0 +1,244 @@
+// zaprom-sim: runs the command-line host ZAPROM-S and the driver on Linux, against the emulated
+// UEFI environment and the simulated firmware of a described machine. It reads and writes back
+// the flash file; what the tool does with the machine is the driver's and the simulator's.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Simulator.h"
+#include "UefiEmu.h"
+#include "ZaPromShell.h"
+#include "frame/Frame.h"
+
+namespace {
+
+constexpr int kExitUsage = 2;
+
+const char kUsage[] =
+    "usage: zaprom-sim [--machine FILE] [--flash FILE] [--volume DIR] [--keys TEXT]\n"
+    "                  [--trace-smi FILE] [--variables FILE] [--] [tool arguments...]\n";
+
+struct FrontEndOptions {
+  std::string machineFile;
+  std::string flashFile;
+  std::string volume = ".";
+  std::string keys;
+  std::string traceFile;
+  std::string variablesFile;
+  std::vector<std::string> toolArguments;
+};
+
+[[noreturn]] void UsageError(const std::string& message, bool showUsage = true) {
+  std::fprintf(stderr, "zaprom-sim: %s\n%s", message.c_str(), showUsage ? kUsage : "");
+  std::exit(kExitUsage);
+}
+
+// Options of the front end come first; the first word that is not one of them (or everything
+// after "--") belongs to the tool, whose own options start with a single '-'.
+FrontEndOptions ParseCommandLine(int argc, char** argv) {
+  FrontEndOptions options;
+  struct Valued {
+    const char* name;
+    std::string FrontEndOptions::*field;
+  };
+  const Valued valued[] = {
+      {"--machine", &FrontEndOptions::machineFile}, {"--flash", &FrontEndOptions::flashFile},
+      {"--volume", &FrontEndOptions::volume},       {"--keys", &FrontEndOptions::keys},
+      {"--trace-smi", &FrontEndOptions::traceFile}, {"--variables", &FrontEndOptions::variablesFile},
+  };
+  int i = 1;
+  for (; i < argc; ++i) {
+    std::string word = argv[i];
+    if (word == "--") {
+      ++i;
+      break;
+    }
+    if (word == "--help") {
+      std::fputs(kUsage, stdout);
+      std::exit(0);
+    }
+    if (word.rfind("--", 0) != 0) break;
+    bool known = false;
+    for (const Valued& option : valued) {
+      if (word != option.name) continue;
+      if (i + 1 >= argc) UsageError("option " + word + " needs a value");
+      options.*option.field = argv[++i];
+      known = true;
+    }
+    if (!known) UsageError("unknown option " + word);
+  }
+  for (; i < argc; ++i) options.toolArguments.push_back(argv[i]);
+  return options;
+}
+
+bool ReadWholeFile(const std::string& path, std::string& content) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  std::stringstream text;
+  text << in.rdbuf();
+  content = text.str();
+  return !in.bad();
+}
+
+bool ParseVolumeKind(const std::string& text, emu::VolumeKind& kind) {
+  if (text == "usb" || text.empty()) kind = emu::VolumeKind::Usb;
+  else if (text == "sata") kind = emu::VolumeKind::Sata;
+  else if (text == "emmc") kind = emu::VolumeKind::Emmc;
+  else if (text == "other") kind = emu::VolumeKind::Other;
+  else return false;
+  return true;
+}
+
+// What must happen however the run ends: the flash file and the trace reach the disk.
+struct RunEnd {
+  std::string flashFile;
+  sim::Simulator* simulator = nullptr;
+  std::ofstream* trace = nullptr;
+
+  void WriteBack() const {
+    if (trace != nullptr) trace->flush();
+    if (flashFile.empty() || simulator == nullptr) return;
+    std::ofstream out(flashFile, std::ios::binary | std::ios::trunc);
+    const std::vector<uint8_t>& flash = simulator->Flash();
+    out.write(reinterpret_cast<const char*>(flash.data()), static_cast<std::streamsize>(flash.size()));
+    if (!out) std::fprintf(stderr, "zaprom-sim: cannot write the flash file %s\n", flashFile.c_str());
+  }
+
+  [[noreturn]] void Exit(int status) const {
+    WriteBack();
+    std::fflush(nullptr);
+    std::_Exit(status);  // from deep inside the tool: no unwinding through its frames
+  }
+};
+
+const char* ResetName(EFI_RESET_TYPE type) {
+  switch (type) {
+    case EfiResetCold: return "cold reset";
+    case EfiResetWarm: return "warm reset";
+    case EfiResetShutdown: return "shutdown";
+    default: return "platform-specific reset";
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  FrontEndOptions options = ParseCommandLine(argc, argv);
+
+  sim::Machine machine = sim::DefaultMachine();
+  std::filesystem::path machineDirectory = ".";
+  if (!options.machineFile.empty()) {
+    std::string text, error;
+    if (!ReadWholeFile(options.machineFile, text)) UsageError("cannot read the machine file " + options.machineFile, false);
+    if (!sim::ParseMachine(text, machine, error)) UsageError(options.machineFile + ": " + error, false);
+    machineDirectory = std::filesystem::path(options.machineFile).parent_path();
+  }
+
+  std::vector<uint8_t> flash;
+  if (!options.flashFile.empty() && std::filesystem::exists(options.flashFile)) {
+    std::string content;
+    if (!ReadWholeFile(options.flashFile, content)) UsageError("cannot read the flash file " + options.flashFile, false);
+    flash.assign(content.begin(), content.end());
+  }
+
+  std::vector<EFI_INPUT_KEY> keys;
+  std::string keyError;
+  if (!emu::ParseKeys(options.keys, keys, keyError)) UsageError("--keys: " + keyError);
+
+  emu::Options environmentOptions;
+  environmentOptions.volumes.push_back({options.volume, emu::VolumeKind::Usb});
+  for (const sim::VolumeDescription& volume : machine.volumes) {
+    emu::VolumeSpec spec;
+    spec.hostDirectory = (machineDirectory / volume.path).string();
+    if (!ParseVolumeKind(volume.kind, spec.kind))
+      UsageError("machine volume " + volume.path + ": unknown kind \"" + volume.kind + "\" (usb, sata, emmc, other)",
+                 false);
+    environmentOptions.volumes.push_back(spec);
+  }
+  environmentOptions.keys = options.keys;
+  environmentOptions.ansiConsole = isatty(STDOUT_FILENO) != 0;
+  environmentOptions.variablesFile = options.variablesFile;
+
+  // The simulator reaches the tool's memory only where the environment handed it out.
+  emu::Environment* environmentForMemory = nullptr;
+  sim::MemoryAccess memory;
+  memory.read = [&environmentForMemory](uint32_t address, void* out, uint32_t length) {
+    if (environmentForMemory == nullptr || !environmentForMemory->ContainsAddress(address, length)) return false;
+    std::memcpy(out, reinterpret_cast<const void*>(uintptr_t{address}), length);
+    return true;
+  };
+  memory.write = [&environmentForMemory](uint32_t address, const void* data, uint32_t length) {
+    if (environmentForMemory == nullptr || !environmentForMemory->ContainsAddress(address, length)) return false;
+    std::memcpy(reinterpret_cast<void*>(uintptr_t{address}), data, length);
+    return true;
+  };
+  sim::Simulator simulator(machine, std::move(flash), memory);
+
+  std::unique_ptr<std::ofstream> trace;
+  if (!options.traceFile.empty()) {
+    trace = std::make_unique<std::ofstream>(options.traceFile, std::ios::trunc);
+    if (!*trace) UsageError("cannot write the trace file " + options.traceFile, false);
+    simulator.SetTrace(trace.get());
+  }
+
+  if (simulator.Acpi10Rsdp() != 0)
+    environmentOptions.configurationTables.push_back(
+        {kAcpi10TableGuid, reinterpret_cast<VOID*>(uintptr_t{simulator.Acpi10Rsdp()})});
+  if (simulator.Acpi20Rsdp() != 0)
+    environmentOptions.configurationTables.push_back(
+        {kAcpi20TableGuid, reinterpret_cast<VOID*>(uintptr_t{simulator.Acpi20Rsdp()})});
+
+  emu::Environment environment(environmentOptions);
+  environmentForMemory = &environment;
+  if (!environment.SetupError().empty()) UsageError(environment.SetupError(), false);
+  for (const sim::Variable& variable : machine.variables)
+    environment.PresetVariable(variable.name, variable.guid, variable.attributes, variable.data);
+
+  RunEnd runEnd{options.flashFile, &simulator, trace.get()};
+  environment.SetKeysExhaustedHandler([&runEnd] { runEnd.Exit(emu::kExitNoKeysLeft); });
+  environment.SetResetHandler([&runEnd](EFI_RESET_TYPE type) {
+    std::fprintf(stderr, "zaprom-sim: the tool asked for a %s; the run ends here\n", ResetName(type));
+    runEnd.Exit(0);
+  });
+
+  emu::PlatformBackend backend;
+  backend.smi = [&simulator](OblisRegisters& frame) { simulator.Transact(frame); };
+  backend.ioRead = [&simulator](uint16_t port, int width) { return simulator.IoRead(port, width); };
+  backend.ioWrite8 = [&simulator](uint16_t port, uint8_t value) { simulator.IoWrite8(port, value); };
+  backend.readPhysical = [&simulator](uint32_t address, void* out, uint32_t length) {
+    return simulator.ReadPhysical(address, out, length);
+  };
+  emu::SetPlatformBackend(backend);
+
+  environment.RegisterLinkedImage(u"kobalt.efi", KobaltDriverEntry);
+  std::vector<std::u16string> arguments = {u"ZAPROM-S.efi"};
+  for (const std::string& argument : options.toolArguments) {
+    std::u16string wide;
+    // Tool arguments are file names and options: UTF-8 on the host, UCS-2 for the tool.
+    for (size_t i = 0; i < argument.size();) {
+      unsigned char b = static_cast<unsigned char>(argument[i]);
+      uint32_t c = b;
+      size_t extra = b < 0x80 ? 0 : (b & 0xE0) == 0xC0 ? 1 : (b & 0xF0) == 0xE0 ? 2 : 3;
+      if (extra > 0) c = b & (0x3F >> extra);
+      for (size_t k = 1; k <= extra && i + k < argument.size(); ++k) c = (c << 6) | (argument[i + k] & 0x3F);
+      wide += static_cast<char16_t>(c > 0xFFFF ? 0xFFFD : c);
+      i += extra + 1;
+    }
+    arguments.push_back(wide);
+  }
+  EFI_HANDLE host = environment.CreateImageHandle(u"ZAPROM-S.efi", arguments);
+
+  EFI_STATUS status = ZaPromShellEntry(host, environment.SystemTable());
+  std::fflush(stdout);
+  runEnd.WriteBack();
+  return status == EFI_SUCCESS ? 0 : 1;
+}
