@@ -15,3 +15,12 @@ VOID MarkEntrySlotTags();
 // signature last. Read-only; for the steps that take the driver's slots at their fixed places.
 const UINT8* DriverSlotChain();
 UINT32 DriverSlotChainSize();
+
+// ---- image analysis ----
+// True for a secure image (one that holds the secure-image record); fills the analysis.
+Bool AnalyzeImage(const UINT8* image, UINT32 length);
+Bool IsSecureImage(UINT32* size);
+Bool HasDrvSignature();
+Bool HasSecureEc(UINT32* size);
+// Parses the INI slot of a secure image as settings.
+Bool LoadImageConfig(const UINT8* image, UINT32 length);
