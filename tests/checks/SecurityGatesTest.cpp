@@ -54,7 +54,7 @@ TEST(SecurityGates, FailedAntiTheftCallRefuses) {
   fw.AnswerCodes(0x1C, {0xEF});
   EXPECT_FALSE(FuncOblis_1Ch());
   EXPECT_FALSE(AntiTheftMarkerRequired());
-  EXPECT_EQ(fw.Console(), "\r\n\r\nError: OBLIS 1Ch failed.\r\nInternal Error EF\r\nFunction not supported.\n");
+  EXPECT_EQ(fw.Console(), "\r\n\r\nError: OBLIS 1Ch failed.\r\nInternal Error EF\r\nFunction not supported.\r\n");
 }
 
 TEST(SecurityGates, SecureBootSupportIsThePresenceOfSetupMode) {

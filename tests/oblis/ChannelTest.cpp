@@ -249,8 +249,8 @@ TEST(Channel, FailedReportingWrapperPrintsTheErrorReport) {
     const char* console;
   };
   const Row rows[] = {
-      {0x22, "\r\n\r\nError: OBLIS 1Ch failed.\r\nInternal Error 22\r\nFBTS: Unknown platform rom map.\n"},
-      {0xEF, "\r\n\r\nError: OBLIS 1Ch failed.\r\nInternal Error EF\r\nFunction not supported.\n"},
+      {0x22, "\r\n\r\nError: OBLIS 1Ch failed.\r\nInternal Error 22\r\nFBTS: Unknown platform rom map.\r\n"},
+      {0xEF, "\r\n\r\nError: OBLIS 1Ch failed.\r\nInternal Error EF\r\nFunction not supported.\r\n"},
       {0x5C, "\r\n\r\nError: OBLIS 1Ch failed.\r\nInternal Error 5C\r\n"},
   };
   for (const Row& row : rows) {

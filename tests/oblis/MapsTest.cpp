@@ -122,7 +122,7 @@ TEST(Maps, FailedPlatformMapIsNotKept) {
   UINT32 count = 7;
   GetPlatformRomMap(&count, nullptr, nullptr, nullptr);
   EXPECT_EQ(count, 0u);
-  EXPECT_EQ(fw.Console(), "\r\n\r\nError: OBLIS 12h failed.\r\nInternal Error 22\r\nFBTS: Unknown platform rom map.\n");
+  EXPECT_EQ(fw.Console(), "\r\n\r\nError: OBLIS 12h failed.\r\nInternal Error 22\r\nFBTS: Unknown platform rom map.\r\n");
 }
 
 std::vector<uint8_t> WholeRecord(uint8_t type, uint32_t address, uint32_t size, uint32_t attribute = 0) {

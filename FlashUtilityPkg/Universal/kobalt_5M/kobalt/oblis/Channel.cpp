@@ -295,9 +295,10 @@ VOID OblisRetryDelay() {
 
 VOID ReportOblisError(UINT8 function, UINT8 code) {
   Print(kMessageOblisFailed, function, code);
+  // The texts are formats like every message, so their line ends come out as CR LF.
   for (const OblisErrorText& row : kOblisErrorTexts) {
     if (row.code == code) {
-      Print(u"%s", row.text);
+      Print(row.text);
       return;
     }
   }
