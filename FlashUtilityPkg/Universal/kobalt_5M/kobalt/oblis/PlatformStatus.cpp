@@ -46,7 +46,8 @@ const CHAR16 kTraceStructSize[] = u"      Struct size | %d\r\n";
 const CHAR16 kTraceSkipCheck[] = u"       Skip Check | %d\r\n";
 const CHAR16 kTraceReviseAcer[] = u"Revise vendor ID to |0x1025| Acer\r\n";
 const CHAR16 kLabelFilterTable[] = u"===== 10h Filter Table =====\r\n";
-const CHAR16 kTraceFilterRejected[] = u" Filter table length 0x%x does not fit the 10h answer, ignored\r\n";
+const CHAR16 kTraceFilterCut[] = u" Filter table length 0x%x runs past the 10h answer, cut to 0x%x\r\n";
+const CHAR16 kTraceFilterNoEntries[] = u" Filter table length 0x%x shorter than its head, no entries taken\r\n";
 const CHAR16 kMessageNotSupported[] =
     u"\r\nError: Update failed!\r\nCurrent system cannot support this version of flash utility.\r\n";
 const CHAR16 kLabelAcpiHeader[] = u"===== ACPI TABLE HEADER =====\r\n";
@@ -91,9 +92,10 @@ VOID TracePlatformStatus(const UINT8* status) {
   LogPrint(kLogDetail, kTraceSkipCheck, status[37]);
 }
 
-// Keeps the firmware's command filter record if the answer holds one. The record must lie
-// wholly inside the bytes held: a length that is shorter than its own head or runs past the
-// answer is not trusted, and the record is ignored rather than cut.
+// Keeps the firmware's command filter record if the answer holds one. Only the bytes held are
+// known, and the filter grants options: a record that claims to run past them is cut to what is
+// held, and one whose head is malformed is kept with no entries, so that a damaged record can
+// only refuse more, never lift the firmware's restrictions.
 VOID KeepFilterRecord(const UINT8* answer) {
   CHAR8 key[kFilterSignatureBytes] = {'#', 'C', 'M', 'D', 'F', 'I', 'L', 'T'};
   key[0] = '$';
@@ -101,20 +103,22 @@ VOID KeepFilterRecord(const UINT8* answer) {
     if (CompareMem(answer + offset, key, kFilterSignatureBytes) != 0) {
       continue;
     }
-    if (offset + kFilterHeadBytes > kStatusBufferBytes) {
-      LogPrint(kLogDetail, kTraceFilterRejected, 0);
-      return;
-    }
-    UINT32 length = ReadU32(answer + offset + kFilterSignatureBytes);
-    if (length < kFilterHeadBytes || length > kStatusBufferBytes - offset) {
-      LogPrint(kLogDetail, kTraceFilterRejected, length);
-      return;
+    UINT32 held = kStatusBufferBytes - offset;
+    UINT32 claimed = held >= kFilterHeadBytes ? ReadU32(answer + offset + kFilterSignatureBytes) : 0;
+    UINT32 length = claimed;
+    if (claimed < kFilterHeadBytes) {
+      length = kFilterHeadBytes;
+      LogPrint(kLogDetail, kTraceFilterNoEntries, claimed);
+    } else if (claimed > held) {
+      length = held;
+      LogPrint(kLogDetail, kTraceFilterCut, claimed, held);
     }
     UINT8* record = (UINT8*)AllocateZeroPool(length);
     if (record == nullptr) {
       return;
     }
-    CopyMem(record, answer + offset, length);
+    CopyMem(record, answer + offset, length < held ? length : held);
+    WriteU32(record + kFilterSignatureBytes, length);
     gPlatform.filterRecord = record;
     gPlatform.filterLength = length;
     HexDumpFramed(kLabelFilterTable, record, length);
