@@ -84,6 +84,19 @@ TEST(Channel, ZeroSmiCommandPortFailsSetUp) {
   EXPECT_TRUE(fw.frames.empty());
 }
 
+// A run refused before the set-up still ends with the host's hook point and final report;
+// with no command port known they must not write to any port (port 0 is the DMA controller).
+TEST(Channel, CallsBeforeASuccessfulSetUpTouchNoPort) {
+  FakeFirmware fw;
+  fw.PlaceFacp(kFacp, 0);
+  EXPECT_FALSE(InitialSmi());
+  EXPECT_FALSE(SMI_ApHookPoint(0));
+  EXPECT_FALSE(FuncOblis_16h());
+  EXPECT_TRUE(fw.frames.empty());
+  EXPECT_NE(fw.Log().find(" SMI command port not known, OBLIS 1Fh not called\r\n"), std::string::npos) << fw.Log();
+  EXPECT_NE(fw.Log().find(" SMI command port not known, OBLIS 16h not called\r\n"), std::string::npos) << fw.Log();
+}
+
 TEST(Channel, SecondInitialSmiDoesNotScanAgain) {
   FakeFirmware fw;
   ASSERT_TRUE(InitialSmi());

@@ -45,6 +45,7 @@ const CHAR16 kLabelFacp[] = u"===== ACPI TABLE FACP =====\r\n";
 const CHAR16 kMessageFacpNotFound[] = u"Error: FACP not found!\r\n";
 const CHAR16 kMessagePortNotFound[] = u"Error: SMI command port not found!\r\n";
 const CHAR16 kTraceCommandPort[] = u" SMI command port = 0x%04x\r\n";
+const CHAR16 kTraceNoCommandPort[] = u" SMI command port not known, OBLIS %02Xh not called\r\n";
 const CHAR16 kTraceCallSuccess[] = u"Call OBLIS success\r\n";
 const CHAR16 kTraceCallFailed[] = u"Call OBLIS failed. Error Code: 0x%02x, Retry Count: %02d\r\n";
 const CHAR16 kReasonNotSuccess[] = u"BIOS return not success";
@@ -153,6 +154,15 @@ OblisRegisters RaiseOblis(UINT8 function, UINT32 ecx, UINT32 edi, UINT32 esi) {
   frame.eax = ((UINT32)function << 8) | gChannel.smiNumber;
   frame.ebx = kOblisCallerSignature;
   frame.edx = gChannel.commandPort;
+  // A run refused before the set-up (a bad option, say) still ends with the host's hook point
+  // and final report. Without a command port from the FADT there is nowhere to raise an SMI,
+  // and a write to port 0 would reach the DMA controller: no port is touched, and the call
+  // answers as one that was never made.
+  if (!gChannel.initialised) {
+    LogPrint(kLogDetail, kTraceNoCommandPort, function);
+    frame.eax = (frame.eax & 0xFFFFFF00u) | kOblisNoAttempt;
+    return frame;
+  }
   SmiTransaction(&frame);
   return frame;
 }
