@@ -6,31 +6,134 @@
 
 constexpr UINTN kIniTextBytes = 1024;
 
+constexpr UINTN kCommonFlashErrorMessages = 20;  // ErrorMsg00 to ErrorMsg13
+constexpr UINTN kMultiFdEntries = 100;            // FD#00 to FD#99
+constexpr UINTN kCheckListEntries = 20;           // PlatformName1.., Version1..
+constexpr UINTN kForceTypeCount = 255;            // Type#00 to Type#fe
+constexpr UINTN kEcMaskBytes = 32;                // MaskByte0 to MaskByte31
+
+// One group of fields per platform.ini section. bool fields are 1 only for a value of exactly 1;
+// text fields are terminated.
 struct FlashSettings {
   struct {
+    Bool present;  // the section header stands in the text
+    CHAR8 switchString[kIniTextBytes];
+    CHAR8 errorMsg[kCommonFlashErrorMessages][kIniTextBytes];
+  } commonFlash;
+  struct {
     INT32 flag;
-    INT32 level;
-  } logFile;
+    CHAR8 fd[kMultiFdEntries][kIniTextBytes];
+  } multiFd;
   struct {
-    INT32 action;
-    Bool pause;
-    CHAR8 pauseWarning[kIniTextBytes];
-  } flashComplete;
+    Bool elapse;
+  } ui;
   struct {
-    Bool enable;
-    INT32 action;
-  } flashSecureBiosOverride;
-  struct {
+    INT32 flag;
+    INT32 batteryCheck;
+    INT32 batteryBound;
     CHAR8 launcherAcWarning[kIniTextBytes];
     CHAR8 securityAcWarning[kIniTextBytes];
   } acAdapter;
   struct {
-    INT32 smiErrorRetryDelay;
+    INT32 flag;
+    CHAR8 platformName[kCheckListEntries][kIniTextBytes];  // PlatformName1 at index 0
+  } platformCheck;
+  struct {
+    INT32 flag;
+    CHAR8 version[kCheckListEntries][kIniTextBytes];  // Version1 at index 0
+  } platformVersion;
+  struct {
+    INT32 flag;
+    Bool checkByBios;
+    CHAR8 checkByBiosErrorMessage[kIniTextBytes];
+  } biosVersionCheck;
+  struct {
+    Bool biosVfEnable;
+    CHAR8 versionFormat[kIniTextBytes];
+  } biosVersionFormat;
+  struct {
+    INT32 action;  // 0 nothing, 1 shutdown, 2 reboot
+    Bool pause;
+    CHAR8 pauseWarning[kIniTextBytes];
+  } flashComplete;
+  struct {
+    Bool enable;  // EnableFlashSecureBIOSOverride
+    INT32 action;
+  } flashSecureBiosOverride;
+  struct {
+    Bool all;
+    Bool bbPei;
+    Bool cpuMicrocode;
+    Bool variable;
+    Bool dxe;
+    Bool ec;
+    Bool password;
+    Bool oemNvs;
+    Bool logo;
+    Bool forceTypes[kForceTypeCount];  // the meaning of CommandFlags::typeFlags
+    Bool alp;
+    Bool useBvdtRomMap;
+  } forceFlash;
+  struct {
+    Bool bios;
+    Bool gbe;
+    Bool me;
+    Bool desc;
+    Bool platformData;
+  } region;
+  struct {
+    Bool progressBar;  // 1 block by block, 0 a single block
+    CHAR8 ecDockWarning[kIniTextBytes];
+    Bool ignore21h;
+    Bool action20h;
+    UINT8 ecBlockSize;
+    Bool enableEcProtectMask;
+    UINT8 protectMaskBitCount;
+    UINT8 maskByte[kEcMaskBytes];
+  } updateEc;
+  struct {
+    CHAR8 meFileName[kIniTextBytes];
+    CHAR8 command[kIniTextBytes];
+  } updateOemMe;
+  struct {
+    INT32 flag;
+    INT32 level;  // 0 to 4
+    CHAR8 fileName[kIniTextBytes];  // read, never used: the log keeps its own name
+  } logFile;
+  struct {
+    INT32 fileNotFound;
+    INT32 errorBeforeFlash;
+    INT32 batteryNotConnect;
+    INT32 batteryCapacityNotEnough;
+    INT32 writeRomFail;
+    INT32 writeEcFail;
+    INT32 writeExtraDataFail;
+  } returnErrorCode;  // read, never used: a main returns only a Bool
+  struct {
+    INT32 disableCompare;
+    INT32 disableVerify;
+    INT32 verifyErrorRetry;
+    INT32 smiErrorRetryDelay;  // milliseconds
     INT32 smiErrorRetry;
+    Bool disableSecureCapsuleFlash;
   } others;
+  struct {
+    Bool restore;
+  } factoryCopy;
+  struct {
+    Bool updateNvStorage;
+    Bool updateFactoryCopy;
+  } securityFlashFactoryUpdate;
   struct {
     Bool skipSecureBootProtectionCheck;
   } engineeringErrorDisable;
+  struct {
+    Bool viaEsp;
+  } secureUpdate;
+  struct {
+    Bool flag;
+    INT32 interval;  // seconds
+  } autoWakeup;
 };
 
 // The settings record; every other folder only reads it.
@@ -47,6 +150,21 @@ Bool GetIniString(const CHAR8* section, const CHAR8* key, CHAR8* out, UINTN capa
 VOID LoadOption(CHAR8* text, UINT32* size, Bool withMultiFd);
 INT32 GetIniInt(const CHAR8* section, const CHAR8* key, INT32 defaultValue);
 INT32 GetIniHex(const CHAR8* section, const CHAR8* key, INT32 defaultValue);
+// The lookup under every getter: value (capacity bytes) gets the key's value, terminated. False
+// if the section or key is missing, or the value is empty. A line longer than 1023 characters
+// from the key on is cut there.
+Bool GetIniRaw(const CHAR8* section, const CHAR8* key, const CHAR8* text, UINT32 size, CHAR8* value,
+               UINTN capacity);
+Bool IniSectionExists(const CHAR8* section, const CHAR8* text, UINT32 size);
+// The working text of the last LoadOption; null before the first.
+const CHAR8* GetIniText();
+UINT32 GetIniTextSize();
+// Digits after leading blanks; beyond 4294967295 the value is 0xFFFFFFFF.
+INT32 ParseDecimal(const CHAR8* text);
+// The 8-bit twin of ParseHex: blanks and tabs, one "0x", hex digits up to the first other one.
+INT32 ParseHex8(const CHAR8* text);
+// Reads every section of the working text into FlashSettings; [MULTI_FD] only withMultiFd.
+VOID LoadAllSections(Bool withMultiFd);
 
 // ---- configuration sources ----
 VOID ClearCfg_variable();
@@ -54,6 +172,10 @@ Bool GetCfg_Variable();
 Bool GetCfg_Secure();
 // imageName holds 128 characters; the multi-image road may replace it.
 Bool LoadConfiguration(CHAR16* imageName);
+Bool LoadConfigFormal(CHAR16* imageName);
+// Stores a normal-form text, less the sections a capsule run must not take over, in the
+// variable FlashINISettings.
+VOID SaveCfg_Variable(const CHAR8* text, UINT32 size);
 
 // ---- command line and filters ----
 constexpr UINTN kImageNameCharacters = 128;
@@ -63,12 +185,58 @@ VOID DisplayUsage();
 Bool ChkFilterArg(const CHAR16* commandText);
 // Runs at the end of every load of a settings text.
 VOID ChkFilterTblIni();
+// One token: true if it is a known option, which is then applied to CommandFlags.
+Bool ParseOption(CHAR16* token);
+// Compares count characters from the start; -1: the whole text, lengths equal. Without
+// caseSensitive only 'A' to 'Z' fold. Never reads past a terminator of either side.
+Bool MatchText(Bool caseSensitive, const CHAR16* text, const CHAR16* literal, INT32 count);
+// Copies the word at position (up to separator or end) into token, at most capacity - 1
+// characters; position moves behind the separator. False once position reaches the end.
+Bool NextToken(const CHAR16* text, CHAR16 separator, UINT16* position, CHAR16* token, UINTN capacity);
+UINT32 ParseHex(const CHAR16* text);
+// The format test of an extra-data option ("edt4f:logo.jpg"); lower-cases its first six
+// characters in place and prints its own warning.
+Bool IsValidCommand_edt(CHAR16* text);
+// The firmware's command filter as the filters read it: the entries and their count.
+struct CommandFilter {
+  UINT8* record;  // the firmware's record with its head; null without a filter
+  UINT32 count;   // entry bytes behind the head
+};
+Bool LoadCommandFilter(CommandFilter* filter);
+Bool FilterPermits(const CommandFilter* filter, UINT8 byte, UINT8 bit);
+VOID FreeCommandFilter(CommandFilter* filter);
+// The filter is the one writer of settings outside the loader: it puts forbidden ones back.
+FlashSettings* MutableSettings();
 
 // ---- multi-image selection ----
 Bool IsMultiFdMode();
 Bool IsCondi_match();
 // Copies the matched image's name into 40 characters.
 VOID GetMatchedImageName(CHAR16* name);
+// One [MULTI_FD] rule by its number (0 to 99) into rule (capacity bytes, terminated); false
+// when the rule is missing or empty. IsCondi_match walks the rules held in FlashSettings.
+typedef Bool (*MultiFdRuleReader)(UINTN number, CHAR8* rule, UINTN capacity);
+// The walk over FD#01 to FD#99 of reader: true when a rule held, its names are then kept.
+Bool WalkMultiFdRules(MultiFdRuleReader reader);
+// The rule tests. rule is a terminated text of at most kIniTextBytes bytes that IsMatch_IO and
+// IsMatch_PCI change in place ('-' becomes ','); position comes back as the offset of the
+// first file field.
+Bool IsMatch_IO(CHAR8* rule, UINTN* position);
+Bool IsMatch_PCI(CHAR8* rule, UINTN* position);
+Bool IsMatch_MPCIIO(CHAR8* rule, UINTN* position);
+Bool IsMatch_ID(CHAR8* rule, UINTN* position);
+Bool IsMatch_MEMORY(CHAR8* rule, UINTN* position);
+// One 32-bit configuration register through the PCI root bridge; false without the protocol or
+// on an error status.
+Bool ReadPciIo(UINT8 bus, UINT8 device, UINT8 function, UINT8 offset, UINT32* data);
+// Port input of width 1, 2 or 4 bytes; false for any other width.
+Bool CpuIoRead(UINT8 width, UINT16 port, UINT32* data);
+
+constexpr UINTN kTypeFlagCount = 255;  // types 0 to 0xFE
+constexpr UINTN kEdtEntries = 9;
+constexpr UINTN kEdtEntryCharacters = 128;
+constexpr UINT8 kDefaultRtCount = 5;
+constexpr UINT32 kDefaultVrtCount = 3;
 
 struct CommandFlags {
   Bool debug;       // -dbg
@@ -76,5 +244,58 @@ struct CommandFlags {
   Bool shutdown;    // -s
   Bool nothing;     // -n
   Bool skipSbp;     // -skipsbp
+  Bool help;        // -h, -?
+  Bool ab;
+  Bool ac;
+  Bool acb;
+  Bool all;
+  Bool alp;
+  Bool bios;
+  Bool dc;
+  Bool desc;
+  Bool di;
+  Bool e;           // -e:, with eOffset, eSize, eAddress
+  Bool ecbp;
+  Bool ecp;
+  Bool ecb;
+  Bool ec;
+  Bool ecCrisis;    // -ec_crisis
+  Bool eob;
+  Bool extrFD;      // set by the package's own argument scan
+  Bool forceit;
+  Bool g;
+  Bool gbe;
+  Bool mc;
+  Bool me;
+  Bool mfg;
+  Bool nopause;
+  Bool pdr;
+  Bool pi;
+  Bool pq;
+  Bool pr;
+  Bool priv;        // -priv, -ppriv
+  Bool rt;          // -rt:, with rtCount, rtDelay
+  Bool u;
+  Bool ufc;
+  Bool unvs;
+  Bool v;
+  Bool vrt;         // -vrt:, with vrtCount
+  Bool typeFlags[kTypeFlagCount];
+  UINT8 rtCount;
+  UINT32 rtDelay;
+  UINT32 vrtCount;
+  UINT32 eOffset;
+  UINT32 eSize;
+  UINT32 eAddress;
+  CHAR16 edtList[kEdtEntries][kEdtEntryCharacters];
+  UINT32 edtCount;
 };
 const CommandFlags* Flags();
+// The setters; only the command-line reader calls them.
+VOID SetCommandFlag(Bool CommandFlags::*flag);
+VOID SetTypeFlag(UINT8 type);
+VOID SetCommand_e(UINT32 offset, UINT32 size, UINT32 address);
+VOID SetCommand_rt(UINT8 count, UINT32 delay);
+VOID SetCommand_vrt(UINT32 count);
+// False when the list is full or the text does not fit an entry; nothing is written then.
+Bool AddEdtEntry(const CHAR16* text);

@@ -1,0 +1,153 @@
+// Where settings come from: the variable FlashINISettings (stored less some sections, read once
+// and removed), the driver's own INI slot, and platform.ini beside the tool with the image.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "frame/FrameHarness.h"
+#include "image/Image.h"
+#include "output/LogHarness.h"
+#include "support/Isolated.h"
+
+namespace {
+
+constexpr EFI_GUID kSettingsGuid = {0x382AF2BB, 0xFFFF, 0xABCD, {0xAA, 0xEE, 0xCC, 0xE0, 0x99, 0x33, 0x88, 0x77}};
+
+std::string StoredVariable(emu::Environment& environment, bool* exists = nullptr) {
+  std::vector<uint8_t> data;
+  bool found = environment.ReadVariable(u"FlashINISettings", kSettingsGuid, data);
+  if (exists != nullptr) *exists = found;
+  return std::string(data.begin(), data.end());
+}
+
+TEST(Sources, SaveCfgVariableStoresAllButTheListedSections) {
+  struct Row {
+    const char* what;
+    std::string text;
+    bool stored;
+    std::string content;
+  };
+  const std::string longSection = "[ui]\nelapse=1\nnote=" + std::string(900, 'n') + "\n";
+  const std::vector<Row> rows = {
+      {"listed prefixes go, in any case, a '[' in a value stays",
+       "top=1\n[log_file]\nflag=1\n[option]\nx=1\n[commonflash]\nswitchstring=a[b]c\n[multi_fd_more]\nflag=1\n"
+       "[returnerrorcode]\nfilenotfound=9\n[flashsecurebiosoverride]\naction=3\n[versionx]\n",
+       true, "[log_file]\nflag=1\n[commonflash]\nswitchstring=a[b]c\n"},
+      {"a text that opens with a header keeps all", "[a]\nk=1\n[b]\n", true, "[a]\nk=1\n[b]\n"},
+      {"a section longer than 767 bytes is stored whole", longSection, true, longSection},
+      {"only listed sections: nothing is stored", "[fdfile]\nname=x\n[PasswordCheck]\n", false, ""},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(RunIsolated([&] {
+                log_test::LogVolume volume;
+                SaveCfg_Variable(row.text.data(), static_cast<UINT32>(row.text.size()));
+                bool exists = false;
+                EXPECT_EQ(StoredVariable(volume.Environment(), &exists), row.content) << row.what;
+                EXPECT_EQ(exists, row.stored) << row.what;
+              }),
+              0)
+        << row.what;
+  }
+}
+
+TEST(Sources, SaveCfgVariableTracesTheDroppedSections) {
+  log_test::LogVolume volume;
+  log_test::LogVolume::SetLogFile(1, 0);
+  std::string text = "[Log_file]\nflag=1\n[Option]\nx=1\n";
+  SaveCfg_Variable(text.data(), static_cast<UINT32>(text.size()));
+  EXPECT_EQ(volume.Log(), " Variable FlashINISettings()\r\n-----+---------------------------\r\n       Option\r\n");
+}
+
+TEST(Sources, GetCfgVariableLoadsOnceAndRemovesTheVariable) {
+  log_test::LogVolume volume;
+  volume.ScanArguments({u"zaprom", u"-dbg"});
+  InitialIniStructure();
+  EXPECT_FALSE(GetCfg_Variable());  // none stored yet
+  EXPECT_NE(volume.Log().find("<=== GetCfg_Variable (Get variable size failed)\r\n"), std::string::npos);
+
+  std::string text = "[flashcomplete]\naction=0\n";
+  volume.Environment().PresetVariable(u"FlashINISettings", kSettingsGuid, 7,
+                                      std::vector<uint8_t>(text.begin(), text.end()));
+  EXPECT_TRUE(GetCfg_Variable());
+  EXPECT_EQ(Settings()->flashComplete.action, 0);
+  bool exists = true;
+  StoredVariable(volume.Environment(), &exists);
+  EXPECT_FALSE(exists);
+  std::string log = volume.Log();
+  EXPECT_NE(log.find("FlashINISettings size 0x19\r\n"), std::string::npos);
+  EXPECT_NE(log.find("Reference configure from Variable\r\n"), std::string::npos);
+}
+
+TEST(Sources, GetCfgSecureTakesTheDriversOwnIniSlot) {
+  struct Row {
+    const char* what;
+    std::string ini;
+    uint32_t sizeField;
+    bool loaded;
+    const char* console;
+    INT32 action;
+  };
+  const std::vector<Row> rows = {
+      {"empty slot", "", 0, false, "Error:\r\nSettings buffer is empty!\r\n", 2},
+      {"a size beyond the slot is refused", "", 0x10001, false, "Error:\r\nSettings size 0x10001 exceeds its slot (0x10000)!\r\n", 2},
+      {"settings read", "[FlashComplete]\nAction=1\n", 25, true, "", 1},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(RunIsolated([&] {
+                log_test::LogVolume volume;
+                InitialIniStructure();
+                // The packing step's work: size field and data of the INI slot.
+                UINT8* chain = const_cast<UINT8*>(DriverSlotChain());
+                WriteU32(chain + 0x500048 + 20, row.sizeField);
+                std::memcpy(chain + 0x500060, row.ini.data(), row.ini.size());
+                EXPECT_EQ(GetCfg_Secure(), row.loaded) << row.what;
+                EXPECT_EQ(volume.Environment().ConsoleTranscript(), row.console) << row.what;
+                EXPECT_EQ(Settings()->flashComplete.action, row.action) << row.what;
+              }),
+              0)
+        << row.what;
+  }
+}
+
+TEST(Sources, LoadConfigurationReadsPlatformIniBesideTheTool) {
+  struct Row {
+    const char* what;
+    std::string platformIni;  // empty: none
+    std::string image;        // empty: none
+    bool result;
+    std::string variable;
+    INT32 action;
+    const char* console;
+  };
+  std::string secureImage(
+      "\x24ISB\x33\x38\xA1\xDD\x42\xC3\xAE\x4E\xB5\xC9\xC2\xD7\xD6\x13\xDB\xB8", 20);
+  const std::string ini = "[FlashComplete]\nAction=1\n";
+  secureImage += "$_KOBALT_INI_IMG" + std::string("\x19\0\0\0\x19\0\0\0", 8) + ini;
+  const std::vector<Row> rows = {
+      {"platform.ini stored, image not looked at", "[FlashComplete]\nAction=0\n[Option]\nx=1\n", "", true,
+       "[flashcomplete]\naction=0\n", 0, ""},
+      {"legacy image, no platform.ini: start values", "", std::string(64, '\xFF'), true, "", 2, ""},
+      {"secure image brings its settings", "", secureImage, true, "", 1, ""},
+      {"no image file", "", "", false, "", 2, "the FD file not found. (image.fd)"},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(RunIsolated([&] {
+                frame_test::FrameHarness harness;
+                harness.StartDriver();
+                InitialIniStructure();
+                if (!row.platformIni.empty()) frame_test::WriteHostFile(harness.Volume(0) / "platform.ini", row.platformIni);
+                if (!row.image.empty()) frame_test::WriteHostFile(harness.Volume(0) / "image.fd", row.image);
+                CHAR16 imageName[kImageNameCharacters] = u"image.fd";
+                EXPECT_EQ(LoadConfiguration(imageName), row.result) << row.what;
+                EXPECT_EQ(StoredVariable(harness.Environment()), row.variable) << row.what;
+                EXPECT_EQ(Settings()->flashComplete.action, row.action) << row.what;
+                EXPECT_NE(harness.Console().find(row.console), std::string::npos) << row.what << harness.Console();
+              }),
+              0)
+        << row.what;
+  }
+}
+
+}  // namespace
