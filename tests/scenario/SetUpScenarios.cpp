@@ -103,7 +103,10 @@ TEST(SetUpScenarios, FirmwareAnswersDecideHowFarTheSetUpGoes) {
 }
 
 TEST(SetUpScenarios, HookPointsAndFinalReportFrameTheRun) {
-  SimResult result = RunSim({});
+  // A bare run ends with the help, whose pager waits for keys.
+  SimRequest bare;
+  bare.keys = "  ";
+  SimResult result = RunSim(bare);
   ASSERT_GE(result.calls.size(), 3u);
   // Hook point 1 right after 10h, hook point 0 and the final report at the very end.
   EXPECT_EQ(result.calls[1].fn, "1Fh");
@@ -125,6 +128,7 @@ TEST(SetUpScenarios, HookPointsAndFinalReportFrameTheRun) {
 TEST(SetUpScenarios, RunWithTheLogOffDeletesTheOldLog) {
   SimRequest request;
   request.volumeFiles = {{"ZAPROM.Log", "a log of an earlier run\r\n"}};
+  request.keys = "  ";  // for the pager of the help that a bare run ends with
   SimResult result = RunSim(request);
   EXPECT_FALSE(result.logExists) << result.log;
 }

@@ -15,8 +15,6 @@ constexpr UINTN kEcBufferBytes = 0x200000;          // 2 MiB, the staged EC imag
 constexpr UINT8 kRunModeShell = 0;
 constexpr UINT8 kRunModeUefi = 1;
 constexpr UINT32 kHookPointApLaunch = 1;
-constexpr UINTN kImageNameCharacters = 128;
-constexpr UINTN kCommandTextCharacters = 512;
 
 constexpr CHAR16 kFreeResource[] = u"FreeResource";
 constexpr CHAR16 kInitialize[] = u"Initialize";
@@ -47,6 +45,19 @@ constexpr CHAR16 kReasonShellInitialize[] = u"Initialize failed";
 constexpr CHAR16 kReasonUefiInitialize[] = u"initialize failed";
 constexpr CHAR16 kReasonNecessarySmi[] = u"calling necessary OBLIS failed";
 constexpr CHAR16 kReasonUpdateStepsNotBuilt[] = u"Update steps not built";
+constexpr CHAR16 kReasonArgumentCheck[] = u"Argument check failed";
+constexpr CHAR16 kReasonFilterCheck[] = u"Argument check with command filter failed";
+constexpr CHAR16 kReasonQueryCommand[] = u"Query command";
+constexpr CHAR16 kReasonCommandFailed[] = u"Command failed";
+constexpr CHAR16 kReasonNoAlp[] = u"Not support alp command";
+constexpr CHAR16 kReasonConfiguration[] = u"failed";
+constexpr CHAR16 kReasonShowHelp[] = u"Show help";
+
+constexpr CHAR16 kWarningEobWithEcb[] = u"Warning!\r\nThe command /ecbp and /eob mutually exclusive\r\n\r\n";
+constexpr CHAR16 kErrorInvalidCommand[] = u"Error command: %s (Invalid command)\n";
+constexpr CHAR16 kAlpOption[] = u"-alp";
+// The queries other than help come with the map, ROM read, package and extra-data steps.
+constexpr CHAR16 kQueryNotBuilt[] = u"\r\nThe query %s is not built yet; nothing was read or written.\r\n";
 
 constinit UINT8 runMode = 0;
 constinit UINT8* imageWorkBuffer = nullptr;
@@ -85,6 +96,36 @@ Bool StopMain(const CHAR16* mainName, const CHAR16* reason) {
 Bool EndBeforeUpdateSteps(const CHAR16* mainName) {
   Print(kUpdateStepsNotBuilt);
   return StopMain(mainName, kReasonUpdateStepsNotBuilt);
+}
+
+// Row 12: the first yes makes the run a query. The order differs from RunQueryCommand's.
+Bool IsQueryCommand() {
+  const CommandFlags* flags = Flags();
+  return flags->g || flags->pq || flags->pr || flags->priv || flags->help || flags->extrFD || flags->edtCount != 0 ||
+         flags->pi;
+}
+
+// A query ends the run as finished whatever it does; it never changes the flash.
+VOID RunQueryCommand(const CHAR16* imageName) {
+  (void)imageName;
+  const CommandFlags* flags = Flags();
+  if (flags->help) {
+    DisplayUsage();
+  } else if (flags->pq) {
+    Print(kQueryNotBuilt, u"-pq");
+  } else if (flags->priv) {
+    Print(kQueryNotBuilt, u"-priv");
+  } else if (flags->pr) {
+    Print(kQueryNotBuilt, u"-pr");
+  } else if (flags->g) {
+    Print(kQueryNotBuilt, u"-g");
+  } else if (flags->extrFD) {
+    Print(kQueryNotBuilt, u"-extrFD");
+  } else if (flags->edtCount != 0) {
+    Print(kQueryNotBuilt, u"-edt");
+  } else if (flags->pi) {
+    Print(kQueryNotBuilt, u"-pi");
+  }
 }
 
 }  // namespace
@@ -168,7 +209,7 @@ Bool CallingNecessarySmi() {
 }
 
 Bool EFIAPI ShellFlashMain() {
-  [[maybe_unused]] ShellRun run = {};
+  ShellRun run = {};
 
   // Row 1: the argument vector the host handed in, and the trace.
   run.argumentCount = GetArgumentCount();
@@ -178,11 +219,16 @@ Bool EFIAPI ShellFlashMain() {
   runMode = kRunModeShell;
   // Row 3: -dbg turns the trace on at level 4.
   ScanDebugOption();
-  // Rows 4 to 6 (own package, its status, the stored settings variable) come with the package
-  // and configuration-source steps.
+  // Rows 4 and 5 (SetApplication with argument 0, SetPackageStatus) come with the package
+  // work; until then no run is in package mode.
+  // Row 6: settings a shell run left behind are gone before this run starts; a failure is traced.
+  ClearCfg_variable();
   // Row 7: the settings' start values.
   InitialIniStructure();
-  // Row 8 (the command line into run.imageName and run.commandText) comes with the command line.
+  // Row 8: the refused option has printed its own message.
+  if (!ParseCommandLine(run.imageName, run.commandText)) {
+    return StopMain(kShellFlashMain, kReasonArgumentCheck);
+  }
   // Row 9.
   if (!Initialize()) {
     return StopMain(kShellFlashMain, kReasonShellInitialize);
@@ -191,7 +237,42 @@ Bool EFIAPI ShellFlashMain() {
   if (!CallingNecessarySmi()) {
     return StopMain(kShellFlashMain, kReasonNecessarySmi);
   }
-  // Rows 11 to 25 (filter, queries, configuration, checks, the update roads) are not built yet.
+  // Row 11: the firmware's filter prints its own refusal.
+  if (!ChkFilterArg(run.commandText)) {
+    return StopMain(kShellFlashMain, kReasonFilterCheck);
+  }
+  // Row 12.
+  if (IsQueryCommand()) {
+    PrintBanner(false);
+    RunQueryCommand(run.imageName);
+    TraceLeave(kShellFlashMain, kReasonQueryCommand);
+    return true;
+  }
+  // Row 13: runs after the query test, so the same options with a query make a query.
+  if (Flags()->eob && (Flags()->ecb || Flags()->ecbp)) {
+    PrintBanner(false);
+    Print(kWarningEobWithEcb);
+    return StopMain(kShellFlashMain, kReasonCommandFailed);
+  }
+  // Row 14.
+  if (Flags()->alp && !AllowAlpCommand()) {
+    PrintBanner(true);
+    Print(kErrorInvalidCommand, kAlpOption);
+    return StopMain(kShellFlashMain, kReasonNoAlp);
+  }
+  // Row 15: the first settings text of the run.
+  if (!LoadConfiguration(run.imageName)) {
+    return StopMain(kShellFlashMain, kReasonConfiguration);
+  }
+  // Row 16: a bare run shows the help. Package mode does not exist yet, so "no package" holds;
+  // the argument count is asked first, so a run with options never asks for the multi-image mode.
+  if (run.argumentCount == 1 && !IsMultiFdMode()) {
+    PrintBanner(true);
+    DisplayUsage();
+    TraceLeave(kShellFlashMain, kReasonShowHelp);
+    return true;
+  }
+  // Rows 17 to 25 (OEM parameters, CommonFlash, power, the update roads) are not built yet.
   return EndBeforeUpdateSteps(kShellFlashMain);
 }
 
