@@ -2,6 +2,7 @@
 // by key. It checks each value's type and range and names the key it refuses; what the machine
 // then does with the values is the simulator's business.
 #include <cctype>
+#include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -296,6 +297,109 @@ void ReadVolumes(const json& value, Machine& m) {
   });
 }
 
+// Ports 0x70 and 0x71 are the CMOS clock's, which the simulator will model itself.
+constexpr uint32_t kCmosIndexPort = 0x70;
+constexpr uint32_t kCmosDataPort = 0x71;
+
+std::string Hex(uint64_t value) {
+  char text[24];
+  std::snprintf(text, sizeof(text), "0x%llX", static_cast<unsigned long long>(value));
+  return text;
+}
+
+void ReadIoPorts(const json& value, Machine& m) {
+  m.ioPorts.clear();
+  std::vector<bool> taken(0x10000, false);
+  ForEachMember(value, "io_ports", [&](const std::string& name, const json& v, const std::string& key) {
+    IoPortValue port;
+    port.port = ReadU16(json(name), key);
+    if (v.is_object()) {
+      OnlyKeys(v, key, {"value", "width"});
+      if (v.contains("width")) port.width = ReadU8(v.at("width"), key + ".width");
+      if (port.width != 1 && port.width != 2 && port.width != 4) Refuse(key + ".width", "expected 1, 2 or 4");
+      const uint64_t limit = port.width == 4 ? 0xFFFFFFFFull : (1ull << (8 * port.width)) - 1;
+      port.value = static_cast<uint32_t>(ReadNumber(Member(v, key, "value"), key + ".value", limit));
+    } else {
+      port.value = ReadU8(v, key);
+    }
+    if (uint32_t{port.port} + port.width > 0x10000) Refuse(key, "the value runs past port 0xFFFF");
+    for (uint32_t p = port.port; p < uint32_t{port.port} + port.width; ++p) {
+      if (p == kCmosIndexPort || p == kCmosDataPort) Refuse(key, "ports 0x70 and 0x71 belong to the CMOS clock");
+      if (taken[p]) Refuse(key, "port " + Hex(p) + " is described twice");
+      taken[p] = true;
+    }
+    m.ioPorts.push_back(port);
+    return true;
+  });
+}
+
+void ReadPci(const json& value, Machine& m) {
+  m.pci.clear();
+  ReadArray(value, "pci", [&](const json& item, const std::string& path) {
+    OnlyKeys(item, path, {"bus", "device", "function", "offset", "value"});
+    PciRegister r;
+    r.bus = ReadU8(Member(item, path, "bus"), path + ".bus");
+    r.device = static_cast<uint8_t>(ReadNumber(Member(item, path, "device"), path + ".device", 0x1F));
+    r.function = static_cast<uint8_t>(ReadNumber(Member(item, path, "function"), path + ".function", 7));
+    r.offset = ReadU8(Member(item, path, "offset"), path + ".offset");
+    if (r.offset % 4 != 0) Refuse(path + ".offset", "a register starts at a multiple of 4");
+    r.value = ReadU32(Member(item, path, "value"), path + ".value");
+    for (const PciRegister& other : m.pci) {
+      if (other.bus == r.bus && other.device == r.device && other.function == r.function && other.offset == r.offset)
+        Refuse(path, "the register is described twice");
+    }
+    m.pci.push_back(r);
+  });
+}
+
+// Bytes as an array of numbers or as a text of hexadecimal pairs, blanks allowed between pairs.
+std::vector<uint8_t> ReadMemoryBytes(const json& value, const std::string& key) {
+  if (!value.is_string()) return ReadBytes(value, key);
+  std::string digits;
+  for (char c : value.get<std::string>()) {
+    if (c == ' ') continue;
+    if (!std::isxdigit(static_cast<unsigned char>(c))) Refuse(key, "expected hexadecimal digits, such as \"DE AD BE EF\"");
+    digits += c;
+  }
+  if (digits.size() % 2 != 0) Refuse(key, "an odd number of hexadecimal digits");
+  std::vector<uint8_t> bytes;
+  for (size_t i = 0; i < digits.size(); i += 2) bytes.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+  return bytes;
+}
+
+void ReadMemory(const json& value, Machine& m) {
+  m.memory.clear();
+  ReadArray(value, "memory", [&](const json& item, const std::string& path) {
+    OnlyKeys(item, path, {"address", "bytes"});
+    MemoryRange range;
+    range.address = ReadU32(Member(item, path, "address"), path + ".address");
+    range.bytes = ReadMemoryBytes(Member(item, path, "bytes"), path + ".bytes");
+    if (range.bytes.empty()) Refuse(path + ".bytes", "a range holds at least one byte");
+    if (uint64_t{range.address} + range.bytes.size() > 0x100000000ull) Refuse(path, "the range runs past 4 GB");
+    m.memory.push_back(std::move(range));
+  });
+}
+
+// Ranges may not overlap each other, the legacy BIOS area or the flash part below 4 GB: the
+// simulator models those itself. Checked once all keys are read, since the flash size may come
+// after the ranges.
+void CheckMemoryRanges(const Machine& m) {
+  struct Span {
+    uint64_t start, end;  // end exclusive
+    std::string what;
+  };
+  std::vector<Span> spans = {{kLegacyAreaStart, uint64_t{kLegacyAreaEnd} + 1, "the legacy BIOS area"},
+                             {0x100000000ull - m.flashSize, 0x100000000ull, "the flash part"}};
+  for (size_t i = 0; i < m.memory.size(); ++i) {
+    const MemoryRange& range = m.memory[i];
+    const Span span{range.address, uint64_t{range.address} + range.bytes.size(), "memory[" + std::to_string(i) + "]"};
+    for (const Span& other : spans) {
+      if (span.start < other.end && other.start < span.end) Refuse(span.what, "overlaps " + other.what);
+    }
+    spans.push_back(span);
+  }
+}
+
 void ReadTop(const json& document, Machine& m) {
   ForEachMember(document, "", [&](const std::string& name, const json& v, const std::string& key) {
     if (name == "description") {
@@ -313,9 +417,13 @@ void ReadTop(const json& document, Machine& m) {
     else if (name == "acpi") ReadAcpi(v, m);
     else if (name == "oblis") ReadOblis(v, m);
     else if (name == "volumes") ReadVolumes(v, m);
+    else if (name == "io_ports") ReadIoPorts(v, m);
+    else if (name == "pci") ReadPci(v, m);
+    else if (name == "memory") ReadMemory(v, m);
     else return false;
     return true;
   });
+  CheckMemoryRanges(m);
 }
 
 }  // namespace

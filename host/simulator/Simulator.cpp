@@ -62,7 +62,7 @@ struct Simulator::State {
   FlashPart flash;
   MemoryAccess memory;
   LegacyArea legacy;
-  std::map<uint16_t, uint8_t> ports;  // ports with a value behind them; all others read 0xFF
+  std::map<uint16_t, uint8_t> ports;  // bytes of ports with a value behind them; all others read 0xFF
   std::map<uint8_t, uint32_t> faultsFired;
   std::vector<uint8_t> callLog;
   std::optional<std::vector<uint8_t>> lastFinish;
@@ -72,7 +72,11 @@ struct Simulator::State {
 
   State(Machine m, std::vector<uint8_t> content, MemoryAccess access)
       : machine(std::move(m)), flash(machine, std::move(content)), memory(std::move(access)),
-        legacy(BuildLegacyArea(machine)) {}
+        legacy(BuildLegacyArea(machine)) {
+    for (const IoPortValue& port : machine.ioPorts) {
+      for (uint32_t i = 0; i < port.width; ++i) ports[static_cast<uint16_t>(port.port + i)] = static_cast<uint8_t>(port.value >> (8 * i));
+    }
+  }
 
   // Buffer access on the tool's memory; a refusal ends the function with status 0x02.
   void Read(uint32_t address, void* out, uint32_t length) {
@@ -291,11 +295,26 @@ void Simulator::IoWrite8(uint16_t port, uint8_t value) {
   if (known != state_->ports.end()) known->second = value;
 }
 
+uint32_t Simulator::PciRead(uint8_t bus, uint8_t device, uint8_t function, uint8_t offset) const {
+  const uint8_t aligned = static_cast<uint8_t>(offset & ~3u);
+  for (const PciRegister& r : state_->machine.pci) {
+    if (r.bus == bus && r.device == device && r.function == function && r.offset == aligned) return r.value;
+  }
+  return 0xFFFFFFFFu;
+}
+
 bool Simulator::ReadPhysical(uint32_t address, void* out, uint32_t length) const {
   const uint64_t end = static_cast<uint64_t>(address) + length;
   if (address >= kLegacyAreaStart && end <= uint64_t(kLegacyAreaEnd) + 1) {
     std::memcpy(out, state_->legacy.bytes.data() + (address - kLegacyAreaStart), length);
     return true;
+  }
+  // A read must lie within one described range; the gaps between them are not memory.
+  for (const MemoryRange& range : state_->machine.memory) {
+    if (address >= range.address && end <= uint64_t{range.address} + range.bytes.size()) {
+      if (length > 0) std::memcpy(out, range.bytes.data() + (address - range.address), length);
+      return true;
+    }
   }
   return state_->flash.Read(address, out, length);
 }

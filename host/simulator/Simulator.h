@@ -37,6 +37,31 @@ struct Fault {
   bool operator==(const Fault&) const = default;
 };
 
+// A value behind an I/O port: width bytes from port on, little-endian.
+struct IoPortValue {
+  uint16_t port = 0;
+  uint32_t value = 0;
+  uint8_t width = 1;  // 1, 2 or 4
+  bool operator==(const IoPortValue&) const = default;
+};
+
+// One 32-bit PCI configuration register; offset is a multiple of 4.
+struct PciRegister {
+  uint8_t bus = 0;
+  uint8_t device = 0;    // 0 to 0x1F
+  uint8_t function = 0;  // 0 to 7
+  uint8_t offset = 0;
+  uint32_t value = 0;
+  bool operator==(const PciRegister&) const = default;
+};
+
+// Bytes of physical memory that the machine's rules may read.
+struct MemoryRange {
+  uint32_t address = 0;
+  std::vector<uint8_t> bytes;
+  bool operator==(const MemoryRange&) const = default;
+};
+
 struct Variable {
   std::u16string name;
   EFI_GUID guid{};
@@ -83,6 +108,10 @@ struct Machine {
   bool oblisSignature = true;
   uint8_t smiNumber = 0xDF;
   std::vector<VolumeDescription> volumes;  // behind the tool's own volume, in handle order
+  // what the platform answers beyond OBLIS: port input, PCI configuration, physical memory
+  std::vector<IoPortValue> ioPorts;
+  std::vector<PciRegister> pci;
+  std::vector<MemoryRange> memory;
   bool operator==(const Machine&) const = default;
 };
 
@@ -121,10 +150,14 @@ class Simulator {
 
   // One SMI transaction: the port write of AL to DX with the registers of frame.
   void Transact(OblisRegisters& frame);
+  // Port input of width bytes (1, 2 or 4), little-endian; ports with nothing behind them read 0xFF.
   uint32_t IoRead(uint16_t port, int width);
+  // The 32-bit configuration register that holds offset (offset rounded down to a multiple of
+  // 4); a register the machine does not list reads 0xFFFFFFFF, as on a bus with nothing there.
+  uint32_t PciRead(uint8_t bus, uint8_t device, uint8_t function, uint8_t offset) const;
   void IoWrite8(uint16_t port, uint8_t value);
-  // The legacy BIOS area 0xE0000-0xFFFFF and the flash part mapped below 4 GB; false for any
-  // range that leaves known memory.
+  // The legacy BIOS area 0xE0000-0xFFFFF, the machine's memory ranges and the flash part mapped
+  // below 4 GB; false for any range that leaves known memory.
   bool ReadPhysical(uint32_t address, void* out, uint32_t length) const;
   // Address of the "$OBLIS" signature in the legacy area (0 when the machine has none).
   uint32_t OblisSignatureAddress() const;

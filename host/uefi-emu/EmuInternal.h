@@ -104,6 +104,10 @@ struct State {
   std::string variablesFile;
   std::string setupError;
 
+  // PCI root bridge, installed only when Options.pciRead is set
+  EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL pciRootBridge{};
+  EFI_HANDLE pciRootBridgeHandle = nullptr;
+
   // reset
   std::vector<EFI_RESET_TYPE> resets;
   std::function<void(EFI_RESET_TYPE)> resetHandler;
@@ -132,5 +136,6 @@ void InstallImageServices(EFI_BOOT_SERVICES& services);
 void CreateVolumes(State& state);
 void ReleaseFiles();
 void InstallVariableServices(State& state);
+void InstallPciRootBridge(State& state);
 
 }  // namespace emu::detail

@@ -201,6 +201,7 @@ Environment::Environment(const Options& options) {
 
   CreateVolumes(s);
   InstallConsole(s);
+  InstallPciRootBridge(s);
 }
 
 Environment::~Environment() {

@@ -30,17 +30,17 @@ VOID SmiTransaction(OblisRegisters* frame) {
 
 UINT8 IoRead8(UINT16 port) {
   if (!gBackend.ioRead) NoBackend("IoRead8");
-  return static_cast<UINT8>(gBackend.ioRead(port, 8));
+  return static_cast<UINT8>(gBackend.ioRead(port, 1));
 }
 
 UINT16 IoRead16(UINT16 port) {
   if (!gBackend.ioRead) NoBackend("IoRead16");
-  return static_cast<UINT16>(gBackend.ioRead(port, 16));
+  return static_cast<UINT16>(gBackend.ioRead(port, 2));
 }
 
 UINT32 IoRead32(UINT16 port) {
   if (!gBackend.ioRead) NoBackend("IoRead32");
-  return gBackend.ioRead(port, 32);
+  return gBackend.ioRead(port, 4);
 }
 
 VOID IoWrite8(UINT16 port, UINT8 value) {

@@ -38,6 +38,10 @@ struct Options {
   EFI_TIME clockStart = {2026, 11, 23, 10, 0, 0, 0, 0, 0, 0, 0};
   // Configuration table entries (the ACPI pointers hold 32-bit physical addresses).
   std::vector<EFI_CONFIGURATION_TABLE> configurationTables;
+  // Answers a 32-bit PCI configuration register (offset a multiple of 4). When set, an
+  // EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL whose Pci.Read asks it is installed on a handle of its own;
+  // when empty the platform has no root bridge protocol.
+  std::function<uint32_t(uint8_t bus, uint8_t device, uint8_t function, uint8_t offset)> pciRead;
 };
 
 // What the tool does when it waits for a key and the script has none left.
@@ -106,7 +110,7 @@ class Environment {
 // process with a message, since the driver must never reach the machine unannounced.
 struct PlatformBackend {
   std::function<void(OblisRegisters& frame)> smi;
-  std::function<uint32_t(uint16_t port, int width)> ioRead;
+  std::function<uint32_t(uint16_t port, int width)> ioRead;  // width in bytes: 1, 2 or 4
   std::function<void(uint16_t port, uint8_t value)> ioWrite8;
   std::function<bool(uint32_t address, void* out, uint32_t length)> readPhysical;
 };

@@ -197,6 +197,11 @@ int main(int argc, char** argv) {
     environmentOptions.configurationTables.push_back(
         {kAcpi20TableGuid, reinterpret_cast<VOID*>(uintptr_t{simulator.Acpi20Rsdp()})});
 
+  // The machine's PCI configuration space sits behind the emulated root bridge.
+  environmentOptions.pciRead = [&simulator](uint8_t bus, uint8_t device, uint8_t function, uint8_t offset) {
+    return simulator.PciRead(bus, device, function, offset);
+  };
+
   emu::Environment environment(environmentOptions);
   environmentForMemory = &environment;
   if (!environment.SetupError().empty()) UsageError(environment.SetupError(), false);
