@@ -2,11 +2,14 @@
 // character as the result, and the prompt of the pause.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <deque>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "LogHarness.h"
+#include "oblis/Oblis.h"
 #include "support/Isolated.h"
 
 namespace {
@@ -25,16 +28,48 @@ EFI_STATUS EFIAPI ReadScriptedKey(EFI_SIMPLE_TEXT_INPUT_PROTOCOL*, EFI_INPUT_KEY
   return status;
 }
 
-// A firmware that answers every hook point with success and records which point it was.
+// The ACPI tables a channel set-up walks, at fixed addresses: RSDP, an RSDT with one entry, and
+// a FADT whose SMI_CMD names port 0xB2. Any other address reads as zeros, so "$OBLIS" is absent.
+std::map<uint32_t, std::vector<uint8_t>> AcpiMemory() {
+  std::vector<uint8_t> rsdp(20, 0), rsdt(40, 0), fadt(116, 0);
+  std::memcpy(rsdp.data(), "RSD PTR ", 8);
+  rsdp[16] = 0x00, rsdp[17] = 0x01, rsdp[18] = 0x0E;  // RSDT at 0xE0100
+  std::memcpy(rsdt.data(), "RSDT", 4);
+  rsdt[4] = 40;
+  rsdt[36] = 0x00, rsdt[37] = 0x02, rsdt[38] = 0x0E;  // FADT at 0xE0200
+  std::memcpy(fadt.data(), "FACP", 4);
+  fadt[4] = 116;
+  fadt[48] = 0xB2;
+  return {{0xE0000, rsdp}, {0xE0100, rsdt}, {0xE0200, fadt}};
+}
+
+EFI_CONFIGURATION_TABLE acpiEntry = {kAcpi20TableGuid, reinterpret_cast<VOID*>(uintptr_t{0xE0000})};
+
+// A firmware that answers every hook point with success and records which point it was. The
+// channel is set up first, as Initialize does in a run: without a command port no SMI goes out.
 void InstallHookRecorder(log_test::LogVolume& volume) {
+  static const std::map<uint32_t, std::vector<uint8_t>> memory = AcpiMemory();
   emu::PlatformBackend backend;
   backend.smi = [](OblisRegisters& frame) {
     if (((frame.eax >> 8) & 0xFF) == 0x1F) events.push_back("hook " + std::to_string(frame.ecx));
     frame.eax &= 0xFFFF0000u;
   };
+  backend.readPhysical = [](uint32_t address, void* out, uint32_t length) {
+    std::memset(out, 0, length);
+    for (const auto& [base, bytes] : memory) {
+      if (address >= base && address + length <= base + bytes.size()) {
+        std::memcpy(out, bytes.data() + (address - base), length);
+      }
+    }
+    return true;
+  };
   emu::SetPlatformBackend(backend);
+  EFI_SYSTEM_TABLE* systemTable = volume.Environment().SystemTable();
+  systemTable->ConfigurationTable = &acpiEntry;
+  systemTable->NumberOfTableEntries = 1;
+  ASSERT_TRUE(InitialSmi());
   scriptedInput.ReadKeyStroke = ReadScriptedKey;
-  volume.Environment().SystemTable()->ConIn = &scriptedInput;
+  systemTable->ConIn = &scriptedInput;
 }
 
 TEST(KeyWait, PollsUntilAKeyBetweenHookPointsFiveAndSix) {
