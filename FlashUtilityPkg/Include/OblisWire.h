@@ -119,6 +119,28 @@ struct OblisWholeMapRecord {
 static_assert(sizeof(OblisWholeMapRecord) == 13, "whole map record is 13 bytes");
 constexpr UINT32 kWholeMapBytes = 0x1000;
 
+// Function 17h record of the external (SPI region) map; two lists of at most 5 records, the
+// current map at offset 0 of the answer and the new image's map at offset 0x100.
+struct OblisExternalRecord {
+  UINT8 type;
+  UINT32 offset;  // from the ROM base
+  UINT32 size;
+  UINT8 access;
+};
+static_assert(sizeof(OblisExternalRecord) == 10, "external record is 10 bytes");
+constexpr UINT32 kExternalMapBytes = 0x1000;
+constexpr UINT32 kExternalNewListOffset = 0x100;
+constexpr UINT32 kExternalListLimit = 5;
+
+// BVDT region record behind "$OBLIS" in an image.
+struct BvdtRegionRecord {
+  UINT8 type;  // 0xFE: private
+  UINT32 address;
+  UINT32 size;
+  UINT8 action;
+};
+static_assert(sizeof(BvdtRegionRecord) == 10, "BVDT region record is 10 bytes");
+
 // Function 16h input: the finish record.
 struct OblisFinishRecord {
   CHAR8 signature[8];  // "$FINISHI"

@@ -24,3 +24,11 @@ Bool HasDrvSignature();
 Bool HasSecureEc(UINT32* size);
 // Parses the INI slot of a secure image as settings.
 Bool LoadImageConfig(const UINT8* image, UINT32 length);
+
+// ---- BVDT ----
+Bool FindBvdtInImage(const UINT8* image, UINT32 size, UINT32* offset);
+Bool ReadImageBvdtInfo(const UINT8* image, UINT32 size);
+// The flash region (type 0x0A of the whole ROM map) that holds the running firmware's BVDT.
+Bool FindBvdtBlock(UINT32* address, UINT32* size);
+const CHAR16* NewImageModel();
+const CHAR16* NewImageVersion();

@@ -147,3 +147,38 @@ UINT32 GetBlockCount();
 UINT32 GetBlockSize();
 UINT32 SizeIndexToBytes(UINT8 index);
 FlashBlock* CopyBlockTable();
+
+// ---- flash read and write, external map, update bracket ----
+// Reads size bytes (at most the 0x20000 of the shared buffer) at a flash address; status 0x2A
+// (locked ME) counts as success and is handed back.
+Bool Oblis_14h(UINT32 address, UINT32 size, UINT8* data, UINT8* status);
+// Writes one block; status 0x29 (the firmware skipped the block) counts as success.
+Bool Oblis_15h(const UINT8* data, UINT32 size, UINT32 address, UINT8* status);
+// imageHead and answer are 0x1000 bytes each.
+Bool Oblis_17h(const UINT8* imageHead, UINT8* answer);
+Bool SMI_OemOdmCustom2(UINT8 action, UINT8 status);
+
+// ---- block marking ----
+VOID SetRsvd_13h();
+VOID MarkBlocks(UINT32 start, UINT32 end, UINT8 flag);
+VOID MarkRegionType(UINT8 type, UINT8 flag);
+UINT8 BlockFlagAt(UINT32 address);
+VOID ShowBlockTable(const FlashBlock* table, UINT32 count);
+
+// ---- map displays, BVDT map, external records ----
+VOID ShowPrivateMapConsole(const OblisPrivateRecord* list, UINT32 count);
+VOID ShowProtectionMapConsole(const OblisProtectionRecord* list, UINT32 count);
+VOID ShowExternalMapConsole(const OblisExternalRecord* list, UINT32 count);
+VOID ShowExternalMapTrace(const OblisExternalRecord* list, UINT32 count);
+const CHAR16* ExternalRegionName(UINT8 type);
+Bool ExternalRegionFind(const OblisExternalRecord* list, UINT32 count, UINT8 type, UINT32* offset, UINT32* size,
+                        UINT8* access);
+Bool LoadBvdtMap(const UINT8* image, UINT32 size);
+Bool BvdtMapFound();
+VOID GetBvdtRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, UINT32* protectionCount,
+                   OblisProtectionRecord** protectionList);
+VOID SelectRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, UINT32* protectionCount,
+                  OblisProtectionRecord** protectionList);
+VOID ShowBvdtMapConsole();
+VOID ShowBvdtMapTrace();
+Bool ShowBvdtMapFile(const CHAR16* name);

@@ -42,3 +42,8 @@ VOID ScanDebugOption();
 Bool IsLogEnabled();
 // A new 64-byte pool text owned by the caller.
 CHAR16* TimeStamp(Bool date, Bool time);
+
+// Progress of the block writer: the bar on row 21 and the block map in the trace.
+VOID StartProgressTimer();
+VOID ShowProgress(UINT8 percent);
+VOID AddBlockMark(UINT32 address, UINT16 mark);

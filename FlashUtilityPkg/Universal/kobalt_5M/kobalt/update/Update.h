@@ -1,0 +1,49 @@
+// What the update folder offers: reading the ROM and the query commands, region selection,
+// and the block writer with its two entries. The other roads (capsule, PFAT, OEM, EC, direct
+// write) join this folder as they are built.
+#pragma once
+
+#include "KobaltBase.h"
+#include "OblisWire.h"
+
+// ---- ROM read and queries ----
+// data may be null: the read then only has its effect on the ME lock.
+Bool SMI_ReadRom(UINT32 address, UINT32 size, UINT8* data);
+Bool ReadWholeRom(UINT8** data, UINT32* size);
+Bool SaveRomToFile(const CHAR16* name);
+VOID RunQueryCommand(const CHAR16* imageName);
+
+// ---- region selection ----
+constexpr UINT8 kRegionBios = 0x01;
+constexpr UINT8 kRegionGbe = 0x02;
+constexpr UINT8 kRegionMe = 0x04;
+constexpr UINT8 kRegionDescriptor = 0x08;
+constexpr UINT8 kRegionPlatformData = 0x10;
+VOID SetStatus_region();
+UINT8 GetRegionFlags();
+VOID ClearMeRegionFlag();
+// image may be null (then nothing of an image goes to the firmware); length bounds the copy.
+Bool GetExternalMaps(const UINT8* image, UINT32 length);
+VOID GetCurrentRegionSlots(UINT8* slots);  // 54 bytes
+Bool FindCurrentRegion(UINT8 type, UINT32* offset, UINT32* size, UINT8* access);
+Bool CheckRegionSize(UINT32 size);
+VOID PlaceRegionImage(UINT8* buffer, const UINT8* image, UINT32 size);
+VOID SetRsvd_17h();
+Bool IsMeLocked();
+VOID SetMeLocked();
+VOID SetSkipMeRegion();
+Bool IsSkipMeRegion();
+
+// ---- block writer ----
+Bool FuncUpdate_via15h(const UINT8* image, UINT32 size);
+Bool EfiUpdate_via15h(const UINT8* image, UINT32 size);
+Bool UpdateEntireLegacy(const UINT8* image, UINT32 size);
+Bool UpdateRegionLegacy(const UINT8* image, UINT32 size);
+Bool WriteBlocks(UINT8* buffer);
+Bool SMI_WriteRom(UINT32 address, const UINT8* data, UINT32 size);
+Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data);
+VOID SetBlockMark(UINT16 mark);
+UINT16 TakeBlockMark();
+// The EC part in front of a BIOS image: its size check and where it is kept.
+Bool FuncChk_SizeEC(UINT32 ecSize);
+VOID KeepEcImage(const UINT8* data, UINT32 size);
