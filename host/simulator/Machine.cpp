@@ -66,6 +66,15 @@ bool ReadBool(const json& value, const std::string& key) {
   return value.get<bool>();
 }
 
+// "none" (only where allowNone), "refuse" or "skip".
+GuardedWrite ReadGuardedWrite(const json& value, const std::string& key, bool allowNone) {
+  const std::string text = value.is_string() ? value.get<std::string>() : std::string();
+  if (allowNone && text == "none") return GuardedWrite::Allow;
+  if (text == "refuse") return GuardedWrite::Refuse;
+  if (text == "skip") return GuardedWrite::Skip;
+  Refuse(key, allowNone ? "expected \"none\", \"refuse\" or \"skip\"" : "expected \"refuse\" or \"skip\"");
+}
+
 std::string ReadText(const json& value, const std::string& key, size_t maxLength) {
   if (!value.is_string()) Refuse(key, "expected a string");
   std::string text = value.get<std::string>();
@@ -190,6 +199,8 @@ void ReadFlash(const json& value, Machine& m) {
         const uint32_t count = ReadU16(Member(item, path, "count"), path + ".count");
         m.blocks.push_back({size, count});
       });
+    } else if (name == "protect_mode") {
+      m.protectMode = ReadGuardedWrite(v, key, true);
     } else return false;
     return true;
   });
@@ -222,6 +233,18 @@ void ReadMaps(const json& value, Machine& m) {
         if (item.contains("attribute")) region.attribute = ReadU32(item.at("attribute"), path + ".attribute");
         m.whole.push_back(region);
       });
+    } else if (name == "external") {
+      std::vector<ExternalRegion> external;
+      ReadArray(v, key, [&](const json& item, const std::string& path) {
+        OnlyKeys(item, path, {"type", "offset", "size", "access"});
+        ExternalRegion region{ReadU8(Member(item, path, "type"), path + ".type"),
+                              ReadU32(Member(item, path, "offset"), path + ".offset"),
+                              ReadU32(Member(item, path, "size"), path + ".size"), 0};
+        if (item.contains("access")) region.access = ReadU8(item.at("access"), path + ".access");
+        external.push_back(region);
+      });
+      if (external.size() > kExternalListLimit) Refuse(key, "the external map holds at most 5 records");
+      m.external = std::move(external);
     } else return false;
     return true;
   });
@@ -251,13 +274,27 @@ void ReadVariables(const json& value, Machine& m) {
 
 void ReadFaults(const json& value, Machine& m) {
   m.faults.clear();
+  m.verifyFaults = 0;
   ForEachMember(value, "faults", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name == "verify") {
+      m.verifyFaults = ReadU32(v, key);
+      return true;
+    }
     const uint8_t function = ReadFunctionNumber(json(name), key);
     OnlyKeys(v, key, {"code", "times"});
     Fault fault;
     fault.code = ReadU8(Member(v, key, "code"), key + ".code");
     if (v.contains("times")) fault.times = ReadU32(v.at("times"), key + ".times");
     m.faults[function] = fault;
+    return true;
+  });
+}
+
+void ReadMe(const json& value, Machine& m) {
+  ForEachMember(value, "me", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name == "locked") m.meLocked = ReadBool(v, key);
+    else if (name == "write") m.meWrite = ReadGuardedWrite(v, key, false);
+    else return false;
     return true;
   });
 }
@@ -414,6 +451,8 @@ void ReadTop(const json& document, Machine& m) {
       m.unsupported.clear();
       ReadArray(v, key, [&](const json& item, const std::string& path) { m.unsupported.push_back(ReadFunctionNumber(item, path)); });
     } else if (name == "faults") ReadFaults(v, m);
+    else if (name == "power_cut_after_writes") m.powerCutAfterWrites = ReadU32(v, key);
+    else if (name == "me") ReadMe(v, m);
     else if (name == "acpi") ReadAcpi(v, m);
     else if (name == "oblis") ReadOblis(v, m);
     else if (name == "volumes") ReadVolumes(v, m);

@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "FlashPart.h"
+#include "FlashService.h"
 #include "LegacyArea.h"
 #include "Simulator.h"
 
@@ -55,11 +55,23 @@ nlohmann::ordered_json Registers(const OblisRegisters& r) {
   return {{"eax", r.eax}, {"ebx", r.ebx}, {"ecx", r.ecx}, {"edx", r.edx}, {"esi", r.esi}, {"edi", r.edi}};
 }
 
+// One list of external records at offset in the answer: at most five, ended by type 0xFF when
+// there are fewer.
+void PutExternalList(std::vector<uint8_t>& answer, uint32_t offset, const std::vector<ExternalRegion>& regions) {
+  std::vector<OblisExternalRecord> records;
+  for (const ExternalRegion& r : regions) {
+    if (records.size() == kExternalListLimit) break;
+    records.push_back({r.type, r.offset, r.size, r.access});
+  }
+  if (records.size() < kExternalListLimit) records.push_back({0xFF, 0, 0, 0});
+  std::memcpy(answer.data() + offset, records.data(), records.size() * sizeof(OblisExternalRecord));
+}
+
 }  // namespace
 
 struct Simulator::State {
   Machine machine;
-  FlashPart flash;
+  FlashService flash;
   MemoryAccess memory;
   LegacyArea legacy;
   std::map<uint16_t, uint8_t> ports;  // bytes of ports with a value behind them; all others read 0xFF
@@ -67,6 +79,8 @@ struct Simulator::State {
   std::vector<uint8_t> callLog;
   std::optional<std::vector<uint8_t>> lastFinish;
   std::vector<uint32_t> hookPoints;
+  std::vector<std::pair<uint8_t, uint8_t>> brackets;  // 1Ah: (action, status)
+  std::function<void()> powerLossHandler;
   std::ostream* trace = nullptr;
   std::optional<FlashAccess> flashAccess;  // set by a function that touches the flash
 
@@ -97,6 +111,9 @@ struct Simulator::State {
   Answer FlashPartInformation(const OblisRegisters& in);
   Answer Finish(const OblisRegisters& in);
   Answer WholeRomMap(const OblisRegisters& in);
+  Answer ReadFlash(const OblisRegisters& in);
+  Answer WriteFlash(const OblisRegisters& in);
+  Answer ExternalMaps(const OblisRegisters& in);
   bool FaultFires(uint8_t function, uint8_t& code);
   void Trace(uint8_t function, const OblisRegisters& in, const OblisRegisters& out);
 };
@@ -136,7 +153,7 @@ Answer Simulator::State::PlatformInformation(const OblisRegisters& in) {
   if (name.empty() || version.empty()) {
     // The identity the firmware reports is the one in its own flash, so it follows updates.
     std::string model, text;
-    if (ReadBvdtIdentity(flash.Content(), model, text)) {
+    if (ReadBvdtIdentity(flash.Part().Content(), model, text)) {
       if (name.empty()) name.assign(model.begin(), model.end());
       if (version.empty()) version.assign(text.begin(), text.end());
     }
@@ -200,13 +217,48 @@ Answer Simulator::State::WholeRomMap(const OblisRegisters& in) {
   return {};
 }
 
+Answer Simulator::State::ReadFlash(const OblisRegisters& in) {
+  flashAccess = FlashAccess{"read", in.edi, in.ecx};
+  std::vector<uint8_t> bytes;
+  const uint8_t status = flash.Read(in.edi, in.ecx, bytes);
+  if (status == kOblisSuccess || status == kOblisLockedMe) {
+    if (!bytes.empty()) Write(in.esi, bytes.data(), static_cast<uint32_t>(bytes.size()));
+  }
+  return {status, {}, {}};
+}
+
+Answer Simulator::State::WriteFlash(const OblisRegisters& in) {
+  flashAccess = FlashAccess{"write", in.edi, in.ecx};
+  // The data is fetched whole before anything is erased, as the firmware copies it into SMRAM.
+  std::vector<uint8_t> data(in.ecx);
+  if (!data.empty()) Read(in.esi, data.data(), in.ecx);
+  return {flash.Write(in.edi, data), {}, {}};
+}
+
+Answer Simulator::State::ExternalMaps(const OblisRegisters& in) {
+  if (in.ecx < kExternalMapBytes) return {kOblisBufferTooSmall, {}, {}};
+  std::vector<uint8_t> image(kExternalMapBytes);
+  Read(in.esi, image.data(), kExternalMapBytes);
+  std::vector<uint8_t> answer(kExternalMapBytes, 0);
+  PutExternalList(answer, 0, flash.CurrentRegions());
+  PutExternalList(answer, kExternalNewListOffset, RegionsFromDescriptor(image.data(), image.size()));
+  Write(in.edi, answer.data(), kExternalMapBytes);
+  return {};
+}
+
 Answer Simulator::State::Dispatch(uint8_t function, const OblisRegisters& in) {
   switch (function) {
     case 0x10: return PlatformStatus(in);
     case 0x11: return PlatformInformation(in);
     case 0x12: return RomMaps(in);
     case 0x13: return FlashPartInformation(in);
+    case 0x14: return ReadFlash(in);
+    case 0x15: return WriteFlash(in);
     case 0x16: return Finish(in);
+    case 0x17: return ExternalMaps(in);
+    case 0x1A:
+      brackets.push_back({static_cast<uint8_t>(in.ecx), static_cast<uint8_t>(in.ecx >> 8)});
+      return {};
     case 0x1C: return {kOblisSuccess, {}, machine.antiTheft};  // the state byte in CL
     case 0x1E: return WholeRomMap(in);
     case 0x1F:
@@ -250,6 +302,7 @@ Simulator::~Simulator() { delete state_; }
 
 void Simulator::Transact(OblisRegisters& frame) {
   State& s = *state_;
+  if (s.flash.PowerLost()) return;  // a machine without power answers nothing
   // Nobody listens on another port or to another number: the write goes nowhere.
   if ((frame.edx & 0xFFFF) != s.machine.smiCmdPort || (frame.eax & 0xFF) != s.machine.smiNumber) return;
   const OblisRegisters in = frame;
@@ -273,6 +326,14 @@ void Simulator::Transact(OblisRegisters& frame) {
                 << " bytes at 0x" << std::hex << refused.address << std::dec << "\n";
       answer = {kOblisBufferTooSmall, {}, {}};
     }
+  }
+  if (s.flash.PowerLost()) {
+    // The handler never finished: the registers stay as the tool loaded them, and no trace
+    // line tells of an answer that never came.
+    frame = in;
+    if (s.trace) s.trace->flush();
+    if (s.powerLossHandler) s.powerLossHandler();
+    return;
   }
   frame.eax = (frame.eax & 0xFFFF0000u) | (static_cast<uint32_t>(answer.ah.value_or(function)) << 8) | answer.status;
   if (answer.ecx) frame.ecx = *answer.ecx;
@@ -316,17 +377,22 @@ bool Simulator::ReadPhysical(uint32_t address, void* out, uint32_t length) const
       return true;
     }
   }
-  return state_->flash.Read(address, out, length);
+  return state_->flash.Part().Read(address, out, length);
 }
 
 uint32_t Simulator::OblisSignatureAddress() const { return state_->legacy.oblis; }
 uint32_t Simulator::Acpi10Rsdp() const { return state_->legacy.rsdp10; }
 uint32_t Simulator::Acpi20Rsdp() const { return state_->legacy.rsdp20; }
 const Machine& Simulator::machine() const { return state_->machine; }
-const std::vector<uint8_t>& Simulator::Flash() const { return state_->flash.Content(); }
+const std::vector<uint8_t>& Simulator::Flash() const { return state_->flash.Part().Content(); }
 void Simulator::SetTrace(std::ostream* out) { state_->trace = out; }
 const std::vector<uint8_t>& Simulator::CallLog() const { return state_->callLog; }
 std::optional<std::vector<uint8_t>> Simulator::LastFinish() const { return state_->lastFinish; }
 const std::vector<uint32_t>& Simulator::HookPoints() const { return state_->hookPoints; }
+const std::vector<std::pair<uint8_t, uint8_t>>& Simulator::UpdateBrackets() const { return state_->brackets; }
+FlashCounters Simulator::Counters() const { return state_->flash.Counters(); }
+std::vector<ExternalRegion> Simulator::CurrentExternalMap() const { return state_->flash.CurrentRegions(); }
+bool Simulator::PowerLost() const { return state_->flash.PowerLost(); }
+void Simulator::SetPowerLossHandler(std::function<void()> handler) { state_->powerLossHandler = std::move(handler); }
 
 }  // namespace sim

@@ -31,6 +31,22 @@ struct VolumeDescription {
   bool operator==(const VolumeDescription&) const = default;
 };
 
+// A region of the external (SPI) map of function 17h, as an offset in the part.
+struct ExternalRegion {
+  uint8_t type = 0;  // 0 descriptor, 1 BIOS, 2 ME, 3 GbE, 4 platform data, 0x20 Ignition ME
+  uint32_t offset = 0;
+  uint32_t size = 0;
+  uint8_t access = 0;
+  bool operator==(const ExternalRegion&) const = default;
+};
+
+// What the firmware does with a write into a range it guards.
+enum class GuardedWrite : uint8_t {
+  Allow,   // writes it: the tool's own block table is the only guard
+  Refuse,  // answers 0x25, writes nothing
+  Skip,    // answers 0x29, writes nothing
+};
+
 struct Fault {
   uint8_t code = 0;
   std::optional<uint32_t> times;  // none: fails every time
@@ -93,14 +109,21 @@ struct Machine {
   std::string flashType = "W25Q128JV";
   uint32_t deviceId = 0xEF4018;
   std::vector<std::pair<uint32_t, uint32_t>> blocks = {{0x1000, 0x1000}};  // (size, count)
+  GuardedWrite protectMode = GuardedWrite::Allow;  // writes into the 12h protection and private lists
+  // the ME region (function 14h answers 0x2A over it, 15h as meWrite says)
+  bool meLocked = false;
+  GuardedWrite meWrite = GuardedWrite::Skip;
   // maps
   std::vector<Region> protection;
   std::vector<Region> privateMap;
   std::vector<Region> whole;
+  std::optional<std::vector<ExternalRegion>> external;  // 17h current list; none: from the descriptor
   uint8_t antiTheft = 0;
   std::vector<Variable> variables;
   std::vector<uint8_t> unsupported;            // functions answered 0xEF
   std::map<uint8_t, Fault> faults;             // by function number
+  uint32_t verifyFaults = 0;                   // reads right after a write that show the old content
+  std::optional<uint32_t> powerCutAfterWrites; // power fails during the write after this many
   uint16_t smiCmdPort = 0xB2;
   std::string dsdtOemId = "DOVRIN";
   bool acpi10 = true;
@@ -132,6 +155,19 @@ bool ReadBvdtIdentity(const std::vector<uint8_t>& content, std::string& model, s
 // Where the simulated firmware keeps its tables in the legacy BIOS area.
 constexpr uint32_t kLegacyAreaStart = 0xE0000;
 constexpr uint32_t kLegacyAreaEnd = 0xFFFFF;  // last byte
+
+// What the flash saw during a run, counted from the transactions.
+struct FlashCounters {
+  uint32_t comparedEqual = 0;    // erase blocks read by 14h (not as a verify) and not then a 15h target
+  uint32_t written = 0;          // 15h calls that programmed the flash
+  uint32_t verified = 0;         // 14h reads that lay inside the range the 15h just before wrote
+  uint32_t protectedWrites = 0;  // 15h calls refused or skipped for a guarded range or a locked ME
+  uint64_t modelledNanoseconds = 0;  // erase, program and read time of the modelled part
+  bool operator==(const FlashCounters&) const = default;
+};
+
+// "4096 blocks compared equal, 12 written, 12 verified, 3 protected, modelled time 1.84 s"
+std::string SummaryText(const FlashCounters& counters);
 
 // How the simulator reaches the memory that the tool hands it by address.
 struct MemoryAccess {
@@ -176,6 +212,17 @@ class Simulator {
   std::optional<std::vector<uint8_t>> LastFinish() const;
   // Hook points that function 1Fh received, in order.
   const std::vector<uint32_t>& HookPoints() const;
+  // Function 1Ah calls in order: (action from CL, status from CH).
+  const std::vector<std::pair<uint8_t, uint8_t>>& UpdateBrackets() const;
+  FlashCounters Counters() const;
+  // The external map that function 17h gives as the current one.
+  std::vector<ExternalRegion> CurrentExternalMap() const;
+
+  // A power cut (power_cut_after_writes) ends the machine: the transaction that caused it and
+  // every later one return their registers untouched and leave no trace line. The handler, if
+  // any, runs at the cut; a front end uses it to end the run as a real machine would.
+  bool PowerLost() const;
+  void SetPowerLossHandler(std::function<void()> handler);
 
  private:
   struct State;

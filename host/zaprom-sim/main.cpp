@@ -22,6 +22,9 @@
 namespace {
 
 constexpr int kExitUsage = 2;
+// The machine lost power in the middle of a write (power_cut_after_writes).
+constexpr int kExitPowerLost = 4;
+constexpr char kPowerLostMessage[] = "zaprom-sim: power lost during a write\n";
 
 const char kUsage[] =
     "usage: zaprom-sim [--machine FILE] [--flash FILE] [--volume DIR] [--keys TEXT]\n"
@@ -113,8 +116,17 @@ struct RunEnd {
     if (!out) std::fprintf(stderr, "zaprom-sim: cannot write the flash file %s\n", flashFile.c_str());
   }
 
+  // What the flash went through, on stdout after everything the tool printed.
+  void PrintSummary() const {
+    if (simulator == nullptr) return;
+    std::fflush(stdout);
+    std::printf("\nzaprom-sim: %s\n", sim::SummaryText(simulator->Counters()).c_str());
+    std::fflush(stdout);
+  }
+
   [[noreturn]] void Exit(int status) const {
     WriteBack();
+    PrintSummary();
     std::fflush(nullptr);
     std::_Exit(status);  // from deep inside the tool: no unwinding through its frames
   }
@@ -214,6 +226,12 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "zaprom-sim: the tool asked for a %s; the run ends here\n", ResetName(type));
     runEnd.Exit(0);
   });
+  // A real machine stops dead: what the flash holds at that moment is what the file gets.
+  simulator.SetPowerLossHandler([&runEnd] {
+    std::fflush(stdout);
+    std::fputs(kPowerLostMessage, stderr);
+    runEnd.Exit(kExitPowerLost);
+  });
 
   emu::PlatformBackend backend;
   backend.smi = [&simulator](OblisRegisters& frame) { simulator.Transact(frame); };
@@ -245,5 +263,6 @@ int main(int argc, char** argv) {
   EFI_STATUS status = ZaPromShellEntry(host, environment.SystemTable());
   std::fflush(stdout);
   runEnd.WriteBack();
+  runEnd.PrintSummary();
   return status == EFI_SUCCESS ? 0 : 1;
 }

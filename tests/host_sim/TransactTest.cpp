@@ -49,7 +49,7 @@ TEST(Transaction, UnlistedAndUnsupportedFunctionsAnswerEF) {
   TestMemory memory;
   StageToolInformation(memory, kBuf);
   sim::Simulator plain(sim::DefaultMachine(), {}, memory.Access());
-  for (uint8_t fn : {0x00, 0x14, 0x15, 0x17, 0x44, 0x48, 0x4C, 0xFF}) {
+  for (uint8_t fn : {0x00, 0x1B, 0x44, 0x48, 0x4C, 0xFF}) {
     EXPECT_EQ(Status(Call(plain, fn, 0, kBuf, kBuf2)), kOblisUnsupported) << std::hex << int(fn);
   }
   sim::Simulator limited(MachineFrom(R"({"unsupported": ["10h", "1Ch"]})"), {}, memory.Access());
