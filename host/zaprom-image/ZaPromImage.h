@@ -1,0 +1,144 @@
+// What the image tool offers to its command line and to tests: the description of a test flash
+// image, its reading from JSON, the building of the bytes, and the inspection of an image file.
+// How an image travels to the flash, and what the driver makes of it, is not this folder's business.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace zimage {
+
+// Any fault in a description, a fill file or an image layout; the text says what and where.
+struct ImageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// The SPI regions of the Intel flash descriptor, in the order of the FLREG registers.
+enum class SpiRegion : uint8_t { Descriptor = 0, Bios = 1, Me = 2, Gbe = 3, PlatformData = 4 };
+constexpr int kSpiRegionCount = 5;
+const char* SpiRegionName(SpiRegion region);  // "descriptor", "bios", "me", "gbe", "platform_data"
+
+// How a stretch of bytes is filled: one byte value, a pseudo-random stream from a seed, or a
+// file's content placed at the end (or start) of the stretch with padding around it.
+struct Fill {
+  enum class Kind { Byte, Random, File } kind = Kind::Byte;
+  uint8_t byte = 0xFF;  // Byte: the value; File: the padding
+  uint32_t seed = 0;    // Random
+  std::string path;     // File
+  bool atEnd = true;    // File: place the file's last byte at the stretch's last byte
+};
+
+struct RegionSpec {
+  SpiRegion region = SpiRegion::Bios;
+  uint32_t offset = 0;  // in the flash image
+  uint32_t size = 0;
+  Fill fill;
+};
+
+// The "$BVDT$" block. Texts are cut to their fields; a text that fills its field has no zero.
+struct BvdtSpec {
+  uint32_t offset = 0;  // in the flash image, inside the BIOS region
+  std::string version;
+  std::string model;
+  std::string extra;  // the firmware's own text behind the '$' at 0x40
+  std::string releaseDate = "01/01/2026";  // of the "$RDATE" member
+  bool closeBlock = true;  // members behind 0x66 ending in "$ENDOFBVDT"
+};
+
+// One record of the region map behind "$OBLIS" (wire form: BvdtRegionRecord, 10 bytes).
+struct MapRecord {
+  uint8_t type = 0;
+  uint32_t address = 0;  // physical
+  uint32_t size = 0;
+  uint8_t action = 0;
+  bool operator==(const MapRecord&) const = default;
+};
+
+struct OblisMapSpec {
+  std::optional<uint32_t> offset;  // none: right behind the BVDT block's members
+  std::vector<MapRecord> records;  // the 0xFF record that ends the list is added on writing
+};
+
+// An EC image placed in front of the flash image, so the file is EC size + flash size.
+struct EcSpec {
+  uint32_t size = 0;
+  Fill fill;
+};
+
+struct ImageDescription {
+  uint32_t size = 0;  // the flash part, a power of two
+  Fill fill;          // bytes that no region covers
+  std::vector<RegionSpec> regions;
+  std::optional<BvdtSpec> bvdt;
+  std::optional<OblisMapSpec> oblisMap;
+  std::optional<EcSpec> ec;
+};
+
+// Sizes may be numbers or texts: "16 MB", "64K", "0x1000", "4096".
+uint32_t ParseSize(const nlohmann::json& value, const std::string& where);
+// A fill file named by a relative path is looked for in baseDirectory (the description's folder).
+ImageDescription ParseImageDescription(const nlohmann::json& document, const std::string& baseDirectory = "");
+// The flash file as the tool reads it: EC image (if any) followed by the flash image.
+std::vector<uint8_t> BuildImage(const ImageDescription& description);
+
+// Offsets of the descriptor sections that the builder writes.
+constexpr uint32_t kDescriptorSignatureOffset = 0x10;
+constexpr uint32_t kDescriptorSignature = 0x0FF0A55A;
+constexpr uint32_t kComponentBase = 0x30;
+constexpr uint32_t kRegionBase = 0x40;
+constexpr uint32_t kMasterBase = 0x60;
+// FLREG value of a region the part does not have: base above limit.
+constexpr uint32_t kUnusedRegionRegister = 0x00007FFF;
+uint32_t RegionRegister(uint32_t offset, uint32_t size);
+
+// BVDT block offsets.
+constexpr uint32_t kBvdtVersionOffset = 0x0E;
+constexpr uint32_t kBvdtVersionBytes = 24;
+constexpr uint32_t kBvdtModelOffset = 0x27;
+constexpr uint32_t kBvdtModelBytes = 25;
+constexpr uint32_t kBvdtExtraOffset = 0x41;
+constexpr uint32_t kBvdtExtraBytes = 37;
+constexpr uint32_t kBvdtHeadBytes = 0x66;
+constexpr uint32_t kMapRecordBytes = 10;
+
+// What an image file holds, as far as the tool can tell from its bytes.
+struct RegionInfo {
+  SpiRegion region;
+  bool used = false;
+  uint32_t base = 0;   // first byte
+  uint32_t limit = 0;  // last byte
+  bool operator==(const RegionInfo&) const = default;
+};
+
+struct SlotInfo {
+  std::string tag;
+  uint32_t offset = 0;  // of the tag, in the file
+  uint32_t capacity = 0;
+  uint32_t size = 0;
+};
+
+struct ImageInfo {
+  uint64_t fileSize = 0;
+  uint32_t flashSize = 0;  // the largest power of two not above the file size
+  uint32_t ecSize = 0;     // bytes in front of the flash image
+  bool hasDescriptor = false;
+  std::vector<RegionInfo> regions;
+  std::optional<uint32_t> bvdtOffset;  // in the flash image
+  std::string bvdtVersion;
+  std::string bvdtModel;
+  std::optional<uint32_t> mapOffset;  // of "$OBLIS", in the flash image
+  std::vector<MapRecord> mapRecords;
+  std::vector<SlotInfo> slots;
+};
+
+ImageInfo InspectImage(const std::vector<uint8_t>& file);
+std::string FormatImageInfo(const ImageInfo& info);
+// The name of a region type of the "$OBLIS" map, as the tool's map displays show it.
+const char* MapRegionTypeName(uint8_t type);
+
+}  // namespace zimage
