@@ -158,11 +158,91 @@ class FakeFirmware {
     };
   }
 
+  // Function 13h: a part of the given size index and a terminated block map of
+  // (block size in 256 bytes, count) entries.
+  void AnswerFlashPart(uint8_t sizeIndex, std::vector<std::pair<uint16_t, uint16_t>> map) {
+    handlers[0x13] = [sizeIndex, map](OblisRegisters& r) {
+      At(r.edi)[0] = sizeIndex;
+      uint8_t* out = At(r.esi);
+      size_t at = 0;
+      for (auto [size, count] : map) {
+        out[at] = (uint8_t)size;
+        out[at + 1] = (uint8_t)(size >> 8);
+        out[at + 2] = (uint8_t)count;
+        out[at + 3] = (uint8_t)(count >> 8);
+        at += 4;
+      }
+      out[at] = 0xFF;
+      out[at + 1] = 0xFF;
+    };
+  }
+  struct Region {
+    uint8_t type;
+    uint32_t address;
+    uint32_t size;
+  };
+  // Function 12h: the private list (type ignored) and the protection list, both terminated.
+  void AnswerPlatformMaps(std::vector<Region> privates, std::vector<Region> protections) {
+    handlers[0x12] = [privates, protections](OblisRegisters& r) {
+      uint8_t* protection = At(r.edi);
+      uint8_t* privateMap = At(r.esi);
+      size_t at = 0;
+      for (auto& region : privates) {
+        PutU32(privateMap + at, region.address);
+        PutU32(privateMap + at + 4, region.size);
+        at += 8;
+      }
+      PutU32(privateMap + at, 0xFF);
+      at = 0;
+      for (auto& region : protections) {
+        protection[at] = region.type;
+        PutU32(protection + at + 1, region.address);
+        PutU32(protection + at + 5, region.size);
+        at += 9;
+      }
+      protection[at] = 0xFF;
+    };
+  }
+  // Function 1Eh: the whole ROM map, terminated.
+  void AnswerWholeMap(std::vector<Region> regions) {
+    handlers[0x1E] = [regions](OblisRegisters& r) {
+      uint8_t* out = At(r.edi);
+      size_t at = 0;
+      for (auto& region : regions) {
+        out[at] = region.type;
+        PutU32(out + at + 1, region.address);
+        PutU32(out + at + 5, region.size);
+        at += 13;
+      }
+      out[at] = 0xFF;
+      PutU32(out + at + 1, 0xFFFFFFFFu);
+    };
+  }
+  // Function 11h: a platform that allows -alp (extended information, ALP bit in ECX).
+  void AnswerAllowAlp() {
+    handlers[0x11] = [](OblisRegisters& r) {
+      r.ecx = 1;
+      Answer(r, 0, 0x80);
+    };
+  }
+  // Secure Boot support is the presence of the SetupMode variable.
+  void SetSecureBoot() {
+    UINT8 mode = 0;
+    EFI_GUID guid = kGlobalVariableGuid;
+    gRT->SetVariable(u"SetupMode", &guid,
+                     EFI_VARIABLE_BOOTSERVICE_ACCESS | EFI_VARIABLE_RUNTIME_ACCESS, 1, &mode);
+  }
+
   std::string Log() const {
     std::ifstream in(dir_ + "/ZAPROM.Log", std::ios::binary);
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
+  }
+  // A file on the volume that also holds the log, where the driver's relative names lead.
+  void PutFile(const std::string& name, const std::vector<uint8_t>& bytes) {
+    std::ofstream out(dir_ + "/" + name, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(bytes.data()), (std::streamsize)bytes.size());
   }
   std::string Console() const { return env_.ConsoleTranscript(); }
   size_t StallCount() const { return env_.StallCalls().size(); }

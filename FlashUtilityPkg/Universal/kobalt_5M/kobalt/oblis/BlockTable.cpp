@@ -1,6 +1,6 @@
 // The flash part of function 13h: the ROM size and base, the block count and size, and
-// FlashBlockTable with one entry a block, all protection flags clear. Marking blocks protected
-// from the maps, options and settings is left to the marking step that runs before a write.
+// FlashBlockTable with one entry a block, the one flag per block that the writers obey and its
+// display. Which regions to mark is decided by the marking step (BlockMarking.cpp).
 #include "oblis/Oblis.h"
 #include "output/Output.h"
 
@@ -36,6 +36,14 @@ const CHAR16 kTraceBlockEntry[] = u"     Block size | %x\r\n    Block times | %x
 const CHAR16 kTraceRomSize[] = u"       Rom Size | 0x%x\r\n";
 const CHAR16 kTraceBaseAddr[] = u"      Base Addr | 0x%x\r\n";
 const CHAR16 kTraceBlockCount[] = u"    Block Count | 0x%x\r\n";
+const CHAR16 kBlockTableLine[] = u"[ %6d ] %08x:  %a     %a\n";
+const CHAR16 kBlockSizeText[] = u"( %2dK )";
+const CHAR16 kBlockTableFlush[] = u"%a\r\n";
+
+constexpr UINT32 kBlocksPerLine = 16;
+constexpr UINT32 kLinesPerFlush = 16;
+constexpr UINT32 kBlockTableTextBytes = 0x1000;
+constexpr UINT32 kLineCharacters = 128;
 
 // Entries of the block map up to its end: a size of 0 or 0xFFFF, or 255 entries.
 UINT32 CountMapEntries(const UINT8* map) {
@@ -158,4 +166,86 @@ FlashBlock* CopyBlockTable() {
     CopyMem(copy, gFlash.table, sizeof(gFlash.table));
   }
   return copy;
+}
+
+VOID MarkBlocks(UINT32 start, UINT32 end, UINT8 flag) {
+  // Only a block's first byte is tested: a region that starts inside a block leaves that block
+  // alone, one that ends inside a block takes the whole block.
+  for (UINT32 index = 0; index < gFlash.blockCount && index < kFlashBlockEntries; ++index) {
+    UINT32 address = gFlash.table[index].address;
+    if (start <= address && address <= end) {
+      gFlash.table[index].protectedFlag = flag;
+    }
+  }
+}
+
+UINT8 BlockFlagAt(UINT32 address) {
+  for (UINT32 index = 0; index < gFlash.blockCount && index < kFlashBlockEntries; ++index) {
+    const FlashBlock& block = gFlash.table[index];
+    if (block.size != 0 && address >= block.address && address - block.address < block.size) {
+      return block.protectedFlag;
+    }
+  }
+  return 0;
+}
+
+namespace {
+
+// Appends a 16-bit text to the 8-bit text buffer, low bytes only, never past its capacity.
+VOID AppendNarrow(CHAR8* text, UINT32* length, const CHAR16* line) {
+  for (; *line != 0 && *length + 1 < kBlockTableTextBytes; ++line) {
+    text[(*length)++] = (CHAR8)*line;
+  }
+  text[*length] = 0;
+}
+
+VOID FlushBlockTableText(CHAR8* text, UINT32* length) {
+  LogPrint(kLogDetail, kBlockTableFlush, text);
+  ZeroMem(text, kBlockTableTextBytes);
+  *length = 0;
+}
+
+}  // namespace
+
+VOID ShowBlockTable(const FlashBlock* table, UINT32 count) {
+  if (table == nullptr || count == 0) {
+    return;
+  }
+  if (count > kFlashBlockEntries) {
+    count = kFlashBlockEntries;
+  }
+  CHAR8* text = (CHAR8*)AllocateZeroPool(kBlockTableTextBytes);
+  if (text == nullptr) {
+    return;
+  }
+  UINT32 length = 0;
+  UINT32 lines = 0;
+  for (UINT32 first = 0; first < count; first += kBlocksPerLine) {
+    // 16 marks and " - " behind the eighth, terminated.
+    CHAR8 marks[kBlocksPerLine + 4];
+    UINT32 used = 0;
+    for (UINT32 index = first; index < count && index < first + kBlocksPerLine; ++index) {
+      marks[used++] = table[index].protectedFlag == 0 ? '.' : 'R';
+      if (index - first == 7) {
+        marks[used++] = ' ';
+        marks[used++] = '-';
+        marks[used++] = ' ';
+      }
+    }
+    marks[used] = 0;
+    CHAR16 sizeText[kLineCharacters];
+    FormatText(sizeText, kLineCharacters, kBlockSizeText, table[first].size / 1024);
+    CHAR8 sizeNarrow[kLineCharacters];
+    UnicodeToAscii(sizeNarrow, kLineCharacters, sizeText);
+    CHAR16 line[kLineCharacters];
+    FormatText(line, kLineCharacters, kBlockTableLine, first, table[first].address, sizeNarrow, marks);
+    AppendNarrow(text, &length, line);
+    if (++lines % kLinesPerFlush == 0) {
+      FlushBlockTableText(text, &length);
+    }
+  }
+  if (length != 0) {
+    FlushBlockTableText(text, &length);
+  }
+  FreePoolAndNull(text);
 }

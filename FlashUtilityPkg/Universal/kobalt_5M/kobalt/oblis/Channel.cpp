@@ -370,3 +370,13 @@ UINT16 OblisCall_1Ch() { return FormC(RaiseOblis(0x1C, 0, 0, 0)); }
 UINT16 OblisCall_1Eh(UINT32 edi) { return FormA(RaiseOblis(0x1E, 0, edi, 0)); }
 
 UINT16 OblisCall_1Fh(UINT32 point) { return FormA(RaiseOblis(0x1F, point, 0, 0)); }
+
+UINT16 OblisCall_14h(UINT32 size, UINT32 address, UINT32 esi) { return FormA(RaiseOblis(0x14, size, address, esi)); }
+
+UINT16 OblisCall_15h(UINT32 size, UINT32 address, UINT32 esi) { return FormA(RaiseOblis(0x15, size, address, esi)); }
+
+UINT16 OblisCall_17h(UINT32 edi, UINT32 esi) { return FormA(RaiseOblis(0x17, kExternalMapBytes, edi, esi)); }
+
+UINT16 OblisCall_1Ah(UINT8 action, UINT8 status) {
+  return FormA(RaiseOblis(0x1A, ((UINT32)status << 8) | action, 0, 0));
+}

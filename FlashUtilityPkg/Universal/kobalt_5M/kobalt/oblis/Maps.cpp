@@ -1,6 +1,6 @@
-// The ROM maps the firmware gives: the private and protection lists of function 12h and the
-// whole ROM map of function 1Eh, kept for the run, with their region names and trace tables.
-// Marking blocks from them is left to the block table; the console displays to the query commands.
+// The ROM maps the firmware gives: the 12h private and protection lists and the 1Eh whole map,
+// kept for the run, with region names and console and trace displays. Marking blocks is left to
+// the marking step; an image's BVDT map and the 17h external records live in BvdtMap.cpp.
 #include "oblis/Oblis.h"
 #include "output/Output.h"
 
@@ -42,6 +42,8 @@ const CHAR16 kProtectionMapHead[] =
     u"------+------------+------------+------------+-------------\r\n";
 const CHAR16 kMapRecordLine[] = u"  %02xh | 0x%08x | 0x%08x | 0x%08x |%13s\r\n";
 const CHAR16 kMapClose[] = u"\r\n";
+// Long enough for the three-line heads, which are the longest texts of a display.
+constexpr UINTN kMapLineCharacters = 320;
 
 const CHAR16* const kRegionNames[] = {
     u"PEI",        u"CPU Microcode", u"Variable", u"DXE",      u"EC",         u"LOGO",
@@ -271,28 +273,59 @@ VOID GetWholeRomMapRecords(UINT32* count, UINT8** records) {
   }
 }
 
-VOID ShowPrivateMapTrace(const OblisPrivateRecord* list, UINT32 count) {
+VOID EmitMapText(Bool console, UINT8 level, const CHAR16* format, ...) {
+  CHAR16 line[kMapLineCharacters];
+  va_list args;
+  va_start(args, format);
+  FormatTextV(line, kMapLineCharacters, format, args);
+  va_end(args);
+  if (console) {
+    Print(u"%s", line);
+  } else {
+    LogPrint(level, u"%s", line);
+  }
+}
+
+namespace {
+
+// The console and trace forms share their texts; only where the lines go differs.
+VOID ShowPrivateMap(Bool console, const OblisPrivateRecord* list, UINT32 count) {
   const UINT8* bytes = list != nullptr ? (const UINT8*)list : gMaps.privateBuffer;
-  LogPrint(kLogDetail, kPrivateMapHead);
+  if (list == nullptr && count > gMaps.privateCount) {
+    count = gMaps.privateCount;
+  }
+  EmitMapText(console, kLogDetail, kPrivateMapHead);
   for (UINT32 index = 0; bytes != nullptr && index < count && index < kMapRecordLimit; ++index) {
     const UINT8* record = bytes + index * sizeof(OblisPrivateRecord);
     UINT32 start = ReadU32(record);
     UINT32 size = ReadU32(record + 4);
-    LogPrint(kLogDetail, kMapRecordLine, kPrivateMapType, start, start + size - 1, size,
-             RegionTypeName(kPrivateMapType));
+    EmitMapText(console, kLogDetail, kMapRecordLine, kPrivateMapType, start, start + size - 1, size,
+                RegionTypeName(kPrivateMapType));
   }
-  LogPrint(kLogDetail, kMapClose);
+  EmitMapText(console, kLogDetail, kMapClose);
 }
 
-VOID ShowProtectionMapTrace(const OblisProtectionRecord* list, UINT32 count) {
+VOID ShowProtectionMap(Bool console, const OblisProtectionRecord* list, UINT32 count) {
   const UINT8* bytes = list != nullptr ? (const UINT8*)list : gMaps.protectionBuffer;
-  LogPrint(kLogDetail, kProtectionMapHead);
+  if (list == nullptr && count > gMaps.protectionCount) {
+    count = gMaps.protectionCount;
+  }
+  EmitMapText(console, kLogDetail, kProtectionMapHead);
   for (UINT32 index = 0; bytes != nullptr && index < count && index < kMapRecordLimit; ++index) {
     const UINT8* record = bytes + index * sizeof(OblisProtectionRecord);
     UINT8 type = record[0];
     UINT32 start = ReadU32(record + 1);
     UINT32 size = ReadU32(record + 5);
-    LogPrint(kLogDetail, kMapRecordLine, type, start, start + size - 1, size, RegionTypeName(type));
+    EmitMapText(console, kLogDetail, kMapRecordLine, type, start, start + size - 1, size, RegionTypeName(type));
   }
-  LogPrint(kLogDetail, kMapClose);
+  EmitMapText(console, kLogDetail, kMapClose);
+}
+
+}  // namespace
+
+VOID ShowPrivateMapTrace(const OblisPrivateRecord* list, UINT32 count) { ShowPrivateMap(false, list, count); }
+VOID ShowProtectionMapTrace(const OblisProtectionRecord* list, UINT32 count) { ShowProtectionMap(false, list, count); }
+VOID ShowPrivateMapConsole(const OblisPrivateRecord* list, UINT32 count) { ShowPrivateMap(true, list, count); }
+VOID ShowProtectionMapConsole(const OblisProtectionRecord* list, UINT32 count) {
+  ShowProtectionMap(true, list, count);
 }

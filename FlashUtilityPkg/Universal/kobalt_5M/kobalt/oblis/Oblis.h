@@ -30,6 +30,10 @@ UINT16 OblisCall_16h(UINT8 clearCmos, UINT8 action, UINT32 esi);  // form A
 UINT16 OblisCall_1Ch();                                 // form C
 UINT16 OblisCall_1Eh(UINT32 edi);                       // form A
 UINT16 OblisCall_1Fh(UINT32 point);                     // form A
+UINT16 OblisCall_14h(UINT32 size, UINT32 address, UINT32 esi);  // form A
+UINT16 OblisCall_15h(UINT32 size, UINT32 address, UINT32 esi);  // form A
+UINT16 OblisCall_17h(UINT32 edi, UINT32 esi);           // form A, ECX 0x1000
+UINT16 OblisCall_1Ah(UINT8 action, UINT8 status);       // form A
 
 // What differs between the wrappers that share the retry loop.
 struct OblisRetrySpec {
@@ -47,6 +51,8 @@ typedef UINT8 (*OblisAttempt)(VOID* context);
 // no attempt is made). On a refusal it reports if asked and closes the trace with
 // "BIOS return not success"; on success the wrapper copies its answer and closes the trace.
 Bool RunOblisRetryLoop(const OblisRetrySpec* spec, OblisAttempt attempt, VOID* context, UINT8* status);
+// One piece of a map display, formatted once and written to the console or to the trace at level.
+VOID EmitMapText(Bool console, UINT8 level, const CHAR16* format, ...);
 
 // ---- wrappers ----
 Bool Oblis_10h(UINT8* out, UINT32 size);

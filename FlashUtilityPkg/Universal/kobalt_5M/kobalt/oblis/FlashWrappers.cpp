@@ -1,0 +1,153 @@
+// The wrappers that touch the flash and the SPI regions: read (14h), write (15h), the external
+// map exchange (17h) and the update bracket (1Ah). They hand back the firmware's status; what a
+// locked ME or a skipped block means for an update is left to the engines that call them.
+#include "PlatformSeams.h"
+#include "oblis/Oblis.h"
+#include "output/Output.h"
+
+namespace {
+
+constexpr UINT8 kAcceptRead[] = {kOblisSuccess, kOblisLockedMe};
+constexpr UINT8 kEndRead[] = {kOblisLockedMe};
+constexpr UINT8 kAcceptWrite[] = {kOblisSuccess, kOblisBlockSkipped};
+constexpr UINT8 kEndWrite[] = {kOblisBlockSkipped};
+constexpr UINT8 kAcceptSuccess[] = {kOblisSuccess};
+
+constexpr UINT32 k17hDumpBytes = 0x40;
+
+const CHAR16 kReasonAllocateOblis[] = u"Allocate OBLIS memory failed";
+const CHAR16 kReasonNullInput[] = u"Input buffer is NULL";
+const CHAR16 kReasonReadTooLarge[] = u"Read size over OBLIS buffer";
+const CHAR16 kTraceMeLocked[] = u"Read failed because ME is locked\r\n";
+const CHAR16 kTraceWriteAddress[] = u" Oblis_15h(->) %X\r\n";
+const CHAR16 kTraceSkipBlock[] = u"Skip this write block\r\n";
+const CHAR16 kLabel17hInfo[] = u"===== 17h Info =====\r\n";
+const CHAR16 kTrace1AhArguments[] = u" Action %d\r\n Status %d\r\n";
+const CHAR16 kTrace1AhReturn[] = u"OBLIS 1Ah return code (0x%x)\r\n";
+
+struct FlashCall {
+  UINT32 size;
+  UINT32 address;
+  UINT32 esi;
+};
+
+}  // namespace
+
+Bool Oblis_14h(UINT32 address, UINT32 size, UINT8* data, UINT8* status) {
+  const CHAR16* name = u"Oblis_14h";
+  if (status != nullptr) {
+    *status = kOblisNoAttempt;
+  }
+  // The answer lands in the shared buffer: a larger read would have the firmware write past it.
+  if (size > kOblisBufferSize) {
+    TraceLeave(name, kReasonReadTooLarge);
+    return false;
+  }
+  UINT8* buffer = nullptr;
+  if (!GetOblisBuffer(kOblisBufferSize, &buffer)) {
+    TraceLeave(name, kReasonAllocateOblis);
+    return false;
+  }
+  ZeroMem(buffer, kOblisBufferSize);
+  FlashCall call = {size, address, PhysicalAddressOf(buffer)};
+  OblisRetrySpec spec = {name, 0x14, kAcceptRead, 2, kEndRead, 1, true};
+  auto attempt = [](VOID* context) -> UINT8 {
+    FlashCall* c = (FlashCall*)context;
+    return (UINT8)OblisCall_14h(c->size, c->address, c->esi);
+  };
+  UINT8 last = kOblisNoAttempt;
+  Bool success = RunOblisRetryLoop(&spec, attempt, &call, &last);
+  if (status != nullptr) {
+    *status = last;
+  }
+  if (!success) {
+    return false;
+  }
+  // A read of the locked ME region counts as a read: the caller gets what the firmware left.
+  if (last == kOblisLockedMe) {
+    LogPrint(kLogDetail, kTraceMeLocked);
+  }
+  if (data != nullptr) {
+    CopyMem(data, buffer, size);
+  }
+  return true;
+}
+
+Bool Oblis_15h(const UINT8* data, UINT32 size, UINT32 address, UINT8* status) {
+  const CHAR16* name = u"Oblis_15h";
+  if (status != nullptr) {
+    *status = kOblisNoAttempt;
+  }
+  if (data == nullptr) {
+    TraceLeave(name, kReasonNullInput);
+    return false;
+  }
+  // The firmware reads the block straight from the caller's memory, which lies below 4 GB.
+  FlashCall call = {size, address, PhysicalAddressOf(data)};
+  OblisRetrySpec spec = {name, 0x15, kAcceptWrite, 2, kEndWrite, 1, true};
+  auto attempt = [](VOID* context) -> UINT8 {
+    FlashCall* c = (FlashCall*)context;
+    LogPrint(kLogDetail, kTraceWriteAddress, c->address);
+    return (UINT8)OblisCall_15h(c->size, c->address, c->esi);
+  };
+  UINT8 last = kOblisNoAttempt;
+  Bool success = RunOblisRetryLoop(&spec, attempt, &call, &last);
+  if (status != nullptr) {
+    *status = last;
+  }
+  if (success && last == kOblisBlockSkipped) {
+    LogPrint(kLogDetail, kTraceSkipBlock);
+  }
+  return success;
+}
+
+Bool Oblis_17h(const UINT8* imageHead, UINT8* answer) {
+  const CHAR16* name = u"Oblis_17h";
+  if (answer == nullptr) {
+    TraceLeave(name, kReasonNullInput);
+    return false;
+  }
+  UINT8* buffer = nullptr;
+  UINT8* buffer2 = nullptr;
+  if (!GetOblisBuffer(kOblisBufferSize, &buffer) || !GetOblisBuffer2(kOblisBufferSize, &buffer2)) {
+    TraceLeave(name, kReasonAllocateOblis);
+    return false;
+  }
+  ZeroMem(buffer, kOblisBufferSize);
+  ZeroMem(buffer2, kOblisBufferSize);
+  if (imageHead != nullptr) {
+    CopyMem(buffer2, imageHead, kExternalMapBytes);
+  }
+  FlashCall call = {kExternalMapBytes, PhysicalAddressOf(buffer), PhysicalAddressOf(buffer2)};
+  OblisRetrySpec spec = {name, 0x17, kAcceptSuccess, 1, nullptr, 0, false};
+  auto attempt = [](VOID* context) -> UINT8 {
+    FlashCall* c = (FlashCall*)context;
+    return (UINT8)OblisCall_17h(c->address, c->esi);
+  };
+  if (!RunOblisRetryLoop(&spec, attempt, &call, nullptr)) {
+    return false;
+  }
+  LogPrint(kLogDetail, kLabel17hInfo);
+  HexDump(buffer, k17hDumpBytes);
+  LogPrint(kLogDetail, u"\r\n");
+  HexDump(buffer + kExternalNewListOffset, k17hDumpBytes);
+  LogPrint(kLogDetail, kLabel17hInfo);
+  CopyMem(answer, buffer, kExternalMapBytes);
+  return true;
+}
+
+Bool SMI_OemOdmCustom2(UINT8 action, UINT8 status) {
+  const CHAR16* name = u"SMI_OemOdmCustom2";
+  TraceEnter(name);
+  LogPrint(kLogDetail, kTrace1AhArguments, action, status);
+  // Called once: the firmware hears of the update's start and end, and an older firmware that
+  // lacks the function (0xEF) is no reason to stop.
+  UINT8 code = (UINT8)OblisCall_1Ah(action, status);
+  LogPrint(kLogDetail, kTrace1AhReturn, code);
+  if (code == kOblisSuccess || code == kOblisUnsupported) {
+    TraceLeave(name, nullptr);
+    return true;
+  }
+  TraceLeave(name, u"error");
+  return false;
+}

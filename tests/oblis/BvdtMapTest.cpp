@@ -1,0 +1,245 @@
+// The region map behind the OBLIS signature of an image, the -pi display of a file, the external
+// records of function 17h, and the console and trace lines of every map display.
+#include <gtest/gtest.h>
+
+#include "FakeFirmware.h"
+#include "oblis/Oblis.h"
+#include "support/Isolated.h"
+
+using namespace oblistest;
+
+namespace {
+
+std::string Narrow(const CHAR16* text) {
+  std::string out;
+  for (; *text; ++text) out.push_back((char)*text);
+  return out;
+}
+
+struct Record {
+  uint8_t type;
+  uint32_t address, size;
+  uint8_t action;
+};
+
+std::vector<uint8_t> MapImage(const std::vector<Record>& records, bool terminated, size_t lead = 0x30) {
+  std::vector<uint8_t> image(lead, 0x24);  // '$' filler: a near miss at every place
+  auto sig = Bytes("$OBLIS");
+  image.insert(image.end(), sig.begin(), sig.end());
+  for (const Record& r : records) {
+    image.push_back(r.type);
+    PutU32(image, image.size(), r.address);
+    PutU32(image, image.size(), r.size);
+    image.push_back(r.action);
+  }
+  if (terminated) {
+    image.push_back(0xFF);
+    image.resize(image.size() + 9, 0);
+  }
+  return image;
+}
+
+const char kBvdtHead[] =
+    "                BVDT Protect/Private Region MAP\r\n"
+    " Type | Start Addr |  End Addr  |    Size    | Action | Description \r\n"
+    "------+------------+------------+------------+--------+-------------\r\n";
+
+TEST(BvdtMap, RecordsBehindTheSignatureAreTakenToTheirEnd) {
+  std::vector<Record> many;
+  for (uint32_t i = 0; i < 230; i++) many.push_back({0x02, 0xFF000000u + i * 0x100, 0x100, 0});
+  std::vector<uint8_t> truncated = MapImage({{0x01, 0xFFA00000u, 0x1000, 1}, {0x03, 0xFFB00000u, 0x1000, 0}}, false);
+  truncated.pop_back();  // the second record lacks its last byte
+  struct Row {
+    const char* what;
+    std::vector<uint8_t> image;
+    bool found;
+    uint32_t count;
+    uint32_t firstStart, lastEnd;
+  };
+  const Row rows[] = {
+      {"two records", MapImage({{0x01, 0xFFA00000u, 0x1000, 1}, {0xFE, 0xFFB00000u, 0x2000, 0}}, true), true, 2,
+       0xFFA00000u, 0xFFB01FFFu},
+      {"start 0 size 0 is left out", MapImage({{0x01, 0xFFA00000u, 0x1000, 1}, {0x05, 0, 0, 0}, {0x06, 0xFFC00000u, 0x10, 0}}, true),
+       true, 2, 0xFFA00000u, 0xFFC0000Fu},
+      {"type FF ends the list", MapImage({{0x01, 0xFFA00000u, 0x1000, 1}, {0xFF, 0xFFB00000u, 0x10, 0}, {0x06, 0xFFC00000u, 0x10, 0}}, false),
+       true, 1, 0xFFA00000u, 0xFFA00FFFu},
+      {"200 records at most", MapImage(many, false), true, 200, 0xFF000000u, 0xFF000000u + 199 * 0x100 + 0xFF},
+      {"a record cut by the image end is not read", truncated, true, 1, 0xFFA00000u, 0xFFA00FFFu},
+      {"signature at the very end: found, empty", MapImage({}, false), true, 0, 0, 0},
+      {"no signature", std::vector<uint8_t>(0x100, 0x24), false, 0, 0, 0},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(0, RunIsolated([&] {
+                FakeFirmware fw;
+                EXPECT_EQ(LoadBvdtMap(row.image.data(), (UINT32)row.image.size()), row.found) << row.what;
+                EXPECT_EQ(BvdtMapFound(), row.found) << row.what;
+                UINT32 privateCount = 0, protectionCount = 0;
+                OblisPrivateRecord* privateList = nullptr;
+                OblisProtectionRecord* protectionList = nullptr;
+                GetBvdtRomMap(&privateCount, &privateList, &protectionCount, &protectionList);
+                EXPECT_EQ(privateCount + protectionCount, row.count) << row.what;
+                ASSERT_NE(privateList, nullptr);
+                ASSERT_NE(protectionList, nullptr);
+                std::string log = fw.Log();
+                EXPECT_EQ(CountOf(log, "h | 0x"), row.count) << row.what << ": one trace line a record";
+                if (row.count > 0) {
+                  uint32_t first = protectionCount > 0 ? protectionList[0].address : privateList[0].address;
+                  EXPECT_EQ(first, row.firstStart) << row.what;
+                  uint32_t lastEnd = privateCount > 0 ? privateList[privateCount - 1].address + privateList[privateCount - 1].size - 1
+                                                      : protectionList[protectionCount - 1].address +
+                                                            protectionList[protectionCount - 1].size - 1;
+                  EXPECT_EQ(lastEnd, row.lastEnd) << row.what;
+                }
+                FreePoolAndNull(privateList);
+                FreePoolAndNull(protectionList);
+              }))
+        << row.what;
+  }
+}
+
+TEST(BvdtMap, LaterImageWithoutAMapForgetsTheEarlierOne) {
+  FakeFirmware fw;
+  auto image = MapImage({{0x01, 0xFFA00000u, 0x1000, 1}}, true);
+  ASSERT_TRUE(LoadBvdtMap(image.data(), (UINT32)image.size()));
+  std::vector<uint8_t> plain(0x40, 0);
+  EXPECT_FALSE(LoadBvdtMap(plain.data(), (UINT32)plain.size()));
+  EXPECT_FALSE(BvdtMapFound()) << "an empty stale map must not replace the platform's protection";
+  EXPECT_FALSE(LoadBvdtMap(nullptr, 0));
+}
+
+TEST(BvdtMap, PrivateTypeGoesToThePrivateListWhateverItsAction) {
+  FakeFirmware fw;
+  auto image = MapImage({{0xFE, 0xFF800000u, 0x1000, 1}, {0x0A, 0xFFA00000u, 0x2000, 2}, {0xFE, 0xFF900000u, 0x10, 0}}, true);
+  ASSERT_TRUE(LoadBvdtMap(image.data(), (UINT32)image.size()));
+  UINT32 privateCount = 0, protectionCount = 0;
+  OblisPrivateRecord* privateList = nullptr;
+  OblisProtectionRecord* protectionList = nullptr;
+  GetBvdtRomMap(&privateCount, &privateList, &protectionCount, &protectionList);
+  ASSERT_EQ(privateCount, 2u);
+  ASSERT_EQ(protectionCount, 1u);
+  EXPECT_EQ(privateList[1].address, 0xFF900000u);
+  EXPECT_EQ(privateList[1].size, 0x10u);
+  EXPECT_EQ(protectionList[0].type, 0x0A);
+  std::string log = fw.Log();
+  EXPECT_NE(log.find(" Private region #0 [FF800000] (00001000)\r\n Protect region #0 [FFA00000] (00002000)\r\n"
+                     " Private region #1 [FF900000] (00000010)\r\n"),
+            std::string::npos)
+      << log;
+  EXPECT_EQ(CountOf(log, "===== BVDT Private MAP =====\r\n"), 2u);
+  EXPECT_EQ(CountOf(log, "===== BVDT Protection MAP =====\r\n"), 2u);
+  EXPECT_NE(log.find(std::string(kBvdtHead) +
+                     "  FEh | 0xFF800000 | 0xFF800FFF | 0x00001000 |    1   |  Private Map\r\n"
+                     "  0Ah | 0xFFA00000 | 0xFFA01FFF | 0x00002000 |    2   |     OEM Data\r\n"),
+            std::string::npos)
+      << log;
+  FreePoolAndNull(privateList);
+  FreePoolAndNull(protectionList);
+}
+
+TEST(BvdtMap, MapOfAFileIsShownOrRefused) {
+  struct Row {
+    const char* what;
+    const char* file;
+    const CHAR16* name;
+    std::vector<uint8_t> content;
+    bool result;
+    std::string console;
+  };
+  const Row rows[] = {
+      {"no such file", nullptr, u"missing.fd", {}, false, "Error: Load file failed!\r\n"},
+      {"file without a map", "plain.fd", u"plain.fd", std::vector<uint8_t>(0x200, 0x5A), false,
+       "Error: The region map is NOT found!\r\n"},
+      {"file with a map", "map.fd", u"map.fd", MapImage({{0x06, 0xFFE00000u, 0x10000, 0}}, true), true,
+       std::string(kBvdtHead) + "  06h | 0xFFE00000 | 0xFFE0FFFF | 0x00010000 |    0   |   NV Storage\r\n"},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(0, RunIsolated([&] {
+                FakeFirmware fw;
+                if (row.file != nullptr) fw.PutFile(row.file, row.content);
+                EXPECT_EQ(ShowBvdtMapFile(row.name), row.result) << row.what;
+                EXPECT_EQ(fw.Console(), row.console) << row.what;
+              }))
+        << row.what;
+  }
+}
+
+TEST(MapDisplay, ConsoleLinesOfThePlatformLists) {
+  FakeFirmware fw;
+  ASSERT_TRUE(InitialSmi());
+  fw.AnswerPlatformMaps({{0xFE, 0xFF800000u, 0x1000}}, {{0x18, 0xFFA00000u, 0x20000}, {0x0F, 0xFFB00000u, 0x800}});
+  ASSERT_TRUE(SMI_GetPlatformRomMap());
+  ShowPrivateMapConsole(nullptr, 1);
+  ShowProtectionMapConsole(nullptr, 2);
+  EXPECT_EQ(fw.Console(),
+            "                Private Region MAP\r\n"
+            " Type | Start Addr |  End Addr  |    Size    | Description \r\n"
+            "------+------------+------------+------------+-------------\r\n"
+            "  FEh | 0xFF800000 | 0xFF800FFF | 0x00001000 |  Private Map\r\n"
+            "\r\n"
+            "                Protection Region MAP\r\n"
+            " Type | Start Addr |  End Addr  |    Size    | Description \r\n"
+            "------+------------+------------+------------+-------------\r\n"
+            "  18h | 0xFFA00000 | 0xFFA1FFFF | 0x00020000 |    Undefined\r\n"
+            "  0Fh | 0xFFB00000 | 0xFFB007FF | 0x00000800 |     Password\r\n"
+            "\r\n");
+  // A count beyond the kept list reads no further than the list.
+  size_t before = fw.Console().size();
+  ShowPrivateMapConsole(nullptr, 50);
+  EXPECT_EQ(CountOf(fw.Console().substr(before), "FEh"), 1u);
+}
+
+TEST(MapDisplay, ExternalMapLinesStandAtTheRomBase) {
+  FakeFirmware fw;
+  ASSERT_TRUE(InitialSmi());
+  fw.AnswerFlashPart(7, {{0x100, 128}});  // 8 MB at 0xFF800000
+  ASSERT_TRUE(FuncOblis_13h());
+  OblisExternalRecord list[3] = {{0x00, 0, 0x1000, 0x0B}, {0x20, 0x1000, 0x1FF000, 0x0D}, {0x05, 0x200000, 0x600000, 0}};
+  ShowExternalMapConsole(list, 3);
+  const std::string text =
+      "                External Region MAP\r\n"
+      " Type | Start Addr |  End Addr  |    Size    |   Offset   |Access| Description \r\n"
+      "------+------------+------------+------------+------------+------+-------------\r\n"
+      "  00h | 0xFF800000 | 0xFF800FFF | 0x00001000 | 0x00000000 |   B  |   Descriptor\r\n"
+      "  20h | 0xFF801000 | 0xFF9FFFFF | 0x001FF000 | 0x00001000 |   D  |  Ignition ME\r\n"
+      "  05h | 0xFFA00000 | 0xFFFFFFFF | 0x00600000 | 0x00200000 |   0  |    Undefined\r\n"
+      "\r\n";
+  EXPECT_EQ(fw.Console(), text);
+  ShowExternalMapTrace(list, 3);
+  EXPECT_NE(fw.Log().find(text), std::string::npos) << fw.Log();
+}
+
+TEST(MapDisplay, ExternalRegionNames) {
+  const std::pair<uint8_t, const char*> rows[] = {
+      {0, "Descriptor"}, {1, "BIOS"}, {2, "ME"}, {3, "GBE"}, {4, "Platform Data"},
+      {5, "Undefined"}, {0x20, "Ignition ME"}, {0xFF, "Undefined"},
+  };
+  for (auto [type, name] : rows) EXPECT_EQ(Narrow(ExternalRegionName(type)), name) << (int)type;
+}
+
+TEST(MapDisplay, ExternalRegionFindTakesTheFirstOfItsTypeWithinTheCount) {
+  OblisExternalRecord list[3] = {{0x01, 0x100000, 0x700000, 0x0A}, {0x02, 0x1000, 0xFF000, 0x0B}, {0x01, 0, 1, 1}};
+  struct Row {
+    uint8_t type;
+    uint32_t count;
+    bool found;
+    uint32_t offset, size;
+    uint8_t access;
+  };
+  const Row rows[] = {
+      {0x01, 3, true, 0x100000, 0x700000, 0x0A},
+      {0x02, 3, true, 0x1000, 0xFF000, 0x0B},
+      {0x02, 1, false, 0xAA, 0xBB, 0xCC},
+      {0x03, 3, false, 0xAA, 0xBB, 0xCC},
+  };
+  for (const Row& row : rows) {
+    UINT32 offset = 0xAA, size = 0xBB;
+    UINT8 access = 0xCC;
+    EXPECT_EQ(ExternalRegionFind(list, row.count, row.type, &offset, &size, &access), row.found);
+    EXPECT_EQ(offset, row.offset);
+    EXPECT_EQ(size, row.size);
+    EXPECT_EQ(access, row.access);
+  }
+  EXPECT_FALSE(ExternalRegionFind(nullptr, 3, 0x01, nullptr, nullptr, nullptr));
+}
+
+}  // namespace
