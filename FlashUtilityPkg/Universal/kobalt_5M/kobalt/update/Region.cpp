@@ -1,0 +1,344 @@
+// Region selection: which SPI regions the user chose (RegionFlags), where they lie on the flash
+// (the external map of function 17h), whether a region image fits and where it goes, closing the
+// regions that are not chosen, and the ME lock. Marking blocks is the block table's work.
+#include "config/Config.h"
+#include "oblis/Oblis.h"
+#include "output/Output.h"
+#include "update/Update.h"
+
+namespace {
+
+constexpr UINT8 kTypeDescriptor = 0x00;
+constexpr UINT8 kTypeBios = 0x01;
+constexpr UINT8 kTypeMe = 0x02;
+constexpr UINT8 kTypeGbe = 0x03;
+constexpr UINT8 kTypePlatformData = 0x04;
+constexpr UINT8 kTypeIgnitionMe = 0x20;
+constexpr UINT8 kExternalListEnd = 0xFF;
+constexpr UINT32 kSlotCount = 6;
+constexpr UINT32 kSlotBytes = 9;
+constexpr UINT32 kSlotBlockBytes = kSlotCount * kSlotBytes;
+constexpr UINT8 kFlagClosed = 1;
+
+// The slot order of the fixed block.
+constexpr UINT8 kSlotTypes[kSlotCount] = {kTypeDescriptor, kTypeBios, kTypeMe, kTypeGbe, kTypePlatformData,
+                                          kTypeIgnitionMe};
+
+// The order in which the size check and the closing walk the regions.
+struct RegionBit {
+  UINT8 bit;
+  UINT8 type;
+};
+constexpr RegionBit kCheckOrder[] = {{kRegionDescriptor, kTypeDescriptor},
+                                     {kRegionBios, kTypeBios},
+                                     {kRegionMe, kTypeMe},
+                                     {kRegionGbe, kTypeGbe},
+                                     {kRegionPlatformData, kTypePlatformData}};
+// The order in which a region image finds its place.
+constexpr RegionBit kPlaceOrder[] = {{kRegionDescriptor, kTypeDescriptor},
+                                     {kRegionGbe, kTypeGbe},
+                                     {kRegionBios, kTypeBios},
+                                     {kRegionMe, kTypeMe},
+                                     {kRegionPlatformData, kTypePlatformData}};
+
+constexpr CHAR16 kTraceSetStatus[] =
+    u" SetStatus_region()\r\n----+--------\r\n %d   BIOS\r\n %d   GbE\r\n %d   ME\r\n %d   DESC\r\n %d   PlatformData\r\n";
+constexpr CHAR16 kTraceCurrent[] = u"(Current)\r\n";
+constexpr CHAR16 kTraceNew[] = u"(New)\r\n";
+constexpr CHAR16 kTraceCheckSize[] = u"|check| Region FD size(0x%x)\r\n";
+constexpr CHAR16 kWarningSizeMismatch[] = u"Warning:\r\nthe new region %s (%8xh) not match with current (%8xh)\r\n\r\n";
+constexpr CHAR16 kWarningOutsideRom[] =
+    u"Warning:\r\nthe current region %s (offset %8xh, size %8xh) lies outside the ROM (%8xh)\r\n\r\n";
+constexpr CHAR16 kTraceSizeMatch[] = u"region size |match| %s\r\n";
+constexpr CHAR16 kTraceDescPlace[] = u" Desc Region: Offset (0x%x) Size (0x%x)\r\n";
+constexpr CHAR16 kTraceGbePlace[] = u" GbE Region: Offset (0x%x) Size (0x%x)\r\n";
+constexpr CHAR16 kTraceBiosPlace[] = u" BIOS Region: Offset (0x%x) Size (0x%x)\r\n";
+constexpr CHAR16 kTraceMePlace[] = u" ME Region: Offset (0x%x) Size (0x%x)\r\n";
+constexpr CHAR16 kTracePlaceRefused[] = u"Region image not placed: 0x%x bytes at 0x%x pass the ROM end\r\n";
+constexpr CHAR16 kTraceSetRsvd17h[] = u"Set Rsvd 17h |enable| (0x%x)\r\n";
+constexpr CHAR16 kTraceMeLocked[] = u"ME |LOCKED|\r\n";
+constexpr CHAR16 kGetExternalMaps[] = u"GetExternalMaps";
+constexpr CHAR16 kReasonAllocate[] = u"Allocate memory failed";
+constexpr CHAR16 kReasonOblis17h[] = u"OBLIS 17h failed";
+
+struct ExternalList {
+  const OblisExternalRecord* records;  // into the kept answer
+  UINT32 count;
+  UINT8 slots[kSlotBlockBytes];
+};
+
+struct RegionState {
+  UINT8 flags;
+  Bool meLocked;
+  Bool skipMeRegion;
+  UINT8* answer;  // the 17h answer the lists point into, kept for the run
+  ExternalList current;
+  ExternalList next;
+};
+constinit RegionState gRegion = {};
+
+// Counts the records of one list (at most 5, ending at type 0xFF), fills its slots and shows it.
+VOID ReadExternalList(const UINT8* bytes, ExternalList* list) {
+  ZeroMem(list, sizeof(*list));
+  UINT32 count = 0;
+  while (count < kExternalListLimit && bytes[count * sizeof(OblisExternalRecord)] != kExternalListEnd) {
+    ++count;
+  }
+  if (count == 0) {
+    return;
+  }
+  list->records = (const OblisExternalRecord*)bytes;
+  for (UINT32 slot = 0; slot < kSlotCount; ++slot) {
+    UINT32 offset = 0;
+    UINT32 size = 0;
+    UINT8 access = 0;
+    if (ExternalRegionFind(list->records, count, kSlotTypes[slot], &offset, &size, &access)) {
+      UINT8* at = list->slots + slot * kSlotBytes;
+      WriteU32(at, offset);
+      WriteU32(at + 4, size);
+      at[8] = access;
+    }
+  }
+  ShowExternalMapTrace(list->records, count);
+  list->count = count;
+}
+
+// The current list's ME region: type 2, else the Ignition ME of type 0x20.
+Bool FindCurrentMe(UINT8* type, UINT32* offset, UINT32* size) {
+  UINT8 access = 0;
+  if (FindCurrentRegion(kTypeMe, offset, size, &access)) {
+    *type = kTypeMe;
+    return true;
+  }
+  if (FindCurrentRegion(kTypeIgnitionMe, offset, size, &access)) {
+    *type = kTypeIgnitionMe;
+    return true;
+  }
+  return false;
+}
+
+// The last byte of a region; one that would run past 4 GB ends there, so that it closes
+// everything up to the end instead of wrapping round and closing nothing.
+UINT32 RegionLast(UINT32 start, UINT32 size) {
+  UINT32 last = start + size - 1;
+  return last < start ? 0xFFFFFFFFu : last;
+}
+
+}  // namespace
+
+VOID SetStatus_region() {
+  const CommandFlags* flags = Flags();
+  const FlashSettings* settings = Settings();
+  UINT8 region = 0;
+  if (flags->bios || settings->region.bios) {
+    region |= kRegionBios;
+  }
+  if (flags->gbe || settings->region.gbe) {
+    region |= kRegionGbe;
+  }
+  if (flags->me || settings->region.me) {
+    region |= kRegionMe;
+  }
+  if (flags->desc || settings->region.desc) {
+    region |= kRegionDescriptor;
+  }
+  if (flags->pdr || settings->region.platformData) {
+    region |= kRegionPlatformData;
+  }
+  gRegion.flags = region;
+  LogPrint(kLogDetail, kTraceSetStatus, (region & kRegionBios) != 0, (region & kRegionGbe) != 0,
+           (region & kRegionMe) != 0, (region & kRegionDescriptor) != 0, (region & kRegionPlatformData) != 0);
+}
+
+UINT8 GetRegionFlags() { return gRegion.flags; }
+
+VOID ClearMeRegionFlag() { gRegion.flags &= (UINT8)~kRegionMe; }
+
+Bool GetExternalMaps(const UINT8* image, UINT32 length) {
+  TraceEnter(kGetExternalMaps);
+  UINT8* in = (UINT8*)AllocateZeroPool(kExternalMapBytes);
+  UINT8* out = (UINT8*)AllocateZeroPool(kExternalMapBytes);
+  if (in == nullptr || out == nullptr) {
+    FreePoolAndNull(in);
+    FreePoolAndNull(out);
+    TraceLeave(kGetExternalMaps, kReasonAllocate);
+    return false;
+  }
+  // The firmware reads the new image's map from its head; a shorter image leaves zeros behind.
+  if (image != nullptr) {
+    CopyMem(in, image, length < kExternalMapBytes ? length : kExternalMapBytes);
+  }
+  Bool answered = Oblis_17h(in, out);
+  FreePoolAndNull(in);
+  if (!answered) {
+    FreePoolAndNull(out);
+    TraceLeave(kGetExternalMaps, kReasonOblis17h);
+    return false;
+  }
+  // The lists of an earlier answer give way only to a good new one.
+  FreePoolAndNull(gRegion.answer);
+  gRegion.answer = out;
+  LogPrint(kLogDetail, kTraceCurrent);
+  ReadExternalList(out, &gRegion.current);
+  LogPrint(kLogDetail, kTraceNew);
+  ReadExternalList(out + kExternalNewListOffset, &gRegion.next);
+  TraceLeave(kGetExternalMaps, nullptr);
+  return true;
+}
+
+VOID GetCurrentRegionSlots(UINT8* slots) {
+  if (slots != nullptr) {
+    CopyMem(slots, gRegion.current.slots, kSlotBlockBytes);
+  }
+}
+
+VOID GetCurrentExternalList(const OblisExternalRecord** list, UINT32* count) {
+  if (list != nullptr) {
+    *list = gRegion.current.records;
+  }
+  if (count != nullptr) {
+    *count = gRegion.current.count;
+  }
+}
+
+// The out-record is written only when the region is there.
+Bool FindCurrentRegion(UINT8 type, UINT32* offset, UINT32* size, UINT8* access) {
+  UINT32 foundOffset = 0;
+  UINT32 foundSize = 0;
+  UINT8 foundAccess = 0;
+  if (gRegion.current.records == nullptr ||
+      !ExternalRegionFind(gRegion.current.records, gRegion.current.count, type, &foundOffset, &foundSize,
+                          &foundAccess)) {
+    return false;
+  }
+  if (offset != nullptr) {
+    *offset = foundOffset;
+  }
+  if (size != nullptr) {
+    *size = foundSize;
+  }
+  if (access != nullptr) {
+    *access = foundAccess;
+  }
+  return true;
+}
+
+// size is the image without its EC part. Every selected region but ME must have exactly that
+// size; an ME file may be smaller than a region of type 2. An Ignition ME region (type 0x20, on
+// platforms without type 2) must be matched exactly: the rest of a shorter file's region would
+// be written with zeros, and nothing says such a region tolerates that. A selected region must
+// also lie inside the ROM, since the image is laid into a buffer of the ROM's size.
+Bool CheckRegionSize(UINT32 size) {
+  UINT8 flags = gRegion.flags;
+  LogPrint(kLogDetail, kTraceCheckSize, flags);
+  UINT32 romSize = GetRomSize();
+  for (const RegionBit& region : kCheckOrder) {
+    if ((flags & region.bit) == 0) {
+      continue;
+    }
+    UINT8 type = region.type;
+    UINT32 offset = 0;
+    UINT32 regionSize = 0;
+    UINT8 access = 0;
+    Bool present = region.bit == kRegionMe ? FindCurrentMe(&type, &offset, &regionSize)
+                                           : FindCurrentRegion(type, &offset, &regionSize, &access);
+    if (!present) {
+      offset = 0;
+      regionSize = 0;
+    }
+    // A missing region counts as size 0, and an empty file is no region image at all.
+    Bool fits = region.bit == kRegionMe && type == kTypeMe ? size <= regionSize : size == regionSize;
+    if (!fits || size == 0) {
+      Print(kWarningSizeMismatch, ExternalRegionName(type), size, regionSize);
+      return false;
+    }
+    if (offset > romSize || regionSize > romSize - offset) {
+      Print(kWarningOutsideRom, ExternalRegionName(type), offset, regionSize, romSize);
+      return false;
+    }
+    LogPrint(kLogDetail, kTraceSizeMatch, ExternalRegionName(type));
+  }
+  return true;
+}
+
+// Only the first selected region in this order takes the data, also when more bits are set.
+VOID PlaceRegionImage(UINT8* buffer, const UINT8* image, UINT32 size) {
+  if (buffer == nullptr || image == nullptr) {
+    return;
+  }
+  for (const RegionBit& region : kPlaceOrder) {
+    if ((gRegion.flags & region.bit) == 0) {
+      continue;
+    }
+    UINT8 type = region.type;
+    UINT32 offset = 0;
+    UINT32 regionSize = 0;
+    UINT8 access = 0;
+    Bool present = region.bit == kRegionMe ? FindCurrentMe(&type, &offset, &regionSize)
+                                           : FindCurrentRegion(type, &offset, &regionSize, &access);
+    if (!present) {
+      return;
+    }
+    switch (region.bit) {
+      case kRegionDescriptor:
+        LogPrint(kLogDetail, kTraceDescPlace, offset, regionSize);
+        break;
+      case kRegionGbe:
+        LogPrint(kLogDetail, kTraceGbePlace, offset, regionSize);
+        break;
+      case kRegionBios:
+        LogPrint(kLogDetail, kTraceBiosPlace, offset, regionSize);
+        break;
+      case kRegionMe:
+        LogPrint(kLogDetail, kTraceMePlace, offset, regionSize);
+        break;
+      default:
+        break;
+    }
+    // The update buffer holds the ROM's size; the size check has refused such a region already.
+    UINT32 romSize = GetRomSize();
+    if (offset > romSize || size > romSize - offset) {
+      LogPrint(kLogDetail, kTracePlaceRefused, size, offset);
+      return;
+    }
+    CopyMem(buffer + offset, image, size);
+    return;
+  }
+}
+
+// Closes every region that is not selected, and ME also when the update decided to leave it.
+VOID SetRsvd_17h() {
+  UINT8 flags = gRegion.flags;
+  LogPrint(kLogDetail, kTraceSetRsvd17h, flags);
+  UINT32 romBase = GetRomBase();
+  for (const RegionBit& region : kCheckOrder) {
+    Bool close = (flags & region.bit) == 0 || (region.bit == kRegionMe && gRegion.skipMeRegion);
+    if (!close) {
+      continue;
+    }
+    UINT8 type = region.type;
+    UINT32 offset = 0;
+    UINT32 size = 0;
+    UINT8 access = 0;
+    Bool present = region.bit == kRegionMe ? FindCurrentMe(&type, &offset, &size)
+                                           : FindCurrentRegion(type, &offset, &size, &access);
+    if (!present || size == 0) {
+      continue;
+    }
+    UINT32 start = romBase + offset;
+    MarkBlocks(start, RegionLast(start, size), kFlagClosed);
+  }
+}
+
+Bool IsMeLocked() { return gRegion.meLocked; }
+
+VOID SetMeLocked() {
+  if (!gRegion.meLocked) {
+    LogPrint(kLogDetail, kTraceMeLocked);
+  }
+  gRegion.meLocked = true;
+}
+
+VOID SetSkipMeRegion() { gRegion.skipMeRegion = true; }
+
+Bool IsSkipMeRegion() { return gRegion.skipMeRegion; }
