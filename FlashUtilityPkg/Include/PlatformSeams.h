@@ -18,6 +18,9 @@ VOID IoWrite8(UINT16 port, UINT8 value);
 // Copies length bytes of physical memory; false if the range cannot be read.
 Bool ReadPhysicalMemory(UINT32 address, VOID* buffer, UINT32 length);
 
+// The processor's time-stamp counter; the progress display measures the write with it.
+UINT64 ReadTimeStampCounter();
+
 // The 32-bit physical address of memory the driver hands to the firmware. On the firmware
 // memory is identity mapped; the host build refuses a pointer that does not fit 32 bits.
 UINT32 PhysicalAddressOf(const VOID* pointer);

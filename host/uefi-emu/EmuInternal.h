@@ -108,6 +108,10 @@ struct State {
   EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL pciRootBridge{};
   EFI_HANDLE pciRootBridgeHandle = nullptr;
 
+  // CPU architecture protocol, for its timer
+  EFI_CPU_ARCH_PROTOCOL cpuArch{};
+  EFI_HANDLE cpuArchHandle = nullptr;
+
   // reset
   std::vector<EFI_RESET_TYPE> resets;
   std::function<void(EFI_RESET_TYPE)> resetHandler;
@@ -137,5 +141,8 @@ void CreateVolumes(State& state);
 void ReleaseFiles();
 void InstallVariableServices(State& state);
 void InstallPciRootBridge(State& state);
+void InstallCpuArch(State& state);
+// The time-stamp counter: ticks of the emulated clock, 0 with no environment.
+uint64_t TimeStampTicks();
 
 }  // namespace emu::detail

@@ -202,6 +202,7 @@ Environment::Environment(const Options& options) {
   CreateVolumes(s);
   InstallConsole(s);
   InstallPciRootBridge(s);
+  InstallCpuArch(s);
 }
 
 Environment::~Environment() {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "PlatformSeams.h"
+#include "EmuInternal.h"
 #include "UefiEmu.h"
 
 namespace {
@@ -52,6 +53,9 @@ Bool ReadPhysicalMemory(UINT32 address, VOID* buffer, UINT32 length) {
   if (!gBackend.readPhysical) NoBackend("ReadPhysicalMemory");
   return gBackend.readPhysical(address, buffer, length);
 }
+
+// The counter runs on the emulated clock, so the elapsed time of a run is the same every time.
+UINT64 ReadTimeStampCounter() { return emu::detail::TimeStampTicks(); }
 
 // Memory that crosses the SMI interface must lie below 4 GB; on the host that holds for what
 // the emulated pool hands out and for the program's static data (linked without PIE).

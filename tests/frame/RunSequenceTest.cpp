@@ -140,14 +140,13 @@ TEST(RunSequence, FailingHookPointDoesNotStopTheSetUp) {
   EXPECT_TRUE(Initialize());
 }
 
-TEST(RunSequence, ShellMainStopsAfterSetUpWithoutClaimingAnUpdate) {
+TEST(RunSequence, ShellMainWithoutAnImageFileStopsBeforeAnyUpdate) {
   FrameHarness harness(WithMachine(sim::DefaultMachine()));
   harness.StartDriver();
   harness.SetArguments({u"ZAPROM.efi", u"-dbg"});
   EXPECT_FALSE(ShellFlashMain());
   EXPECT_EQ(GetRunMode(), 0);
-  EXPECT_NE(harness.Console().find("\r\nThis build ends after the set-up: the update steps are not built yet.\r\n"),
-            std::string::npos)
+  EXPECT_NE(harness.Console().find("\r\n    Error:\r\n    the FD file not found. ()\r\n\r\n"), std::string::npos)
       << harness.Console();
   std::string log = harness.Log();
   // The main's own opening line comes before -dbg is seen, so the log starts at row 7.
@@ -155,7 +154,7 @@ TEST(RunSequence, ShellMainStopsAfterSetUpWithoutClaimingAnUpdate) {
   size_t at = FindAfter(log, "===> InitialIniStructure [", 0);
   at = FindAfter(log, "===> Initialize [", at);
   at = FindAfter(log, "<=== CallingNecessarySmi\r\n", at);
-  at = FindAfter(log, "<=== ShellFlashMain (Update steps not built)\r\n", at);
+  at = FindAfter(log, "<=== ShellFlashMain (BIOS update failed)\r\n", at);
   EXPECT_NE(at, std::string::npos) << log;
   EXPECT_EQ(harness.Simulator().CallLog().back(), 0x13);
   // No finish report was sent and nothing was written to the flash.

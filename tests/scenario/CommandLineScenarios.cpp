@@ -46,8 +46,9 @@ TEST(CommandLineScenarios, OptionsDecideWhereTheRunEnds) {
        {kShortBanner, kUsageLine, "-H                This flash utility help."}, {kLongBanner},
        "<=== ShellFlashMain (Query command)"},
       {"-g and -pq: the query order differs from the test", "", {"-g", "-pq", "-dbg"}, "", 0, Concat(kSetUp, kEnd),
-       {kShortBanner, "The query -pq is not built yet"}, {"The query -g "}, "<=== ShellFlashMain (Query command)"},
-            // The command line comes before the SMI port is known, so not even the final report goes out.
+       {kShortBanner, "                Protection Region MAP\r\n"}, {"Read current ROM start!"},
+       "<=== ShellFlashMain (Query command)"},
+      // The command line is judged before the SMI port is known, so not even the final report goes out.
       {"invalid option after the long banner", "", {"BIOS.fd", "-xyz", "-dbg"}, "", 1, {},
        {kLongBanner, "Error command: -xyz (Invalid command)\r\n"}, {kUsageLine},
        "<=== ShellFlashMain (Argument check failed)"},
@@ -55,7 +56,8 @@ TEST(CommandLineScenarios, OptionsDecideWhereTheRunEnds) {
        {kShortBanner, "Warning!\r\nThe command /ecbp and /eob mutually exclusive\r\n\r\n"}, {},
        "<=== ShellFlashMain (Command failed)"},
       {"-eob with -ecb and -g is a query", "", {"-eob", "-ecb", "-g", "-dbg"}, "", 0, Concat(kSetUp, kEnd),
-       {kShortBanner, "The query -g is not built yet"}, {"mutually exclusive"}, "<=== ShellFlashMain (Query command)"},
+       {kShortBanner, "\r\nError: No file name input!\r\n"}, {"mutually exclusive", "Read current ROM start!"},
+       "<=== ShellFlashMain (Query command)"},
       {"-alp without the firmware's leave", "", {"BIOS.fd", "-alp", "-dbg"}, "", 1, Concat(kSetUp, kEnd),
        {kLongBanner, "Error command: -alp (Invalid command)\r\n"}, {}, "<=== ShellFlashMain (Not support alp command)"},
       {"filter forbids -bios", R"({"status": {"filter": [255, 255, 254, 255, 255, 255, 255, 255]}})",

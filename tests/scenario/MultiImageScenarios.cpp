@@ -24,11 +24,11 @@ struct Row {
 TEST(MultiImageScenarios, TheFirstRuleThatHoldsOnThisMachineNamesTheImage) {
   const std::vector<Row> rows = {
       {"second rule holds", "FD#01=IO,C0,FF,07,board7.fd\r\nFD#02=PCI,0,1F,0,0,FFFFFFFF,A3C88086,lpc.fd\r\n", true,
-       {"This build ends after the set-up"},
+       {"Error: Get image platform info failed.\r\n"},
        {"formal ref. configure | ext|\r\n", "formal ref. configure | FD|\r\n", "Legacy |FD| 0x10\r\n"}, {}},
       {"an earlier rule wins over a later one",
        "FD#03=PCI,0,1F,0,0,FFFFFFFF,A3C88086,other.fd\r\nFD#02=IO,C0,FF,02,lpc.fd\r\n", true,
-       {"This build ends after the set-up"}, {"formal ref. configure | FD|\r\n", "Legacy |FD| 0x10\r\n"}, {}},
+       {"Error: Get image platform info failed.\r\n"}, {"formal ref. configure | FD|\r\n", "Legacy |FD| 0x10\r\n"}, {}},
       {"no rule holds", "FD#01=IO,C0,FF,07,board7.fd\r\nFD#02=PCI,0,1F,0,0,FFFF,1234,lpc.fd\r\n", true,
        {"Dovrin ZAPROM (Flash Firmware Tool) Version 1.3k.00", "No match file in Multi-FD.\r\n"},
        {"<=== ShellFlashMain (failed)"}, {"formal ref. configure | FD|"}},

@@ -48,9 +48,9 @@ TEST(SetUpScenarios, FirmwareAnswersDecideHowFarTheSetUpGoes) {
   const Order kEnd = {"1Fh", "16h"};
   const std::vector<Row> rows = {
       {"default machine", "", {"-dbg"}, Concat(kSetUpOrder, kEnd),
-       {"This build ends after the set-up"},
+       {"\r\n    Error:\r\n    the FD file not found. ()\r\n\r\n"},
        {"===> Initialize", "<=== Initialize", "===> CallingNecessarySmi",
-        "<=== ShellFlashMain (Update steps not built)"}},
+        "<=== ShellFlashMain (BIOS update failed)"}},
       {"permission refused", R"({"status": {"permission": 0}})", {"-dbg"}, Concat({"10h"}, kEnd),
        {"\r\nError: Update failed!\r\nCurrent system cannot support this version of flash utility.\r\n",
         "\r\nError: Initialize\r\nOBLIS 10h failed.\r\n"},
@@ -65,7 +65,7 @@ TEST(SetUpScenarios, FirmwareAnswersDecideHowFarTheSetUpGoes) {
        {"Call OBLIS failed. Error Code: 0x24, Retry Count: 01", "Call OBLIS failed. Error Code: 0x24, Retry Count: 02",
         "Call OBLIS success"}},
       {"whole map fails without stopping", R"({"faults": {"1Eh": {"code": "0x22"}}})", {"-dbg"},
-       Concat(kSetUpOrder, kEnd), {"This build ends after the set-up"}, {"(OBLIS fail)"}},
+       Concat(kSetUpOrder, kEnd), {"\r\n    Error:\r\n    the FD file not found. ()\r\n\r\n"}, {"(OBLIS fail)"}},
       {"11h fails", R"({"faults": {"11h": {"code": "0x20"}}})", {}, Concat({"10h", "1Fh", "11h"}, kEnd),
        {"Error: OBLIS 11h failed.\r\nInternal Error 20\r\n", "FBTS: Permission is denied by user.",
         "\r\nError: Initialize\r\nOblis 11h failed.\r\n"},

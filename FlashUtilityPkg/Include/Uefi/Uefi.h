@@ -295,6 +295,23 @@ struct EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL {
   // Members behind Pci are not used.
 };
 
+// ---- CPU architecture protocol (only the timer is used) ----
+struct EFI_CPU_ARCH_PROTOCOL;
+struct EFI_CPU_ARCH_PROTOCOL {
+  VOID* FlushDataCache;
+  VOID* EnableInterrupt;
+  VOID* DisableInterrupt;
+  VOID* GetInterruptState;
+  VOID* Init;
+  VOID* RegisterInterruptHandler;
+  // TimerPeriod, if given, receives the length of one tick in femtoseconds.
+  EFI_STATUS(EFIAPI* GetTimerValue)(EFI_CPU_ARCH_PROTOCOL* This, UINT32 TimerIndex, UINT64* TimerValue,
+                                    UINT64* TimerPeriod);
+  VOID* SetMemoryAttributes;
+  UINT32 NumberOfTimers;
+  UINT32 DmaBufferAlignment;
+};
+
 // ---- boot services ----
 struct EFI_BOOT_SERVICES {
   EFI_TABLE_HEADER Hdr;
@@ -406,6 +423,7 @@ constexpr EFI_GUID kGlobalVariableGuid = {0x8BE4DF61, 0x93CA, 0x11D2, {0xAA, 0x0
 constexpr EFI_GUID kShellParametersProtocolGuid = {0x752F3136, 0x4E16, 0x4FDC, {0xA2, 0x2A, 0xE5, 0xF4, 0x68, 0x12, 0xF4, 0xCA}};
 constexpr EFI_GUID kShellProtocolGuid = {0x6302D008, 0x7F9B, 0x4F30, {0x87, 0xAC, 0x60, 0xC9, 0xFE, 0xF5, 0xDA, 0x4E}};
 constexpr EFI_GUID kPciRootBridgeIoProtocolGuid = {0x2F707EBB, 0x4A1A, 0x11D4, {0x9A, 0x38, 0x00, 0x90, 0x27, 0x3F, 0xC1, 0x4D}};
+constexpr EFI_GUID kCpuArchProtocolGuid = {0x26BACCB1, 0x6F42, 0x11D4, {0xBC, 0xE7, 0x00, 0x80, 0xC7, 0x3C, 0x88, 0x81}};
 
 // Scan codes of EFI_INPUT_KEY that the tool or its tests name.
 constexpr UINT16 kScanNull = 0x00;

@@ -7,6 +7,7 @@
 #include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
+#include "update/Update.h"
 
 namespace {
 
@@ -52,12 +53,23 @@ constexpr CHAR16 kReasonCommandFailed[] = u"Command failed";
 constexpr CHAR16 kReasonNoAlp[] = u"Not support alp command";
 constexpr CHAR16 kReasonConfiguration[] = u"failed";
 constexpr CHAR16 kReasonShowHelp[] = u"Show help";
+constexpr CHAR16 kReasonBiosUpdate[] = u"BIOS update failed";
+constexpr CHAR16 kFuncUpdate[] = u"FuncUpdate";
+constexpr CHAR16 kUpdateCompleted[] = u"\r\n                           Update Progress: Completed\r\n";
+constexpr CHAR16 kErrorFdNotFound[] = u"\r\n    Error:\r\n    the FD file not found. (%s)\r\n\r\n";
+constexpr CHAR16 kErrorImagePlatformInfo[] = u"Error: Get image platform info failed.\r\n";
+constexpr CHAR16 kConfirmFlash[] = u"\r\n                Dangerous! Do you want to flash BIOS? (Y/N)\r\n";
+constexpr CHAR16 kExitByUser[] = u"\r\n                Exit by user.\r\n";
+// Roads of FuncUpdate that this build does not have: the run refuses before anything is written
+// rather than sending such an image down the block writer.
+constexpr CHAR16 kRoadNotBuilt[] = u"\r\nError: %s is not supported by this build. Nothing was written.\r\n";
+constexpr CHAR16 kRoadSecureImage[] = u"The update of a secure image (secure capsule, OEM or PFAT road)";
+constexpr CHAR16 kRoadEcOnly[] = u"The EC-only update (-ec, -ecp)";
+constexpr CHAR16 kRoadDirectWrite[] = u"The direct file write (-e:)";
 
 constexpr CHAR16 kWarningEobWithEcb[] = u"Warning!\r\nThe command /ecbp and /eob mutually exclusive\r\n\r\n";
 constexpr CHAR16 kErrorInvalidCommand[] = u"Error command: %s (Invalid command)\n";
 constexpr CHAR16 kAlpOption[] = u"-alp";
-// The queries other than help come with the map, ROM read, package and extra-data steps.
-constexpr CHAR16 kQueryNotBuilt[] = u"\r\nThe query %s is not built yet; nothing was read or written.\r\n";
 
 constinit UINT8 runMode = 0;
 constinit UINT8* imageWorkBuffer = nullptr;
@@ -105,27 +117,84 @@ Bool IsQueryCommand() {
          flags->pi;
 }
 
-// A query ends the run as finished whatever it does; it never changes the flash.
-VOID RunQueryCommand(const CHAR16* imageName) {
-  (void)imageName;
-  const CommandFlags* flags = Flags();
-  if (flags->help) {
-    DisplayUsage();
-  } else if (flags->pq) {
-    Print(kQueryNotBuilt, u"-pq");
-  } else if (flags->priv) {
-    Print(kQueryNotBuilt, u"-priv");
-  } else if (flags->pr) {
-    Print(kQueryNotBuilt, u"-pr");
-  } else if (flags->g) {
-    Print(kQueryNotBuilt, u"-g");
-  } else if (flags->extrFD) {
-    Print(kQueryNotBuilt, u"-extrFD");
-  } else if (flags->edtCount != 0) {
-    Print(kQueryNotBuilt, u"-edt");
-  } else if (flags->pi) {
-    Print(kQueryNotBuilt, u"-pi");
+// -u: the user has the last word before the first block is written.
+Bool ConfirmFlash() {
+  Print(kConfirmFlash);
+  CHAR16 key = WaitKey();
+  if (key == u'Y' || key == u'y') {
+    return true;
   }
+  Print(kExitByUser);
+  return false;
+}
+
+Bool RefuseRoad(const CHAR16* road) {
+  Print(kRoadNotBuilt, road);
+  TraceLeave(kFuncUpdate, road);
+  return false;
+}
+
+// The update of the image named on the command line: read it, learn what it is, and send it down
+// the road that fits. The image buffer stays with the road to the end of the run.
+Bool FuncUpdate(const CHAR16* imageName) {
+  TraceEnter(kFuncUpdate);
+  // Step 1: package mode does not exist yet, so the image is always the named file. An empty
+  // name names no file (the file layer would open the directory itself).
+  UINT8* image = nullptr;
+  UINT32 size = 0;
+  if (imageName[0] == 0 || !ReadFile(imageName, &image, &size)) {
+    PrintBanner(false);
+    Print(kErrorFdNotFound, imageName);
+    TraceLeave(kFuncUpdate, nullptr);
+    return false;
+  }
+  // Step 2.
+  SetStatus_region();
+  // Step 3.
+  ShowAcWarning(Settings()->acAdapter.launcherAcWarning);
+  PrintBanner(true);
+  // Step 4, the EC-only road, is not built: an EC file must never go down the BIOS road.
+  if (Flags()->ec || Flags()->ecp) {
+    return RefuseRoad(kRoadEcOnly);
+  }
+  // Steps 5 to 7 (SetViaEsp, the secure platform and OEM secure probes) come with the secure
+  // roads.
+  // Step 8: the analysis is kept for the choice of road.
+  AnalyzeImage(image, size);
+  // Step 9, CheckImageKind, is not built: a legacy platform takes a legacy image, and a secure
+  // image is refused at the choice of road below.
+  // Steps 10 and 11 (PFAT and RBU analysis) come with those roads.
+  // Step 12, the direct write of -e:, is not built.
+  if (Flags()->e) {
+    return RefuseRoad(kRoadDirectWrite);
+  }
+  // Step 13.
+  if (!ReadImageBvdtInfo(image, size)) {
+    Print(kErrorImagePlatformInfo);
+    FreePoolAndNull(image);
+    TraceLeave(kFuncUpdate, nullptr);
+    return false;
+  }
+  // Steps 14 and 15 (ShowImageVersionInfo and Func_PlatformCheck) belong to the checks and are
+  // not built yet.
+  // Step 16.
+  if (Flags()->u && !ConfirmFlash()) {
+    TraceLeave(kFuncUpdate, nullptr);
+    return false;
+  }
+  // Step 17.
+  if (!SMI_OemOdmCustom2(1, 0)) {
+    TraceLeave(kFuncUpdate, nullptr);
+    return false;
+  }
+  // Step 18: the secure image test comes first. The RBU and PFAT rows come with their roads.
+  UINT32 secureSize = 0;
+  if (IsSecureImage(&secureSize)) {
+    return RefuseRoad(kRoadSecureImage);
+  }
+  Bool updated = FuncUpdate_via15h(image, size);
+  TraceLeave(kFuncUpdate, nullptr);
+  return updated;
 }
 
 }  // namespace
@@ -272,8 +341,19 @@ Bool EFIAPI ShellFlashMain() {
     TraceLeave(kShellFlashMain, kReasonShowHelp);
     return true;
   }
-  // Rows 17 to 25 (OEM parameters, CommonFlash, power, the update roads) are not built yet.
-  return EndBeforeUpdateSteps(kShellFlashMain);
+  // Rows 17 to 19 (SendOemParameters, the CommonFlash exchange and gate, CheckPowerStatus)
+  // belong to the checks and are not built yet.
+  // Row 20.
+  if (!FuncUpdate(run.imageName)) {
+    return StopMain(kShellFlashMain, kReasonBiosUpdate);
+  }
+  // Row 21, UpdateEcAfterBios, comes with the EC update; until then a merged file's EC part is
+  // refused before the BIOS write. Row 22, the auto wake-up, comes with its check.
+  // Rows 23 to 25: this main pauses first and prints the completion line after.
+  FlashCompletePause();
+  Print(kUpdateCompleted);
+  TraceLeave(kShellFlashMain, nullptr);
+  return true;
 }
 
 Bool EFIAPI UefiFlashMain() {

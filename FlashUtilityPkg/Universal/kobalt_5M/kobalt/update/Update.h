@@ -25,6 +25,8 @@ VOID ClearMeRegionFlag();
 // image may be null (then nothing of an image goes to the firmware); length bounds the copy.
 Bool GetExternalMaps(const UINT8* image, UINT32 length);
 VOID GetCurrentRegionSlots(UINT8* slots);  // 54 bytes
+// The current list of the last GetExternalMaps (null and 0 before), for the -pr display.
+VOID GetCurrentExternalList(const OblisExternalRecord** list, UINT32* count);
 Bool FindCurrentRegion(UINT8 type, UINT32* offset, UINT32* size, UINT8* access);
 Bool CheckRegionSize(UINT32 size);
 VOID PlaceRegionImage(UINT8* buffer, const UINT8* image, UINT32 size);
@@ -47,3 +49,5 @@ UINT16 TakeBlockMark();
 // The EC part in front of a BIOS image: its size check and where it is kept.
 Bool FuncChk_SizeEC(UINT32 ecSize);
 VOID KeepEcImage(const UINT8* data, UINT32 size);
+// The bytes KeepEcImage staged in EcBuffer last; 0 before.
+UINT32 KeptEcSize();

@@ -88,4 +88,11 @@ Bool ReadPhysicalMemory(UINT32 address, VOID* buffer, UINT32 length) {
   return true;
 }
 
+UINT64 ReadTimeStampCounter() {
+  UINT32 low;
+  UINT32 high;
+  asm volatile("rdtsc" : "=a"(low), "=d"(high));
+  return ((UINT64)high << 32) | low;
+}
+
 UINT32 PhysicalAddressOf(const VOID* pointer) { return (UINT32)(UINTN)pointer; }

@@ -1,0 +1,434 @@
+// The block writer: lays an image into an update buffer that mirrors the ROM, and writes it block
+// by block through function 15h with compare, write and verify, the BVDT block last. Which
+// blocks are open is the block table's business, which regions are selected region selection's.
+#include "config/Config.h"
+#include "frame/Frame.h"
+#include "image/Image.h"
+#include "oblis/Oblis.h"
+#include "output/Output.h"
+#include "update/Update.h"
+
+namespace {
+
+constexpr UINT32 kUpdateBufferSlack = 0x1000;
+constexpr UINT32 kHeldBackBytes = 0x1000;  // one byte a block, as many as the block table holds
+constexpr UINT8 kHeldBackNo = 1;
+constexpr UINT8 kHeldBackYes = 0;
+constexpr UINT32 kHookPointStartWriteRom = 3;
+constexpr UINT8 kExternalBios = 1;
+constexpr UINT8 kExternalMe = 2;
+constexpr UINT32 kMeProbeWarningStall = 100000;   // 100 ms
+constexpr UINT32 kLauncherResultStall = 2000000;  // 2 s
+constexpr UINT8 kOdmActionStart = 1;
+constexpr UINT8 kOdmActionEnd = 2;
+constexpr UINT8 kOdmStatusGood = 1;
+constexpr UINT8 kOdmStatusBad = 2;
+constexpr UINT8 kFinishUnchanged = 0xEF;
+constexpr UINT8 kFinishCompleteSuccess = 1;
+
+constexpr UINT16 kMarkCompared = 'S';
+constexpr UINT16 kMarkWritten = 'W';
+constexpr UINT16 kMarkVerified = 'V';
+constexpr UINT16 kMarkProtected = '.';
+constexpr UINT16 kMarkHeldBack = 'X';
+
+constexpr CHAR16 kFuncUpdateVia15h[] = u"FuncUpdate_via15h";
+constexpr CHAR16 kEfiUpdateVia15h[] = u"EfiUpdate_via15h";
+constexpr CHAR16 kWriteBlocks[] = u"WriteBlocks";
+constexpr CHAR16 kSmiWriteRom[] = u"SMI_WriteRom";
+
+constexpr CHAR16 kErrorAllocateUpdate[] = u"ERROR!\r\nallocate memory for updating failed. (0x%x)\r\n";
+constexpr CHAR16 kErrorSizeNotMatch[] =
+    u"ERROR!\r\nSize not match!\r\n-----+---------\r\n  ROM  0x%x\r\n File  0x%x\r\n";
+constexpr CHAR16 kTraceImageSize[] = u" Image Size 0x%x\r\n";
+constexpr CHAR16 kTraceEfiUpdate[] = u" Efi update via15h\r\n-----+------------\r\n   FD  0x%x\r\n";
+constexpr CHAR16 kTraceEntireLegacy[] = u" entire Legacy\r\n-----+------\r\n  13h  0x%x\r\n   FD  0x%x\r\n   EC  %dK";
+constexpr CHAR16 kTraceRegionLegacy[] = u" region Legacy\r\n-----+------\r\n  17h  0x%x\r\n   FD  0x%x\r\n   EC  %dK";
+constexpr CHAR16 kErrorBlocksPastRom[] = u"ERROR!\r\nThe flash blocks reach past the ROM size. (0x%x)\r\n";
+constexpr CHAR16 kLabelBlockTable[] = u"===== Rom Block Protect Table =====\r\n";
+constexpr CHAR16 kTraceWriteBvdt[] = u"Write BVDT block 0x%08x size 0x%x\r\n";
+constexpr CHAR16 kTraceVerifyFailed[] = u"Verify failed (%d)\r\n";
+constexpr CHAR16 kTraceCompareFail[] = u"CompareCurrentFD() |fail|\r\n";
+constexpr CHAR16 kTraceMeProbe[] = u"verify status | ME| 0x%x\r\n";
+constexpr CHAR16 kWarningMeLocked[] =
+    u"\r                           *** Warning ***\n\r                           ME locked, skip update region ME\n";
+
+constexpr CHAR16 kReasonAllocate[] = u"Allocate update buffer failed";
+constexpr CHAR16 kReasonExternalMaps[] = u"Get external maps failed";
+constexpr CHAR16 kReasonLayout[] = u"Image layout failed";
+constexpr CHAR16 kReasonOdmStart[] = u"OemOdmCustom2 start failed";
+constexpr CHAR16 kReasonWrite[] = u"Write ROM failed";
+constexpr CHAR16 kReasonBlockTable[] = u"Copy block table failed";
+constexpr CHAR16 kReasonVerify[] = u"Verify failed";
+
+constinit UINT8* updateBuffer = nullptr;
+constinit UINT32 updateBufferBytes = 0;
+constinit UINT16 blockMark = 0;
+constinit UINT8 heldBack[kHeldBackBytes] = {};
+
+// One allocation for the run, whichever entry comes first; a later entry reuses it if it fits.
+Bool TakeUpdateBuffer(UINT32 romSize) {
+  UINT32 wanted = romSize + kUpdateBufferSlack;
+  if (updateBuffer != nullptr && updateBufferBytes >= wanted) {
+    ZeroMem(updateBuffer, updateBufferBytes);
+    return true;
+  }
+  FreePoolAndNull(updateBuffer);
+  updateBufferBytes = 0;
+  updateBuffer = static_cast<UINT8*>(AllocateZeroPool(wanted));
+  if (updateBuffer == nullptr) {
+    return false;
+  }
+  updateBufferBytes = wanted;
+  return true;
+}
+
+Bool CompareEnabled() {
+  return Settings()->others.disableCompare == 0 && !Flags()->dc && !DisableComparison();
+}
+
+// Zero switches the retries off, not the write: a block that differs gets one attempt. Taking
+// zero as "no attempt" would leave every differing block old and still report a good update.
+UINT32 WriteAttempts() {
+  UINT32 attempts = 0;
+  if (Flags()->vrt) {
+    attempts = Flags()->vrtCount;
+  } else if (Settings()->others.verifyErrorRetry > 0) {
+    attempts = (UINT32)Settings()->others.verifyErrorRetry;
+  }
+  return attempts == 0 ? 1 : attempts;
+}
+
+// The blocks must lie within the update buffer's ROM image; a part whose blocks add up to more
+// than the ROM is refused before anything is written.
+Bool BlocksFitRom(const FlashBlock* table, UINT32 count) {
+  UINT64 total = 0;
+  for (UINT32 i = 0; i < count; i++) {
+    total += table[i].size;
+  }
+  return total <= GetRomSize();
+}
+
+// The bar's position for block index of count: integer percent; a single-block flash shows 0
+// while it writes and 100 once the loop is through.
+UINT8 BlockPercent(UINT32 index, UINT32 count) {
+  if (count <= 1) {
+    return 0;
+  }
+  return (UINT8)((index * 100) / (count - 1));
+}
+
+Bool InRange(UINT32 address, UINT32 first, UINT32 last) { return address >= first && address <= last; }
+
+// On the launcher path a locked ME region is found by reading it once: the firmware answers
+// such a read with 0x2A, and the update then leaves the region alone instead of failing in it.
+VOID ProbeMeLock(UINT32 size) {
+  if ((GetRegionFlags() & kRegionMe) == 0 || size != GetRomSize()) {
+    return;
+  }
+  UINT32 offset = 0;
+  UINT32 regionSize = 0;
+  UINT8 access = 0;
+  if (!FindCurrentRegion(kExternalMe, &offset, &regionSize, &access)) {
+    return;
+  }
+  UINT32 address = GetRomBase() + offset;
+  LogPrint(kLogDetail, kTraceMeProbe, address);
+  SMI_ReadRom(address, GetBlockSize(), nullptr);
+  if (IsMeLocked()) {
+    SetSkipMeRegion();
+    Print(kWarningMeLocked);
+    gBS->Stall(kMeProbeWarningStall);
+  }
+}
+
+// Steps 4 and 5 shared by both entries: the region maps when a part of the ROM is chosen, then
+// the image laid into the update buffer.
+Bool LayOutImage(const UINT8* image, UINT32 size, UINT32 romSize, const CHAR16* name, Bool launcher) {
+  if (GetRegionFlags() != 0 || size < romSize) {
+    if (!GetExternalMaps(image, size)) {
+      TraceLeave(name, kReasonExternalMaps);
+      return false;
+    }
+  }
+  if (launcher) {
+    ProbeMeLock(size);
+  }
+  Bool laidOut = size < romSize ? UpdateRegionLegacy(image, size) : UpdateEntireLegacy(image, size);
+  if (!laidOut) {
+    TraceLeave(name, kReasonLayout);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+VOID SetBlockMark(UINT16 mark) { blockMark = mark; }
+
+UINT16 TakeBlockMark() {
+  UINT16 mark = blockMark;
+  blockMark = 0;
+  return mark;
+}
+
+Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
+  UINT32 romSize = GetRomSize();
+  TraceEnter(kFuncUpdateVia15h);
+  if (!TakeUpdateBuffer(romSize)) {
+    Print(kErrorAllocateUpdate, romSize);
+    TraceLeave(kFuncUpdateVia15h, kReasonAllocate);
+    return false;
+  }
+  LogPrint(kLogSettings, kTraceImageSize, size);
+  if (!LayOutImage(image, size, romSize, kFuncUpdateVia15h, false)) {
+    return false;
+  }
+  // Not built yet, and left out rather than faked: the verification of the update buffer by
+  // function 1Bh when PlatformNameCheckNeeded says no, and the OEM ME update (UpdateOemME).
+  // Both come in here, before the first block is written.
+  Bool written = WriteBlocks(updateBuffer);
+  SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
+  if (!written) {
+    TraceLeave(kFuncUpdateVia15h, kReasonWrite);
+    return false;
+  }
+  SetStatus_16h(kFinishUnchanged, kFinishUnchanged, kFinishCompleteSuccess);
+  TraceLeave(kFuncUpdateVia15h, nullptr);
+  return true;
+}
+
+Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
+  UINT32 romSize = GetRomSize();
+  TraceEnter(kEfiUpdateVia15h);
+  if (!TakeUpdateBuffer(romSize)) {
+    Print(kErrorAllocateUpdate, romSize);
+    TraceLeave(kEfiUpdateVia15h, kReasonAllocate);
+    return false;
+  }
+  // The shell path tells the firmware in its own sequence; the launcher path does it here.
+  if (!SMI_OemOdmCustom2(kOdmActionStart, 0)) {
+    TraceLeave(kEfiUpdateVia15h, kReasonOdmStart);
+    return false;
+  }
+  LogPrint(kLogSettings, kTraceEfiUpdate, size);
+  if (!LayOutImage(image, size, romSize, kEfiUpdateVia15h, true)) {
+    return false;
+  }
+  Bool written = WriteBlocks(updateBuffer);
+  SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
+  gBS->Stall(kLauncherResultStall);
+  if (!written) {
+    TraceLeave(kEfiUpdateVia15h, kReasonWrite);
+    return false;
+  }
+  SetStatus_16h(kFinishUnchanged, kFinishUnchanged, kFinishCompleteSuccess);
+  TraceLeave(kEfiUpdateVia15h, nullptr);
+  return true;
+}
+
+Bool UpdateEntireLegacy(const UINT8* image, UINT32 size) {
+  UINT32 romSize = GetRomSize();
+  if (image == nullptr || updateBuffer == nullptr || size < romSize) {
+    return false;
+  }
+  // What stands in front of the last ROM-size bytes is an EC image.
+  UINT32 ecSize = size - romSize;
+  LogPrint(kLogSettings, kTraceEntireLegacy, romSize, size, ecSize / 1024);
+  if (!FuncChk_SizeEC(ecSize)) {
+    return false;
+  }
+  if (ecSize != 0) {
+    KeepEcImage(image, ecSize);
+  }
+  CopyMem(updateBuffer, image + ecSize, romSize);
+  if (GetRegionFlags() != 0) {
+    SetRsvd_17h();
+  }
+  SetRsvd_13h();
+  return true;
+}
+
+Bool UpdateRegionLegacy(const UINT8* image, UINT32 size) {
+  UINT32 romSize = GetRomSize();
+  if (image == nullptr || updateBuffer == nullptr) {
+    return false;
+  }
+  if (GetRegionFlags() == 0) {
+    Print(kErrorSizeNotMatch, romSize, size);
+    return false;
+  }
+  UINT32 biosOffset = 0;
+  UINT32 biosSize = 0;
+  UINT8 access = 0;
+  Bool haveBios = FindCurrentRegion(kExternalBios, &biosOffset, &biosSize, &access);
+  UINT32 ecSize = 0;
+  if ((GetRegionFlags() & kRegionBios) != 0) {
+    // Unsigned on purpose: a file smaller than the BIOS region gives a huge EC size, which the
+    // EC size check refuses.
+    ecSize = size - biosSize;
+  }
+  LogPrint(kLogSettings, kTraceRegionLegacy, biosSize, size, ecSize / 1024);
+  if (!FuncChk_SizeEC(ecSize)) {
+    return false;
+  }
+  if (!CheckRegionSize(size - ecSize)) {
+    return false;
+  }
+  if (ecSize == 0) {
+    PlaceRegionImage(updateBuffer, image, size);
+  } else {
+    UINT32 biosBytes = size - ecSize;
+    // The BIOS part must land inside the ROM; a map that says otherwise writes nothing.
+    if (!haveBios || biosOffset > romSize || biosBytes > romSize - biosOffset) {
+      Print(kErrorSizeNotMatch, romSize, size);
+      return false;
+    }
+    KeepEcImage(image, ecSize);
+    CopyMem(updateBuffer + biosOffset, image + ecSize, biosBytes);
+  }
+  SetRsvd_17h();
+  SetRsvd_13h();
+  return true;
+}
+
+Bool WriteBlocks(UINT8* buffer) {
+  TraceEnter(kWriteBlocks);
+  FlashBlock* table = CopyBlockTable();
+  UINT32 count = GetBlockCount();
+  if (table == nullptr || buffer == nullptr) {
+    FreePoolAndNull(table);
+    TraceLeave(kWriteBlocks, kReasonBlockTable);
+    return false;
+  }
+  if (count > kFlashBlockEntries) {
+    count = kFlashBlockEntries;
+  }
+  if (!BlocksFitRom(table, count)) {
+    Print(kErrorBlocksPastRom, GetRomSize());
+    FreePoolAndNull(table);
+    TraceLeave(kWriteBlocks, kReasonBlockTable);
+    return false;
+  }
+  StartProgressTimer();
+  HexDumpFramed(kLabelBlockTable, table, count * (UINT32)sizeof(FlashBlock));
+  SMI_ApHookPoint(kHookPointStartWriteRom);
+
+  // The block or blocks that hold the BVDT go after all others, so that a stopped update
+  // leaves the old identity in place and the firmware still knows what it runs.
+  SetMem(heldBack, sizeof(heldBack), kHeldBackNo);
+  UINT32 bvdtAddress = 0;
+  UINT32 bvdtSize = 0;
+  Bool bvdtPass = FindBvdtBlock(&bvdtAddress, &bvdtSize) && bvdtSize != 0;
+  UINT32 bvdtLast = bvdtAddress + bvdtSize - 1;
+
+  UINT32 offset = 0;
+  for (UINT32 i = 0; i < count; i++) {
+    const FlashBlock& block = table[i];
+    UINT32 blockOffset = offset;
+    offset += block.size;
+    ShowProgress(BlockPercent(i, count));
+    if (block.protectedFlag != 0) {
+      AddBlockMark(block.address, kMarkProtected);
+      continue;
+    }
+    UINT32 blockLast = block.address + block.size - 1;
+    if (bvdtPass && (InRange(block.address, bvdtAddress, bvdtLast) || InRange(blockLast, bvdtAddress, bvdtLast))) {
+      heldBack[i] = kHeldBackYes;
+      AddBlockMark(block.address, kMarkHeldBack);
+      continue;
+    }
+    if (!SMI_WriteRom(block.address, buffer + blockOffset, block.size)) {
+      FreePoolAndNull(table);
+      TraceLeave(kWriteBlocks, kReasonWrite);
+      return false;
+    }
+    AddBlockMark(block.address, TakeBlockMark());
+  }
+
+  if (bvdtPass) {
+    offset = 0;
+    for (UINT32 i = 0; i < count; i++) {
+      const FlashBlock& block = table[i];
+      UINT32 blockOffset = offset;
+      offset += block.size;
+      if (heldBack[i] == kHeldBackNo) {
+        continue;
+      }
+      LogPrint(kLogDetail, kTraceWriteBvdt, block.address, block.size);
+      if (!SMI_WriteRom(block.address, buffer + blockOffset, block.size)) {
+        FreePoolAndNull(table);
+        TraceLeave(kWriteBlocks, kReasonWrite);
+        return false;
+      }
+    }
+  }
+
+  ShowProgress(100);
+  if (count != 0) {
+    AddBlockMark(table[count - 1].address, kMarkProtected);
+  }
+  FreePoolAndNull(table);
+  TraceLeave(kWriteBlocks, nullptr);
+  return true;
+}
+
+Bool SMI_WriteRom(UINT32 address, const UINT8* data, UINT32 size) {
+  TraceEnter(kSmiWriteRom);
+  Bool verify = Settings()->others.disableVerify == 0;
+  UINT32 attempts = WriteAttempts();
+  if (CompareEnabled() && CompareCurrentFD(address, size, data)) {
+    SetBlockMark(kMarkCompared);
+    TraceLeave(kSmiWriteRom, nullptr);
+    return true;
+  }
+  Bool verifyFailed = false;
+  for (UINT32 attempt = 0; attempt < attempts; attempt++) {
+    UINT8 status = 0;
+    // The channel has already retried a failing call; a refused write is not tried again here.
+    if (!Oblis_15h(data, size, address, &status)) {
+      TraceLeave(kSmiWriteRom, kReasonWrite);
+      return false;
+    }
+    SetBlockMark(kMarkWritten);
+    if (status == kOblisBlockSkipped) {
+      // The firmware skipped this block: there is nothing of ours to read back.
+      verify = false;
+    }
+    if (!verify) {
+      break;
+    }
+    if (CompareCurrentFD(address, size, data)) {
+      SetBlockMark(kMarkVerified);
+      TraceLeave(kSmiWriteRom, nullptr);
+      return true;
+    }
+    verifyFailed = true;
+    LogPrint(kLogDetail, kTraceVerifyFailed, attempt);
+  }
+  if (verifyFailed) {
+    TraceLeave(kSmiWriteRom, kReasonVerify);
+    return false;
+  }
+  TraceLeave(kSmiWriteRom, nullptr);
+  return true;
+}
+
+Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data) {
+  if (data == nullptr) {
+    return false;
+  }
+  UINT8* current = static_cast<UINT8*>(AllocateZeroPool(size));
+  if (current == nullptr) {
+    return false;
+  }
+  // A read into the locked ME region counts as read: the buffer then decides.
+  if (!SMI_ReadRom(address, size, current)) {
+    FreePoolAndNull(current);
+    LogPrint(kLogDetail, kTraceCompareFail);
+    return false;
+  }
+  Bool equal = CompareMem(current, data, size) == 0;
+  FreePoolAndNull(current);
+  return equal;
+}

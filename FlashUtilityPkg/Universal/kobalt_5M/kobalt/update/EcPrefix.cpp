@@ -1,0 +1,65 @@
+// An EC image in front of a BIOS image: the check that a file longer than the ROM is one the
+// options explain, and the copy of the EC part into EcBuffer. Writing the EC, and asking the
+// firmware about its EC part (function 21h), belong to the EC update.
+#include "config/Config.h"
+#include "frame/Frame.h"
+#include "image/Image.h"
+#include "oblis/Oblis.h"
+#include "output/Output.h"
+#include "update/Update.h"
+
+namespace {
+
+constexpr UINT32 kEcBufferBytes = 0x200000;  // the largest EC image there is
+
+constexpr CHAR16 kTraceSizeEc[] =
+    u" FuncChk_SizeEC\r\n-----+---------\r\n   EC  %dK\r\n /ecb  %d\r\n/ecbp  %d\r\n /eob  %d\r\n";
+constexpr CHAR16 kErrorSizeWithEc[] = u"ERROR!\r\nsize not match\r\n-----+---------\r\n  ROM  0x%x\r\n File  with EC (%dK)\r\n";
+// The firmware's word on the EC part comes with the EC update; until then an EC part is refused
+// before anything is written, rather than taken on trust.
+constexpr CHAR16 kErrorEcCheckNotBuilt[] =
+    u"ERROR!\r\nThe file carries an EC image (%dK), and this build cannot check or write an EC.\r\nNothing was written.\r\n";
+
+constinit UINT32 keptEcSize = 0;
+
+}  // namespace
+
+Bool FuncChk_SizeEC(UINT32 ecSize) {
+  const CommandFlags* flags = Flags();
+  Bool ecOption = flags->ecb || flags->ecbp || flags->eob;
+  LogPrint(kLogDetail, kTraceSizeEc, ecSize / 1024, (UINT32)flags->ecb, (UINT32)flags->ecbp, (UINT32)flags->eob);
+  if (ecSize > kEcBufferBytes) {
+    return false;
+  }
+  if (ecSize != 0) {
+    UINT32 secureEcSize = 0;
+    if (!ecOption && !HasSecureEc(&secureEcSize)) {
+      // The file is longer than the flash without an option to explain it.
+      Print(kErrorSizeWithEc, GetRomSize(), ecSize / 1024);
+      return false;
+    }
+    Print(kErrorEcCheckNotBuilt, ecSize / 1024);
+    return false;
+  }
+  if (ecOption) {
+    Print(kErrorSizeWithEc, GetRomSize(), 0u);
+    return false;
+  }
+  return true;
+}
+
+VOID KeepEcImage(const UINT8* data, UINT32 size) {
+  UINT8* ecBuffer = GetEcBuffer();
+  if (data == nullptr || ecBuffer == nullptr) {
+    keptEcSize = 0;
+    return;
+  }
+  if (size > kEcBufferBytes) {
+    size = kEcBufferBytes;
+  }
+  ZeroMem(ecBuffer, kEcBufferBytes);
+  CopyMem(ecBuffer, data, size);
+  keptEcSize = size;
+}
+
+UINT32 KeptEcSize() { return keptEcSize; }
