@@ -117,6 +117,17 @@ Bool FindCurrentMe(UINT8* type, UINT32* offset, UINT32* size) {
   return false;
 }
 
+// Where the current list puts a region of the selection; the ME bit falls back to the Ignition
+// ME. type comes back as the type looked for, or the one found.
+Bool FindSelectedRegion(const RegionBit& region, UINT8* type, UINT32* offset, UINT32* size) {
+  *type = region.type;
+  if (region.bit == kRegionMe) {
+    return FindCurrentMe(type, offset, size);
+  }
+  UINT8 access = 0;
+  return FindCurrentRegion(region.type, offset, size, &access);
+}
+
 // The last byte of a region; one that would run past 4 GB ends there, so that it closes
 // everything up to the end instead of wrapping round and closing nothing.
 UINT32 RegionLast(UINT32 start, UINT32 size) {
@@ -236,12 +247,10 @@ Bool CheckRegionSize(UINT32 size) {
     if ((flags & region.bit) == 0) {
       continue;
     }
-    UINT8 type = region.type;
+    UINT8 type = 0;
     UINT32 offset = 0;
     UINT32 regionSize = 0;
-    UINT8 access = 0;
-    Bool present = region.bit == kRegionMe ? FindCurrentMe(&type, &offset, &regionSize)
-                                           : FindCurrentRegion(type, &offset, &regionSize, &access);
+    Bool present = FindSelectedRegion(region, &type, &offset, &regionSize);
     if (!present) {
       offset = 0;
       regionSize = 0;
@@ -270,12 +279,10 @@ VOID PlaceRegionImage(UINT8* buffer, const UINT8* image, UINT32 size) {
     if ((gRegion.flags & region.bit) == 0) {
       continue;
     }
-    UINT8 type = region.type;
+    UINT8 type = 0;
     UINT32 offset = 0;
     UINT32 regionSize = 0;
-    UINT8 access = 0;
-    Bool present = region.bit == kRegionMe ? FindCurrentMe(&type, &offset, &regionSize)
-                                           : FindCurrentRegion(type, &offset, &regionSize, &access);
+    Bool present = FindSelectedRegion(region, &type, &offset, &regionSize);
     if (!present) {
       return;
     }
@@ -316,12 +323,10 @@ VOID SetRsvd_17h() {
     if (!close) {
       continue;
     }
-    UINT8 type = region.type;
+    UINT8 type = 0;
     UINT32 offset = 0;
     UINT32 size = 0;
-    UINT8 access = 0;
-    Bool present = region.bit == kRegionMe ? FindCurrentMe(&type, &offset, &size)
-                                           : FindCurrentRegion(type, &offset, &size, &access);
+    Bool present = FindSelectedRegion(region, &type, &offset, &size);
     if (!present || size == 0) {
       continue;
     }
