@@ -76,15 +76,6 @@ constexpr OblisErrorText kOblisErrorTexts[] = {
 };
 static_assert(sizeof(kOblisErrorTexts) / sizeof(kOblisErrorTexts[0]) == 15, "15 error texts");
 
-Bool ReadPhysicalU32(UINT32 address, UINT32* value) {
-  UINT8 bytes[4] = {0, 0, 0, 0};
-  if (!ReadPhysicalMemory(address, bytes, sizeof(bytes))) {
-    return false;
-  }
-  *value = ReadU32(bytes);
-  return true;
-}
-
 Bool SameGuid(const EFI_GUID& left, const EFI_GUID& right) {
   return CompareMem(&left, &right, sizeof(EFI_GUID)) == 0;
 }
@@ -171,6 +162,16 @@ UINT16 FormA(const OblisRegisters& frame) { return (UINT16)frame.eax; }
 UINT16 FormC(const OblisRegisters& frame) { return (UINT16)(((frame.ecx & 0xFF) << 8) | (frame.eax & 0xFF)); }
 
 }  // namespace
+
+// A little-endian u32 of physical memory, as the ACPI tables hold their fields.
+Bool ReadPhysicalU32(UINT32 address, UINT32* value) {
+  UINT8 bytes[4] = {0, 0, 0, 0};
+  if (!ReadPhysicalMemory(address, bytes, sizeof(bytes))) {
+    return false;
+  }
+  *value = ReadU32(bytes);
+  return true;
+}
 
 UINT8 GetSmiMainFunctionNumberFromPhysicalMemory() {
   // Composed here so that the whole signature never stands in the driver's constant data.

@@ -11,6 +11,7 @@ Bool InitialSmi();
 Bool FindSMICommandPort();
 UINT8 GetSmiMainFunctionNumberFromPhysicalMemory();
 Bool GetFacpTableAddress(UINT32* address);
+Bool ReadPhysicalU32(UINT32 address, UINT32* value);
 Bool GetOblisBuffer(UINT32 size, UINT8** buffer);
 Bool GetOblisBuffer2(UINT32 size, UINT8** buffer);
 UINT8 OblisAttempts();

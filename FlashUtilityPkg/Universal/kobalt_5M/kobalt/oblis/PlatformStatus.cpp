@@ -126,15 +126,6 @@ VOID KeepFilterRecord(const UINT8* answer) {
   }
 }
 
-Bool ReadPhysicalU32(UINT32 address, UINT32* value) {
-  UINT8 bytes[4] = {0, 0, 0, 0};
-  if (!ReadPhysicalMemory(address, bytes, sizeof(bytes))) {
-    return false;
-  }
-  *value = ReadU32(bytes);
-  return true;
-}
-
 // Copies bytes of the 11h answer into a zeroed 16-bit string field, as the firmware laid them.
 VOID TakeModelString(CHAR16* field, const UINT8* source, UINT32 bytes) {
   UINT8* target = (UINT8*)field;
