@@ -299,6 +299,18 @@ void ReadMe(const json& value, Machine& m) {
   });
 }
 
+void ReadCapsule(const json& value, Machine& m) {
+  ForEachMember(value, "capsule", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name == "secure") m.capsule.secure = ReadBool(v, key);
+    else if (name == "probe_status") m.capsule.probeStatus = ReadU8(v, key);
+    else if (name == "flash_status") m.capsule.flashStatus = ReadU8(v, key);
+    else if (name == "action") m.capsule.action = ReadU8(v, key);
+    else if (name == "extra") m.capsule.extra = v.is_null() ? std::nullopt : std::optional<uint8_t>(ReadU8(v, key));
+    else return false;
+    return true;
+  });
+}
+
 void ReadAcpi(const json& value, Machine& m) {
   ForEachMember(value, "acpi", [&](const std::string& name, const json& v, const std::string& key) {
     if (name == "smi_cmd_port") m.smiCmdPort = ReadU16(v, key);
@@ -334,7 +346,7 @@ void ReadVolumes(const json& value, Machine& m) {
   });
 }
 
-// Ports 0x70 and 0x71 are the CMOS clock's, which the simulator will model itself.
+// Ports 0x70 and 0x71 are the CMOS clock's, which the simulator models itself (key "rtc").
 constexpr uint32_t kCmosIndexPort = 0x70;
 constexpr uint32_t kCmosDataPort = 0x71;
 
@@ -342,6 +354,27 @@ std::string Hex(uint64_t value) {
   char text[24];
   std::snprintf(text, sizeof(text), "0x%llX", static_cast<unsigned long long>(value));
   return text;
+}
+
+// "HH:MM:SS", 24-hour.
+RtcTime ReadTimeOfDay(const json& value, const std::string& key) {
+  const std::string text = value.is_string() ? value.get<std::string>() : std::string();
+  bool shaped = text.size() == 8 && text[2] == ':' && text[5] == ':';
+  for (size_t at : {0, 1, 3, 4, 6, 7}) shaped = shaped && std::isdigit(static_cast<unsigned char>(text[at]));
+  const auto field = [&text](size_t at) { return static_cast<uint8_t>((text[at] - '0') * 10 + (text[at + 1] - '0')); };
+  if (!shaped || field(0) > 23 || field(3) > 59 || field(6) > 59) {
+    Refuse(key, "expected a time of day \"HH:MM:SS\" from 00:00:00 to 23:59:59");
+  }
+  return {field(0), field(3), field(6)};
+}
+
+void ReadRtc(const json& value, Machine& m) {
+  ForEachMember(value, "rtc", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name == "binary") m.rtc.binary = ReadBool(v, key);
+    else if (name == "time") m.rtc.time = ReadTimeOfDay(v, key);
+    else return false;
+    return true;
+  });
 }
 
 void ReadIoPorts(const json& value, Machine& m) {
@@ -453,10 +486,16 @@ void ReadTop(const json& document, Machine& m) {
     } else if (name == "faults") ReadFaults(v, m);
     else if (name == "power_cut_after_writes") m.powerCutAfterWrites = ReadU32(v, key);
     else if (name == "me") ReadMe(v, m);
+    else if (name == "capsule") ReadCapsule(v, m);
+    else if (IsConversationKey(name)) {
+      const std::string problem = ReadConversationKey(name, v, m.conversation);
+      if (!problem.empty()) throw BadValue{problem};
+    }
     else if (name == "acpi") ReadAcpi(v, m);
     else if (name == "oblis") ReadOblis(v, m);
     else if (name == "volumes") ReadVolumes(v, m);
     else if (name == "io_ports") ReadIoPorts(v, m);
+    else if (name == "rtc") ReadRtc(v, m);
     else if (name == "pci") ReadPci(v, m);
     else if (name == "memory") ReadMemory(v, m);
     else return false;

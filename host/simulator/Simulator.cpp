@@ -75,18 +75,23 @@ struct Simulator::State {
   MemoryAccess memory;
   LegacyArea legacy;
   std::map<uint16_t, uint8_t> ports;  // bytes of ports with a value behind them; all others read 0xFF
+  Rtc rtc;                            // ports 0x70 and 0x71
   std::map<uint8_t, uint32_t> faultsFired;
   std::vector<uint8_t> callLog;
   std::optional<std::vector<uint8_t>> lastFinish;
   std::vector<uint32_t> hookPoints;
   std::vector<std::pair<uint8_t, uint8_t>> brackets;  // 1Ah: (action, status)
+  std::vector<CapsuleReceived> capsules;             // 48h requests with an image
   std::function<void()> powerLossHandler;
   std::ostream* trace = nullptr;
   std::optional<FlashAccess> flashAccess;  // set by a function that touches the flash
+  bool capsuleReceived = false;            // set by a 48h that took an image, for its trace line
+  ConversationState conversationState;
+  nlohmann::ordered_json received;  // what 19h, 1Bh, 44h or 45h read, for its trace line
 
   State(Machine m, std::vector<uint8_t> content, MemoryAccess access)
       : machine(std::move(m)), flash(machine, std::move(content)), memory(std::move(access)),
-        legacy(BuildLegacyArea(machine)) {
+        legacy(BuildLegacyArea(machine)), rtc(machine.rtc) {
     for (const IoPortValue& port : machine.ioPorts) {
       for (uint32_t i = 0; i < port.width; ++i) ports[static_cast<uint16_t>(port.port + i)] = static_cast<uint8_t>(port.value >> (8 * i));
     }
@@ -114,6 +119,7 @@ struct Simulator::State {
   Answer ReadFlash(const OblisRegisters& in);
   Answer WriteFlash(const OblisRegisters& in);
   Answer ExternalMaps(const OblisRegisters& in);
+  Answer Capsule(const OblisRegisters& in);
   bool FaultFires(uint8_t function, uint8_t& code);
   void Trace(uint8_t function, const OblisRegisters& in, const OblisRegisters& out);
 };
@@ -246,6 +252,16 @@ Answer Simulator::State::ExternalMaps(const OblisRegisters& in) {
   return {};
 }
 
+Answer Simulator::State::Capsule(const OblisRegisters& in) {
+  const size_t before = capsules.size();
+  const CapsuleAnswer answer = AnswerCapsule(
+      machine.capsule, in, [this](uint32_t address, void* out, uint32_t length) { Read(address, out, length); },
+      [this](uint32_t address, const void* data, uint32_t length) { Write(address, data, length); }, capsules);
+  capsuleReceived = capsules.size() != before;
+  if (!answer.cl) return {answer.status, {}, {}};
+  return {answer.status, {}, (in.ecx & 0xFFFFFF00u) | *answer.cl};
+}
+
 Answer Simulator::State::Dispatch(uint8_t function, const OblisRegisters& in) {
   switch (function) {
     case 0x10: return PlatformStatus(in);
@@ -264,6 +280,18 @@ Answer Simulator::State::Dispatch(uint8_t function, const OblisRegisters& in) {
     case 0x1F:
       hookPoints.push_back(in.ecx);
       return {};
+    case 0x48: return Capsule(in);
+    case 0x19:
+    case 0x1B:
+    case 0x44:
+    case 0x45: {
+      ConversationAnswer answer = AnswerConversation(
+          machine.conversation, conversationState, function, in,
+          [this](uint32_t address, void* out, uint32_t length) { Read(address, out, length); },
+          [this](uint32_t address, const void* data, uint32_t length) { Write(address, data, length); });
+      received = std::move(answer.received);
+      return {answer.status, {}, {}};
+    }
     default: return {kOblisUnsupported, {}, {}};
   }
 }
@@ -287,6 +315,15 @@ void Simulator::State::Trace(uint8_t function, const OblisRegisters& in, const O
   if (flashAccess) {
     line["flash"] = {{"op", flashAccess->op}, {"address", flashAccess->address}, {"length", flashAccess->length}};
   }
+  if (!received.is_null()) line["received"] = received;
+  if (capsuleReceived) {
+    const CapsuleReceived& capsule = capsules.back();
+    line["capsule"] = {{"size", capsule.size},
+                       {"via_esp", capsule.viaEsp},
+                       {"addresses", capsule.blockAddresses},
+                       {"lengths", capsule.blockLengths},
+                       {"image_fnv1a", Fnv1a(capsule.image)}};
+  }
   *trace << line.dump() << "\n";
   trace->flush();
 }
@@ -309,6 +346,8 @@ void Simulator::Transact(OblisRegisters& frame) {
   const uint8_t function = static_cast<uint8_t>(frame.eax >> 8);
   s.callLog.push_back(function);
   s.flashAccess.reset();
+  s.capsuleReceived = false;
+  s.received = nullptr;
   Answer answer;
   uint8_t faultCode = 0;
   if (frame.ebx != kOblisCallerSignature) {
@@ -343,6 +382,10 @@ void Simulator::Transact(OblisRegisters& frame) {
 uint32_t Simulator::IoRead(uint16_t port, int width) {
   uint32_t value = 0;
   for (int i = 0; i < width && i < 4; ++i) {
+    if (Rtc::Owns(static_cast<uint16_t>(port + i))) {
+      value |= static_cast<uint32_t>(state_->rtc.Read(static_cast<uint16_t>(port + i))) << (8 * i);
+      continue;
+    }
     auto known = state_->ports.find(static_cast<uint16_t>(port + i));
     const uint8_t byte = known == state_->ports.end() ? 0xFF : known->second;
     value |= static_cast<uint32_t>(byte) << (8 * i);
@@ -351,7 +394,11 @@ uint32_t Simulator::IoRead(uint16_t port, int width) {
 }
 
 void Simulator::IoWrite8(uint16_t port, uint8_t value) {
-  // Only ports with something behind them keep what is written; none have yet.
+  if (Rtc::Owns(port)) {
+    state_->rtc.Write(port, value);
+    return;
+  }
+  // Other ports keep what is written only where the machine put a value behind them.
   auto known = state_->ports.find(port);
   if (known != state_->ports.end()) known->second = value;
 }
@@ -390,7 +437,9 @@ const std::vector<uint8_t>& Simulator::CallLog() const { return state_->callLog;
 std::optional<std::vector<uint8_t>> Simulator::LastFinish() const { return state_->lastFinish; }
 const std::vector<uint32_t>& Simulator::HookPoints() const { return state_->hookPoints; }
 const std::vector<std::pair<uint8_t, uint8_t>>& Simulator::UpdateBrackets() const { return state_->brackets; }
+const std::vector<CapsuleReceived>& Simulator::Capsules() const { return state_->capsules; }
 FlashCounters Simulator::Counters() const { return state_->flash.Counters(); }
+Rtc& Simulator::RealTimeClock() { return state_->rtc; }
 std::vector<ExternalRegion> Simulator::CurrentExternalMap() const { return state_->flash.CurrentRegions(); }
 bool Simulator::PowerLost() const { return state_->flash.PowerLost(); }
 void Simulator::SetPowerLossHandler(std::function<void()> handler) { state_->powerLossHandler = std::move(handler); }

@@ -11,7 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "CapsuleService.h"
+#include "ConversationService.h"
 #include "OblisWire.h"
+#include "Rtc.h"
 
 namespace sim {
 
@@ -135,6 +138,9 @@ struct Machine {
   std::vector<IoPortValue> ioPorts;
   std::vector<PciRegister> pci;
   std::vector<MemoryRange> memory;
+  RtcSettings rtc;  // the CMOS clock behind ports 0x70 and 0x71
+  CapsuleBehaviour capsule;  // function 48h
+  ConversationBehaviour conversation;  // functions 19h, 1Bh, 44h and 45h
   bool operator==(const Machine&) const = default;
 };
 
@@ -215,6 +221,10 @@ class Simulator {
   // Function 1Ah calls in order: (action from CL, status from CH).
   const std::vector<std::pair<uint8_t, uint8_t>>& UpdateBrackets() const;
   FlashCounters Counters() const;
+  // The CMOS clock: a front end hands it the run's clock, a test reads what the tool wrote.
+  Rtc& RealTimeClock();
+  // The requests of function 48h that carried an image, in order.
+  const std::vector<CapsuleReceived>& Capsules() const;
   // The external map that function 17h gives as the current one.
   std::vector<ExternalRegion> CurrentExternalMap() const;
 

@@ -380,10 +380,25 @@ void AppendNode(std::vector<uint8_t>& path, uint8_t type, uint8_t subtype, std::
   path.insert(path.end(), body.begin(), body.end());
 }
 
-// PCI controller, then the messaging node that tells what kind of device holds the volume.
+// The first partition of a disk, as a hard-drive media node: partition 1 of an MBR disk.
+std::vector<uint8_t> HardDriveNodeBody(size_t index) {
+  std::vector<uint8_t> body(38, 0);
+  body[0] = 1;                                    // partition number
+  body[5] = 0x08;                                 // start LBA 2048
+  body[14] = 0x10;                                // size 0x100000 blocks
+  body[20] = static_cast<uint8_t>(0x40 + index);  // MBR disk signature
+  body[36] = 0x01;                                // MBR partition format
+  body[37] = 0x01;                                // 32-bit signature
+  return body;
+}
+
+// PCI controller, then the nodes that tell what kind of device holds the volume, then the
+// partition for the kinds that are disks.
 std::vector<uint8_t> DevicePathOf(VolumeKind kind, size_t index) {
   constexpr uint8_t kSubtypePci = 0x01;
   constexpr uint8_t kSubtypeVendor = 0x04;
+  constexpr uint8_t kSubtypeController = 0x05;
+  constexpr uint8_t kSubtypeHardDrive = 0x01;
   const auto port = static_cast<uint8_t>(index);
   std::vector<uint8_t> path;
   switch (kind) {
@@ -397,6 +412,7 @@ std::vector<uint8_t> DevicePathOf(VolumeKind kind, size_t index) {
       break;
     case VolumeKind::Emmc:
       AppendNode(path, kDevicePathTypeHardware, kSubtypePci, {0x00, 0x1A});
+      AppendNode(path, kDevicePathTypeHardware, kSubtypeController, {0x00, 0x00, 0x00, 0x00});
       AppendNode(path, kDevicePathTypeMessaging, kDevicePathSubtypeEmmc, {port});
       break;
     case VolumeKind::Other: {
@@ -407,6 +423,7 @@ std::vector<uint8_t> DevicePathOf(VolumeKind kind, size_t index) {
       break;
     }
   }
+  if (kind != VolumeKind::Other) AppendNode(path, kDevicePathTypeMedia, kSubtypeHardDrive, HardDriveNodeBody(index));
   AppendNode(path, kDevicePathTypeEnd, kDevicePathSubtypeEndEntire, {});
   return path;
 }

@@ -116,11 +116,15 @@ struct RunEnd {
     if (!out) std::fprintf(stderr, "zaprom-sim: cannot write the flash file %s\n", flashFile.c_str());
   }
 
-  // What the flash went through, on stdout after everything the tool printed.
+  // What the flash went through, on stdout after everything the tool printed; before it, what
+  // the tool wrote to the CMOS clock, if anything.
   void PrintSummary() const {
     if (simulator == nullptr) return;
     std::fflush(stdout);
-    std::printf("\nzaprom-sim: %s\n", sim::SummaryText(simulator->Counters()).c_str());
+    std::printf("\n");
+    const std::string clock = simulator->RealTimeClock().WritesSummary();
+    if (!clock.empty()) std::printf("zaprom-sim: %s\n", clock.c_str());
+    std::printf("zaprom-sim: %s\n", sim::SummaryText(simulator->Counters()).c_str());
     std::fflush(stdout);
   }
 
@@ -179,6 +183,10 @@ int main(int argc, char** argv) {
   environmentOptions.keys = options.keys;
   environmentOptions.ansiConsole = isatty(STDOUT_FILENO) != 0;
   environmentOptions.variablesFile = options.variablesFile;
+  // The firmware's time and the CMOS clock are one clock: the machine's time of day starts both.
+  environmentOptions.clockStart.Hour = machine.rtc.time.hour;
+  environmentOptions.clockStart.Minute = machine.rtc.time.minute;
+  environmentOptions.clockStart.Second = machine.rtc.time.second;
 
   // The simulator reaches the tool's memory only where the environment handed it out.
   emu::Environment* environmentForMemory = nullptr;
@@ -216,6 +224,11 @@ int main(int argc, char** argv) {
 
   emu::Environment environment(environmentOptions);
   environmentForMemory = &environment;
+  simulator.RealTimeClock().SetClock([&environment] {
+    EFI_TIME now{};
+    environment.SystemTable()->RuntimeServices->GetTime(&now, nullptr);
+    return sim::RtcDateTime{now.Year, now.Month, now.Day, {now.Hour, now.Minute, now.Second}};
+  });
   if (!environment.SetupError().empty()) UsageError(environment.SetupError(), false);
   for (const sim::Variable& variable : machine.variables)
     environment.PresetVariable(variable.name, variable.guid, variable.attributes, variable.data);

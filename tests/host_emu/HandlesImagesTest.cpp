@@ -30,8 +30,13 @@ TEST(EmuHandles, VolumesAreFoundInOrderWithTheDevicePathOfTheirKind) {
             EFI_SUCCESS);
   ASSERT_EQ(count, 4u);
   EXPECT_TRUE(environment.ContainsAddress(reinterpret_cast<uintptr_t>(handles), count * sizeof(EFI_HANDLE)));
-  // (type, subtype) of the node after the PCI node; "other" is a hardware vendor node.
-  const std::pair<uint8_t, uint8_t> kinds[] = {{3, 0x05}, {3, 0x12}, {3, 0x1D}, {1, 0x04}};
+  // (type, subtype) of every node after the PCI node: the device, and the partition of a disk;
+  // an eMMC device sits behind a controller node, and "other" is a hardware vendor node.
+  using Nodes = std::vector<std::pair<uint8_t, uint8_t>>;
+  const Nodes kinds[] = {{{3, 0x05}, {4, 0x01}},
+                         {{3, 0x12}, {4, 0x01}},
+                         {{1, 0x05}, {3, 0x1D}, {4, 0x01}},
+                         {{1, 0x04}}};
   for (UINTN i = 0; i < count; ++i) {
     SCOPED_TRACE(i);
     EXPECT_EQ(handles[i], environment.VolumeHandle(i));
@@ -40,10 +45,14 @@ TEST(EmuHandles, VolumesAreFoundInOrderWithTheDevicePathOfTheirKind) {
     auto* devicePath = static_cast<EFI_DEVICE_PATH_PROTOCOL*>(path);
     std::vector<uint8_t> pci = NodeBytes(devicePath, 0);
     EXPECT_EQ((std::vector<uint8_t>(pci.begin(), pci.begin() + 3)), (std::vector<uint8_t>{1, 1, 6}));
-    std::vector<uint8_t> device = NodeBytes(devicePath, 1);
-    EXPECT_EQ(device[0], kinds[i].first);
-    EXPECT_EQ(device[1], kinds[i].second);
-    EXPECT_EQ(NodeBytes(devicePath, 2), (std::vector<uint8_t>{0x7F, 0xFF, 4, 0}));
+    int node = 1;
+    for (const auto& [type, subtype] : kinds[i]) {
+      std::vector<uint8_t> bytes = NodeBytes(devicePath, node++);
+      EXPECT_EQ(bytes[0], type);
+      EXPECT_EQ(bytes[1], subtype);
+      if (type == 4) EXPECT_EQ(bytes.size(), 42u) << "a hard-drive node is 42 bytes";
+    }
+    EXPECT_EQ(NodeBytes(devicePath, node), (std::vector<uint8_t>{0x7F, 0xFF, 4, 0}));
   }
   EXPECT_EQ(bs->FreePool(handles), EFI_SUCCESS);
 }

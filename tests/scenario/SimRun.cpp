@@ -20,6 +20,7 @@ std::string ReadText(const fs::path& path) {
 }
 
 void WriteBytes(const fs::path& path, const std::string& bytes) {
+  fs::create_directories(path.parent_path());
   std::ofstream out(path, std::ios::binary);
   out << bytes;
 }
@@ -92,6 +93,9 @@ SimResult RunSim(const SimRequest& request) {
   if (result.logExists) {
     result.log = ReadText(volume / "ZAPROM.Log");
   }
+  for (const std::string& name : request.readBack) {
+    if (fs::exists(volume / name)) result.files[name] = ReadText(volume / name);
+  }
   std::string flash = ReadText(flashPath);
   result.flash.assign(flash.begin(), flash.end());
   std::ifstream trace(root / "smi.jsonl");
@@ -105,6 +109,7 @@ SimResult RunSim(const SimRequest& request) {
     call.in = record.at("in");
     call.out = record.at("out");
     call.status = record.at("status").get<int>();
+    call.record = record;
     result.calls.push_back(call);
   }
   fs::remove_all(root);

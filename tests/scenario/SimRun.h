@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@ struct SimRequest {
   std::string keys;
   std::vector<uint8_t> flash;  // empty: the simulator's default content
   std::vector<std::pair<std::string, std::string>> volumeFiles;  // name, content
+  std::vector<std::string> readBack;  // files of the volume to hand back after the run
 };
 
 struct SmiCall {
@@ -22,6 +24,7 @@ struct SmiCall {
   nlohmann::json in;
   nlohmann::json out;
   int status = -1;
+  nlohmann::json record;  // the whole trace line, with what a function adds (flash, capsule, ...)
 };
 
 struct SimResult {
@@ -32,6 +35,7 @@ struct SimResult {
   bool logExists = false;
   std::vector<uint8_t> flash;
   std::vector<SmiCall> calls;
+  std::map<std::string, std::string> files;  // the readBack files that exist after the run
 
   std::vector<std::string> FunctionOrder() const;
 };
