@@ -156,7 +156,8 @@ TEST(RunSequence, ShellMainWithoutAnImageFileStopsBeforeAnyUpdate) {
   at = FindAfter(log, "<=== CallingNecessarySmi\r\n", at);
   at = FindAfter(log, "<=== ShellFlashMain (BIOS update failed)\r\n", at);
   EXPECT_NE(at, std::string::npos) << log;
-  EXPECT_EQ(harness.Simulator().CallLog().back(), 0x13);
+  // The OEM parameters go to the firmware before the image is looked for.
+  EXPECT_EQ(harness.Simulator().CallLog().back(), 0x19);
   // No finish report was sent and nothing was written to the flash.
   EXPECT_FALSE(harness.Simulator().LastFinish().has_value());
 }

@@ -163,3 +163,57 @@ TEST(ImageAnalysis, LoadImageConfigLoadsTheIniSlotOnly) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ImageAnalysis, LocateSecureFdTakesOnlyASlotThatLiesWhollyInsideTheImage) {
+  struct Row {
+    const char* what;
+    Bytes image;
+    long payloadOffset;  // -1: the payload stays empty
+    uint32_t payloadLength;
+  };
+  Bytes good = kRecord;
+  Append(good, "x");  // odd offset
+  AppendSlot(good, "$_KOBALT_BIOSIMG", 0x40, std::string(0x40, 'b'));
+  Bytes pastEnd = kRecord;
+  AppendSlot(pastEnd, "$_KOBALT_BIOSIMG", 0x41, std::string(0x40, 'b'));
+  Bytes headerCut = kRecord;
+  Append(headerCut, "$_KOBALT_BIOSIMG");
+  Append(headerCut, "1234567");  // one byte short of the header
+  Bytes missing = kRecord;
+  const Row rows[] = {
+      {"whole slot", good, 21 + 24, 0x40},
+      {"size field one past the end", pastEnd, -1, 0},
+      {"header cut short", headerCut, -1, 0},
+      {"no slot", missing, -1, 0},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(RunIsolated([&] {
+                log_test::LogVolume volume;
+                volume.ScanArguments({u"zaprom", u"-dbg"});
+                InitSlotTags();
+                LocateSecureFd(row.image.data(), static_cast<UINT32>(row.image.size()));
+                ImageView payload = SecurePayload();
+                if (row.payloadOffset < 0) {
+                  EXPECT_EQ(payload.data, nullptr) << row.what;
+                  EXPECT_EQ(payload.length, 0u) << row.what;
+                  EXPECT_EQ(volume.Log().find("===== Secure FD Hdr ====="), std::string::npos) << row.what;
+                } else {
+                  EXPECT_EQ(payload.data, row.image.data() + row.payloadOffset) << row.what;
+                  EXPECT_EQ(payload.length, row.payloadLength) << row.what;
+                  // The 24 header bytes between two labels: the tag, capacity 0x40, size 0x40.
+                  std::string log = volume.Log();
+                  size_t at = log.find("===== Secure FD Hdr =====\r\n");
+                  ASSERT_NE(at, std::string::npos) << row.what;
+                  EXPECT_NE(log.find("24 5F 4B 4F 42 41 4C 54-5F 42 49 4F 53 49 4D 47", at), std::string::npos)
+                      << log;
+                  EXPECT_NE(log.find("0010:  40 00 00 00 40 00 00 00-", at), std::string::npos) << log;
+                }
+              }),
+              0)
+        << row.what;
+  }
+}
+
+}  // namespace

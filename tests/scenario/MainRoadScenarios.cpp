@@ -182,4 +182,38 @@ TEST(MainRoadScenarios, PowerCutHalfWayLeavesTheOldBvdtAndASecondRunFinishes) {
   EXPECT_TRUE(InOemData(Writes(again).back().address));
 }
 
+TEST(MainRoadScenarios, MeOptionOnALockedMachineLeavesTheMeAndEverythingElseAlone) {
+  // The ME region of the default descriptor: 0x1000 to 0x7FFFFF.
+  constexpr uint32_t kMeStart = 0x1000, kMeEnd = 0x800000;
+  const Bytes before = DefaultFlash();
+  Bytes image = NewImage();
+  for (uint32_t at = kMeStart; at < kMeEnd; at += 0x10000) image[at] ^= 0x5A;
+  SimResult result = Update(before, image, R"({"me": {"locked": true}})", {"-me", "-dbg"});
+  ASSERT_EQ(result.exitCode, 0) << result.console << result.errors;
+  EXPECT_EQ(FirstDifference(result.flash, before), std::string::npos) << "neither the ME nor the unselected BIOS";
+  std::vector<FlashWrite> writes = Writes(result);
+  EXPECT_FALSE(writes.empty()) << "the changed ME blocks are offered to the firmware";
+  for (const SmiCall& call : result.calls) {
+    if (call.fn != "15h") continue;
+    const uint32_t offset = call.in["edi"].get<uint32_t>() - kRomBase;
+    EXPECT_TRUE(offset >= kMeStart && offset < kMeEnd) << std::hex << offset;
+    EXPECT_EQ(call.status, 0x29) << "the firmware skips every write into a locked ME";
+  }
+  EXPECT_NE(result.log.find("ME |LOCKED|\r\n"), std::string::npos);
+}
+
+TEST(MainRoadScenarios, AnOemMeUpdateThatCannotRunStopsTheBiosWriteBeforeItStarts) {
+  const Bytes before = DefaultFlash();
+  SimRequest request;
+  request.arguments = {"new.bin"};
+  request.flash = before;
+  request.volumeFiles = {{"new.bin", Text(NewImage())}, {"platform.ini", "[UpdateOEMME]\r\nMEFileName=me.bin\r\n"}};
+  SimResult result = RunSim(request);
+  EXPECT_EQ(result.exitCode, 1) << result.console;
+  EXPECT_NE(result.console.find("Warning!\r\n Utility FwUpdLcl.efi not found.\r\n"), std::string::npos)
+      << result.console;
+  EXPECT_TRUE(Writes(result).empty());
+  EXPECT_EQ(FirstDifference(result.flash, before), std::string::npos);
+}
+
 }  // namespace

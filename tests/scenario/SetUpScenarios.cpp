@@ -9,6 +9,8 @@ namespace {
 using Order = std::vector<std::string>;
 
 const Order kSetUpOrder = {"10h", "1Fh", "11h", "1Eh", "1Ch", "12h", "13h"};
+// A run that gets through the set-up tells the firmware its parameters before it looks for the image.
+const Order kSetUpAndParameters = {"10h", "1Fh", "11h", "1Eh", "1Ch", "12h", "13h", "19h"};
 
 // Every text must appear in the console, each after the one before it.
 void ExpectInOrder(const std::string& text, const std::vector<std::string>& pieces, const std::string& what) {
@@ -47,7 +49,7 @@ struct Row {
 TEST(SetUpScenarios, FirmwareAnswersDecideHowFarTheSetUpGoes) {
   const Order kEnd = {"1Fh", "16h"};
   const std::vector<Row> rows = {
-      {"default machine", "", {"-dbg"}, Concat(kSetUpOrder, kEnd),
+      {"default machine", "", {"-dbg"}, Concat(kSetUpAndParameters, kEnd),
        {"\r\n    Error:\r\n    the FD file not found. ()\r\n\r\n"},
        {"===> Initialize", "<=== Initialize", "===> CallingNecessarySmi",
         "<=== ShellFlashMain (BIOS update failed)"}},
@@ -61,11 +63,11 @@ TEST(SetUpScenarios, FirmwareAnswersDecideHowFarTheSetUpGoes) {
         "\r\nError: Initialize\r\nOBLIS 10h failed.\r\n"},
        {"Call OBLIS failed. Error Code: 0xEF, Retry Count: 06", "<=== Initialize (SMI_IsSupport fail)"}},
       {"10h fails twice then answers", R"({"faults": {"10h": {"code": "0x24", "times": 2}}})", {"-dbg"},
-       Concat(kSetUpOrder, kEnd), {},
+       Concat(kSetUpAndParameters, kEnd), {},
        {"Call OBLIS failed. Error Code: 0x24, Retry Count: 01", "Call OBLIS failed. Error Code: 0x24, Retry Count: 02",
         "Call OBLIS success"}},
       {"whole map fails without stopping", R"({"faults": {"1Eh": {"code": "0x22"}}})", {"-dbg"},
-       Concat(kSetUpOrder, kEnd), {"\r\n    Error:\r\n    the FD file not found. ()\r\n\r\n"}, {"(OBLIS fail)"}},
+       Concat(kSetUpAndParameters, kEnd), {"\r\n    Error:\r\n    the FD file not found. ()\r\n\r\n"}, {"(OBLIS fail)"}},
       {"11h fails", R"({"faults": {"11h": {"code": "0x20"}}})", {}, Concat({"10h", "1Fh", "11h"}, kEnd),
        {"Error: OBLIS 11h failed.\r\nInternal Error 20\r\n", "FBTS: Permission is denied by user.",
         "\r\nError: Initialize\r\nOblis 11h failed.\r\n"},
@@ -83,7 +85,7 @@ TEST(SetUpScenarios, FirmwareAnswersDecideHowFarTheSetUpGoes) {
         "        SkipSecureBootProtectionCheck=1\r\n"},
        {"<=== Initialize (Secure Boot Protection check failed)"}},
       {"acer firmware behind the neutral vendor number", R"({"acpi": {"dsdt_oem_id": "ACRSYS"}})", {"-dbg"},
-       Concat(kSetUpOrder, kEnd), {}, {"acer signature found.\r\n", "Revise vendor ID to |0x1025| Acer\r\n"}},
+       Concat(kSetUpAndParameters, kEnd), {}, {"acer signature found.\r\n", "Revise vendor ID to |0x1025| Acer\r\n"}},
       {"no OBLIS signature in the BIOS area", R"({"oblis": {"signature": false}})", {"-dbg"}, {}, {"Internal Error EF"},
        {" OBLIS signature not found.\r\n Using default value 0xEF for SMI main function number.\r\n"}},
   };

@@ -233,6 +233,12 @@ Bool SaveBufferToFile(const CHAR16* name, const VOID* data, UINT32 size) {
   CHAR16 fullName[kFullNameCharacters];
   BuildFullName(fullName, name, true);
   EFI_FILE_PROTOCOL* file = nullptr;
+  // Open does not truncate: an older, longer file would keep its tail behind the new content,
+  // so it goes first.
+  if (!EFI_ERROR(root->Open(root, &file, fullName, kOpenReadWrite, 0)) && file != nullptr) {
+    file->Delete(file);
+  }
+  file = nullptr;
   if (EFI_ERROR(root->Open(root, &file, fullName, kOpenCreate, 0)) || file == nullptr) {
     LogPrint(kLogDetail, kTraceSaveFail, fullName);
     return false;

@@ -53,17 +53,20 @@ constexpr CHAR16 kReasonCommandFailed[] = u"Command failed";
 constexpr CHAR16 kReasonNoAlp[] = u"Not support alp command";
 constexpr CHAR16 kReasonConfiguration[] = u"failed";
 constexpr CHAR16 kReasonShowHelp[] = u"Show help";
+constexpr CHAR16 kReasonCommonFlash[] = u"CommonFlash not allow to flash";
 constexpr CHAR16 kReasonBiosUpdate[] = u"BIOS update failed";
+constexpr CHAR16 kReasonPowerCheck[] = u"Power check failed";
 constexpr CHAR16 kFuncUpdate[] = u"FuncUpdate";
 constexpr CHAR16 kUpdateCompleted[] = u"\r\n                           Update Progress: Completed\r\n";
 constexpr CHAR16 kErrorFdNotFound[] = u"\r\n    Error:\r\n    the FD file not found. (%s)\r\n\r\n";
 constexpr CHAR16 kErrorImagePlatformInfo[] = u"Error: Get image platform info failed.\r\n";
+constexpr CHAR16 kTwoLineEnds[] = u"\r\n\r\n";
 constexpr CHAR16 kConfirmFlash[] = u"\r\n                Dangerous! Do you want to flash BIOS? (Y/N)\r\n";
 constexpr CHAR16 kExitByUser[] = u"\r\n                Exit by user.\r\n";
+constexpr CHAR16 kLineEnd[] = u"\r\n";
 // Roads of FuncUpdate that this build does not have: the run refuses before anything is written
 // rather than sending such an image down the block writer.
 constexpr CHAR16 kRoadNotBuilt[] = u"\r\nError: %s is not supported by this build. Nothing was written.\r\n";
-constexpr CHAR16 kRoadSecureImage[] = u"The update of a secure image (secure capsule, OEM or PFAT road)";
 constexpr CHAR16 kRoadEcOnly[] = u"The EC-only update (-ec, -ecp)";
 constexpr CHAR16 kRoadDirectWrite[] = u"The direct file write (-e:)";
 
@@ -157,12 +160,19 @@ Bool FuncUpdate(const CHAR16* imageName) {
   if (Flags()->ec || Flags()->ecp) {
     return RefuseRoad(kRoadEcOnly);
   }
-  // Steps 5 to 7 (SetViaEsp, the secure platform and OEM secure probes) come with the secure
-  // roads.
+  // Step 5.
+  SetViaEsp(Settings()->secureUpdate.viaEsp ? 1 : 0);
+  // Step 6: the platform's kind is kept for the image check and the capsule road.
+  SMI_IsSecurePlatform();
+  // Step 7, the OEM secure probe, comes with the OEM road.
   // Step 8: the analysis is kept for the choice of road.
   AnalyzeImage(image, size);
-  // Step 9, CheckImageKind, is not built: a legacy platform takes a legacy image, and a secure
-  // image is refused at the choice of road below.
+  // Step 9.
+  if (!CheckImageKind()) {
+    Print(kLineEnd);
+    TraceLeave(kFuncUpdate, nullptr);
+    return false;
+  }
   // Steps 10 and 11 (PFAT and RBU analysis) come with those roads.
   // Step 12, the direct write of -e:, is not built.
   if (Flags()->e) {
@@ -175,8 +185,14 @@ Bool FuncUpdate(const CHAR16* imageName) {
     TraceLeave(kFuncUpdate, nullptr);
     return false;
   }
-  // Steps 14 and 15 (ShowImageVersionInfo and Func_PlatformCheck) belong to the checks and are
-  // not built yet.
+  // Step 14: both identities are on the screen before any check can refuse them.
+  ShowImageVersionInfo();
+  Print(kTwoLineEnds);
+  // Step 15: the check prints its own refusal.
+  if (Func_PlatformCheck(image, size) < 0) {
+    TraceLeave(kFuncUpdate, nullptr);
+    return false;
+  }
   // Step 16.
   if (Flags()->u && !ConfirmFlash()) {
     TraceLeave(kFuncUpdate, nullptr);
@@ -188,11 +204,7 @@ Bool FuncUpdate(const CHAR16* imageName) {
     return false;
   }
   // Step 18: the secure image test comes first. The RBU and PFAT rows come with their roads.
-  UINT32 secureSize = 0;
-  if (IsSecureImage(&secureSize)) {
-    return RefuseRoad(kRoadSecureImage);
-  }
-  Bool updated = FuncUpdate_via15h(image, size);
+  Bool updated = IsSecureImage(nullptr) ? FuncUpdate_via48h(image, size) : FuncUpdate_via15h(image, size);
   TraceLeave(kFuncUpdate, nullptr);
   return updated;
 }
@@ -341,14 +353,29 @@ Bool EFIAPI ShellFlashMain() {
     TraceLeave(kShellFlashMain, kReasonShowHelp);
     return true;
   }
-  // Rows 17 to 19 (SendOemParameters, the CommonFlash exchange and gate, CheckPowerStatus)
-  // belong to the checks and are not built yet.
+  // Row 17: the firmware only hears of the parameters; a failure is traced and the run goes on.
+  SendOemParameters();
+  // Row 18: the exchange's own result is not looked at; without an answer the gate stays off.
+  if (Settings()->commonFlash.present) {
+    CommonFlashExchange();
+    if (!CommonFlashGate()) {
+      return StopMain(kShellFlashMain, kReasonCommonFlash);
+    }
+  }
+  // Row 19: the check shows its own box.
+  if (!CheckPowerStatus()) {
+    return StopMain(kShellFlashMain, kReasonPowerCheck);
+  }
   // Row 20.
   if (!FuncUpdate(run.imageName)) {
     return StopMain(kShellFlashMain, kReasonBiosUpdate);
   }
   // Row 21, UpdateEcAfterBios, comes with the EC update; until then a merged file's EC part is
-  // refused before the BIOS write. Row 22, the auto wake-up, comes with its check.
+  // refused before the BIOS write.
+  // Row 22: whether the alarm was set changes nothing for the run.
+  if (Settings()->autoWakeup.flag) {
+    ArmAutoWakeup((UINT32)Settings()->autoWakeup.interval);
+  }
   // Rows 23 to 25: this main pauses first and prints the completion line after.
   FlashCompletePause();
   Print(kUpdateCompleted);

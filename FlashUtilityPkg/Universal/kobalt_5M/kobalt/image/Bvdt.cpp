@@ -134,3 +134,9 @@ Bool FindBvdtBlock(UINT32* address, UINT32* size) {
 const CHAR16* NewImageModel() { return gBvdtInfo.model; }
 
 const CHAR16* NewImageVersion() { return gBvdtInfo.version; }
+
+VOID SetNewImageModel(const CHAR16* model) { StrCopy16(gBvdtInfo.model, kTextCharacters, model != nullptr ? model : u""); }
+
+VOID SetNewImageVersion(const CHAR16* version) {
+  StrCopy16(gBvdtInfo.version, kTextCharacters, version != nullptr ? version : u"");
+}

@@ -22,6 +22,13 @@ Bool AnalyzeImage(const UINT8* image, UINT32 length);
 Bool IsSecureImage(UINT32* size);
 Bool HasDrvSignature();
 Bool HasSecureEc(UINT32* size);
+// The BIOSIMG slot's data of a secure image, kept as the payload; a missing slot leaves it.
+VOID LocateSecureFd(const UINT8* image, UINT32 length);
+ImageView SecurePayload();
+// Stages the image's EC slot data in EcBuffer when the slot is not empty.
+VOID LoadSecureEc(const UINT8* image, UINT32 length);
+// Whether the analysed image may go on this platform; prints the refusal.
+Bool CheckImageKind();
 // Parses the INI slot of a secure image as settings.
 Bool LoadImageConfig(const UINT8* image, UINT32 length);
 
@@ -32,3 +39,7 @@ Bool ReadImageBvdtInfo(const UINT8* image, UINT32 size);
 Bool FindBvdtBlock(UINT32* address, UINT32* size);
 const CHAR16* NewImageModel();
 const CHAR16* NewImageVersion();
+// The identity shown for the new image can differ from its BVDT: a name of the [Platform_Check]
+// list with its [PlatformVersion], or "N/A" under -mc. A text keeps at most 63 characters.
+VOID SetNewImageModel(const CHAR16* model);
+VOID SetNewImageVersion(const CHAR16* version);

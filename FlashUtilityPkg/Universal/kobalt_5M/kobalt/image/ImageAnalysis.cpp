@@ -4,6 +4,7 @@
 #include "config/Config.h"
 #include "image/Image.h"
 #include "output/Output.h"
+#include "update/Update.h"
 
 namespace {
 
@@ -36,6 +37,14 @@ constexpr CHAR16 kIniTagNotFound[] = u"_KOBALT_INI_IMG Signature Not Found\r\n";
 // A slot whose header or data would reach past the image is refused, never read.
 constexpr CHAR16 kSlotOutsideImage[] = u"%a slot at 0x%x runs past the image end (0x%x)\r\n";
 constexpr CHAR16 kNoBiosImageSlot[] = u"Secure |FD| without a BIOSIMG slot\r\n";
+constexpr CHAR16 kSecureFdHeaderLabel[] = u"===== Secure FD Hdr =====\r\n";
+constexpr CHAR16 kSecureEcInfoLabel[] = u"===== Secure EC Info =====\r\n";
+constexpr CHAR8 kMessageSecureOnly[] = "MessageStringA00";
+constexpr CHAR16 kMessageSecureOnlyDefault[] =
+    u"It only supports to flash secure BIOS on current platform.\r\nThe image to be updated is not a secure BIOS.\r\n";
+constexpr CHAR16 kMessageOlderSecurityFlash[] = u"The secure BIOS is signed by older version of security flash.\r\n";
+constexpr CHAR8 kMessageSecureNotAllowed[] = "MessageStringA01";
+constexpr CHAR16 kMessageSecureNotAllowedDefault[] = u"Not allow to flash secure BIOS on current platform.\r\n";
 constexpr CHAR8 kEcSlotName[] = "EC";
 constexpr CHAR8 kBiosImageSlotName[] = "BIOSIMG";
 constexpr CHAR8 kIniSlotName[] = "INI";
@@ -136,6 +145,67 @@ Bool HasSecureEc(UINT32* size) {
     *size = ImageAnalysis.secureEcSize;
   }
   return ImageAnalysis.secureEc;
+}
+
+VOID LocateSecureFd(const UINT8* image, UINT32 length) {
+  if (image == nullptr) {
+    length = 0;
+  }
+  UINT32 at = 0;
+  UINT32 size = 0;
+  // A slot that would reach past the image leaves the payload as it was: empty, for an image
+  // analysed once, which no engine takes for flash content.
+  if (!FindSlot(image, length, kChainBiosImageTag, kBiosImageSlotName, &at, &size)) {
+    return;
+  }
+  HexDumpFramed(kSecureFdHeaderLabel, image + at, kSlotHeaderBytes);
+  ImageAnalysis.payload.data = const_cast<UINT8*>(image + at + kSlotHeaderBytes);
+  ImageAnalysis.payload.length = size;
+}
+
+ImageView SecurePayload() { return ImageAnalysis.payload; }
+
+VOID LoadSecureEc(const UINT8* image, UINT32 length) {
+  if (image == nullptr) {
+    length = 0;
+  }
+  UINT32 at = 0;
+  UINT32 size = 0;
+  if (!FindSlot(image, length, kChainEcTag, kEcSlotName, &at, &size)) {
+    return;
+  }
+  HexDumpFramed(kSecureEcInfoLabel, image + at, kTagBytes);
+  if (size != 0) {
+    KeepEcImage(image + at + kSlotHeaderBytes, size);
+  }
+}
+
+// Whether the analysed image may go onto this platform: a secure platform takes only secure
+// images signed by this generation of the tool; a legacy platform takes anything unless the
+// settings forbid secure images.
+Bool CheckImageKind() {
+  Bool securePlatform = SMI_IsSecurePlatform();
+  const CHAR16* refusal = nullptr;
+  const CHAR8* messageKey = nullptr;
+  if (securePlatform) {
+    if (!ImageAnalysis.secureImage) {
+      messageKey = kMessageSecureOnly;
+      refusal = kMessageSecureOnlyDefault;
+    } else if (!ImageAnalysis.drvSignature) {
+      refusal = kMessageOlderSecurityFlash;
+    }
+  } else if (ImageAnalysis.secureImage && Settings()->others.disableSecureCapsuleFlash) {
+    messageKey = kMessageSecureNotAllowed;
+    refusal = kMessageSecureNotAllowedDefault;
+  }
+  if (refusal == nullptr) {
+    return true;
+  }
+  // A message from the settings is text, never a format.
+  const CHAR16* text = messageKey != nullptr ? GetMessageText(messageKey, refusal) : refusal;
+  Print(u"%s", text);
+  FreeMessageText(text, refusal);
+  return false;
 }
 
 Bool LoadImageConfig(const UINT8* image, UINT32 length) {

@@ -381,3 +381,13 @@ UINT16 OblisCall_17h(UINT32 edi, UINT32 esi) { return FormA(RaiseOblis(0x17, kEx
 UINT16 OblisCall_1Ah(UINT8 action, UINT8 status) {
   return FormA(RaiseOblis(0x1A, ((UINT32)status << 8) | action, 0, 0));
 }
+
+UINT16 OblisCall_19h(UINT32 edi) { return FormA(RaiseOblis(0x19, 1, edi, 0)); }
+
+UINT16 OblisCall_1Bh(UINT32 size, UINT32 address, UINT32 esi) { return FormA(RaiseOblis(0x1B, size, address, esi)); }
+
+UINT16 OblisCall_44h(UINT32 edi, UINT32 esi) { return FormA(RaiseOblis(0x44, 0, edi, esi)); }
+
+UINT16 OblisCall_45h(UINT32 ecx) { return FormA(RaiseOblis(0x45, ecx, 0, 0)); }
+
+UINT16 OblisCall_48h(UINT32 size, UINT32 edi, UINT32 esi) { return FormC(RaiseOblis(0x48, size, edi, esi)); }

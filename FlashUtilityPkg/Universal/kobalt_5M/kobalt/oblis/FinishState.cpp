@@ -1,6 +1,7 @@
 // The finish state of a run (clear CMOS, action, complete) and the level above function 16h:
 // setting the state from the settings and the -r/-s/-n options, the override of the action that
 // is sent, and the firmware's action index. The wrapper itself lives with the other wrappers.
+#include "checks/Checks.h"
 #include "config/Config.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
@@ -69,8 +70,8 @@ VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete) {
   LogPrint(kLogDetail, kTraceSetStatusHead, action, FinishActionName(action), complete, FinishCompleteName(complete));
   gFinish.action = (UINT8)Settings()->flashComplete.action;
   gFinish.action = ApplyActionOptions(gFinish.action, true);
-  // The CommonFlash exchange may still change the action here (CommonFlashFinishAction); that
-  // gate is not part of this driver yet, so the action stays as the settings and options set it.
+  // The firmware's CommonFlash answer has the last word over settings and options.
+  CommonFlashFinishAction(&gFinish.action);
   if (clearCmos != kLeaveAsIs) {
     gFinish.clearCmos = clearCmos;
     LogPrint(kLogDetail, kTraceSetCmos, clearCmos);

@@ -35,6 +35,11 @@ UINT16 OblisCall_14h(UINT32 size, UINT32 address, UINT32 esi);  // form A
 UINT16 OblisCall_15h(UINT32 size, UINT32 address, UINT32 esi);  // form A
 UINT16 OblisCall_17h(UINT32 edi, UINT32 esi);           // form A, ECX 0x1000
 UINT16 OblisCall_1Ah(UINT8 action, UINT8 status);       // form A
+UINT16 OblisCall_19h(UINT32 edi);                       // form A, CL 1, EDI the caller's record
+UINT16 OblisCall_1Bh(UINT32 size, UINT32 address, UINT32 esi);  // form A
+UINT16 OblisCall_44h(UINT32 edi, UINT32 esi);           // form A, EDI switches/answer, ESI information
+UINT16 OblisCall_45h(UINT32 ecx);                       // form A, ECX the $CHKCNDI record
+UINT16 OblisCall_48h(UINT32 size, UINT32 edi, UINT32 esi);  // form C: AH is the firmware's CL
 
 // What differs between the wrappers that share the retry loop.
 struct OblisRetrySpec {

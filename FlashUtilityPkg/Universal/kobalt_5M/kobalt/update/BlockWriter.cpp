@@ -1,6 +1,7 @@
 // The block writer: lays an image into an update buffer that mirrors the ROM, and writes it block
 // by block through function 15h with compare, write and verify, the BVDT block last. Which
 // blocks are open is the block table's business, which regions are selected region selection's.
+#include "checks/Checks.h"
 #include "config/Config.h"
 #include "frame/Frame.h"
 #include "image/Image.h"
@@ -58,6 +59,8 @@ constexpr CHAR16 kReasonExternalMaps[] = u"Get external maps failed";
 constexpr CHAR16 kReasonLayout[] = u"Image layout failed";
 constexpr CHAR16 kReasonOdmStart[] = u"OemOdmCustom2 start failed";
 constexpr CHAR16 kReasonWrite[] = u"Write ROM failed";
+constexpr CHAR16 kReasonOemMe[] = u"Update OEM ME failed";
+constexpr CHAR16 kReasonModuleCheck[] = u"Skip model check verify failed";
 constexpr CHAR16 kReasonBlockTable[] = u"Copy block table failed";
 constexpr CHAR16 kReasonVerify[] = u"Verify failed";
 
@@ -184,9 +187,16 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
   if (!LayOutImage(image, size, romSize, kFuncUpdateVia15h, false)) {
     return false;
   }
-  // Not built yet, and left out rather than faked: the verification of the update buffer by
-  // function 1Bh when PlatformNameCheckNeeded says no, and the OEM ME update (UpdateOemME).
-  // Both come in here, before the first block is written.
+  // Without the tool's own platform name check the firmware sees the whole ROM image first.
+  if (!PlatformNameCheckNeeded() && !FuncOblis_1Bh(updateBuffer, romSize)) {
+    TraceLeave(kFuncUpdateVia15h, kReasonModuleCheck);
+    return false;
+  }
+  // The ME tool runs last before the first block is written; its failure leaves the BIOS alone.
+  if (!UpdateOemME()) {
+    TraceLeave(kFuncUpdateVia15h, kReasonOemMe);
+    return false;
+  }
   Bool written = WriteBlocks(updateBuffer);
   SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
   if (!written) {

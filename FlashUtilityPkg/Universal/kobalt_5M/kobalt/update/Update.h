@@ -51,3 +51,22 @@ Bool FuncChk_SizeEC(UINT32 ecSize);
 VOID KeepEcImage(const UINT8* data, UINT32 size);
 // The bytes KeepEcImage staged in EcBuffer last; 0 before.
 UINT32 KeptEcSize();
+
+// ---- secure capsule road ----
+VOID SetViaEsp(UINT8 viaEsp);
+// Writes the block list of function 48h for an image at address; list holds 0x20000 bytes.
+// Returns the number of blocks.
+UINT32 BuildCapsuleBlockList(UINT8* list, UINT32 address, UINT32 size);
+// The first call probes with function 48h; later calls give the stored answer.
+Bool SMI_IsSecurePlatform();
+// The firmware holds the image: the run ends without a block written by the tool.
+Bool IsCapsuleStaged();
+Bool SMI_SecureCapsuleFlash(const UINT8* image, UINT32 size);
+Bool FuncUpdate_via48h(const UINT8* image, UINT32 size);
+Bool FuncSize_entire48h(const UINT8* payload, UINT32 payloadSize);
+Bool FuncSize_region48h(const UINT8* payload, UINT32 payloadSize);
+Bool FindEspRoot();
+Bool CopyCapsuleToEsp(const UINT8* image, UINT32 size);
+
+// ---- OEM ME update by the outside tool ----
+Bool UpdateOemME();
