@@ -1,6 +1,11 @@
 // The console of the emulated environment: simple text output rendered to a host stream (plain,
 // or with terminal escapes for attributes, cursor and clear), a transcript and an 80x25 screen
 // model for tests, and simple text input fed from a key script.
+//
+// A plain stream cannot move its cursor, so text that the tool writes at a set position (a
+// progress line redrawn for every block) would pile up on one line. Such a row is held instead:
+// it is drawn in memory and written out once, as it finally looks, when the tool leaves it (a
+// line feed, a move to another row, a clear, a wait for a key, the end of the run).
 #include <cstdio>
 #include <cstdlib>
 
@@ -71,6 +76,35 @@ void EmitEscape(const std::string& text) {
   if (g->options.ansiConsole) Emit(text);
 }
 
+// Writes the held row as it stands now, trailing blanks left out, then `after`.
+void FlushHeldRow(const char* after) {
+  if (g->heldRow < 0) return;
+  std::u16string line = g->heldLine;
+  size_t end = line.find_last_not_of(u' ');
+  line.resize(end == std::u16string::npos ? 0 : end + 1);
+  Emit(ToUtf8(line) + after);
+  g->heldRow = -1;
+}
+
+// Draws one character into the held row; false when it ends the hold (a line feed, or the
+// row is full), so that the character goes out as flowing text.
+bool HoldCharacter(char16_t c) {
+  switch (c) {
+    case u'\n':
+      return false;
+    case u'\r':
+      g->heldColumn = 0;
+      return true;
+    case u'\b':
+      if (g->heldColumn > 0) --g->heldColumn;
+      return true;
+    default:
+      if (g->heldColumn >= kColumns) return false;
+      g->heldLine[g->heldColumn++] = c;
+      return true;
+  }
+}
+
 void ClearModel() {
   g->screen.assign(kRows, std::u16string(kColumns, u' '));
   g->textMode.CursorColumn = 0;
@@ -106,13 +140,20 @@ void PutOnScreen(char16_t c) {
 EFI_STATUS EFIAPI OutputString(TextOut*, const CHAR16* text) {
   if (text == nullptr) return EFI_INVALID_PARAMETER;
   std::u16string wide;
+  std::u16string flowing;  // what goes to the host stream now
   for (const CHAR16* p = text; *p != 0; ++p) {
     wide += *p;
     PutOnScreen(*p);
+    if (g->heldRow >= 0 && HoldCharacter(*p)) continue;
+    if (g->heldRow >= 0) {
+      Emit(ToUtf8(flowing));
+      flowing.clear();
+      FlushHeldRow("");
+    }
+    flowing += *p;
   }
-  std::string utf8 = ToUtf8(wide);
-  g->transcript += utf8;
-  Emit(utf8);
+  g->transcript += ToUtf8(wide);
+  Emit(ToUtf8(flowing));
   return EFI_SUCCESS;
 }
 
@@ -127,6 +168,7 @@ EFI_STATUS EFIAPI QueryMode(TextOut*, UINTN mode, UINTN* columns, UINTN* rows) {
 }
 
 EFI_STATUS EFIAPI ClearScreen(TextOut*) {
+  FlushHeldRow("\r\n");
   ClearModel();
   EmitEscape("\x1b[2J\x1b[H");
   return EFI_SUCCESS;
@@ -158,6 +200,14 @@ EFI_STATUS EFIAPI SetCursorPosition(TextOut*, UINTN column, UINTN row) {
   g->textMode.CursorColumn = static_cast<INT32>(column);
   g->textMode.CursorRow = static_cast<INT32>(row);
   EmitEscape("\x1b[" + std::to_string(row + 1) + ";" + std::to_string(column + 1) + "H");
+  if (!g->options.ansiConsole) {
+    if (g->heldRow != static_cast<int>(row)) {
+      FlushHeldRow("\r\n");
+      g->heldRow = static_cast<int>(row);
+      g->heldLine = g->screen[row];
+    }
+    g->heldColumn = static_cast<int>(column);
+  }
   return EFI_SUCCESS;
 }
 
@@ -171,6 +221,7 @@ EFI_STATUS EFIAPI InputReset(EFI_SIMPLE_TEXT_INPUT_PROTOCOL*, BOOLEAN) { return 
 
 EFI_STATUS EFIAPI ReadKeyStroke(EFI_SIMPLE_TEXT_INPUT_PROTOCOL*, EFI_INPUT_KEY* key) {
   if (key == nullptr) return EFI_INVALID_PARAMETER;
+  FlushHeldRow("");  // whatever asks for the key is on the screen first
   if (g->nextKey < g->keys.size()) {
     *key = g->keys[g->nextKey++];
     g->idlePolls = 0;
@@ -233,6 +284,8 @@ void InstallConsole(State& s) {
 }  // namespace detail
 
 std::string Environment::ConsoleTranscript() const { return detail::g->transcript; }
+
+void Environment::FlushConsole() { detail::FlushHeldRow(""); }
 
 std::string Environment::ScreenText() const {
   std::string out;

@@ -79,6 +79,10 @@ struct State {
   EFI_SIMPLE_TEXT_INPUT_PROTOCOL textIn{};
   std::string transcript;
   std::vector<std::u16string> screen;
+  // Plain console only: the row written at a set cursor position, shown once it is done.
+  int heldRow = -1;
+  int heldColumn = 0;
+  std::u16string heldLine;
   std::vector<EFI_INPUT_KEY> keys;
   size_t nextKey = 0;
   uint64_t idlePolls = 0;

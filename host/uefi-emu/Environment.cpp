@@ -206,6 +206,7 @@ Environment::Environment(const Options& options) {
 }
 
 Environment::~Environment() {
+  FlushConsole();
   ReleaseFiles();
   ReleaseHandles();
   for (auto& image : g->images) {

@@ -77,6 +77,9 @@ class Environment {
 
   // Everything written to the console, as plain text without escapes.
   std::string ConsoleTranscript() const;
+  // A plain console holds the text written at a set cursor position until its row is done;
+  // this writes out what is held (the destructor does too).
+  void FlushConsole();
   uint64_t StalledMicroseconds() const;
   const std::vector<uint64_t>& StallCalls() const;
 

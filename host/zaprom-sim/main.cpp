@@ -106,6 +106,7 @@ struct RunEnd {
   std::string flashFile;
   sim::Simulator* simulator = nullptr;
   std::ofstream* trace = nullptr;
+  emu::Environment* environment = nullptr;
 
   void WriteBack() const {
     if (trace != nullptr) trace->flush();
@@ -119,6 +120,7 @@ struct RunEnd {
   // What the flash went through, on stdout after everything the tool printed; before it, what
   // the tool wrote to the CMOS clock, if anything.
   void PrintSummary() const {
+    if (environment != nullptr) environment->FlushConsole();
     if (simulator == nullptr) return;
     std::fflush(stdout);
     std::printf("\n");
@@ -233,14 +235,15 @@ int main(int argc, char** argv) {
   for (const sim::Variable& variable : machine.variables)
     environment.PresetVariable(variable.name, variable.guid, variable.attributes, variable.data);
 
-  RunEnd runEnd{options.flashFile, &simulator, trace.get()};
+  RunEnd runEnd{options.flashFile, &simulator, trace.get(), &environment};
   environment.SetKeysExhaustedHandler([&runEnd] { runEnd.Exit(emu::kExitNoKeysLeft); });
   environment.SetResetHandler([&runEnd](EFI_RESET_TYPE type) {
     std::fprintf(stderr, "zaprom-sim: the tool asked for a %s; the run ends here\n", ResetName(type));
     runEnd.Exit(0);
   });
   // A real machine stops dead: what the flash holds at that moment is what the file gets.
-  simulator.SetPowerLossHandler([&runEnd] {
+  simulator.SetPowerLossHandler([&runEnd, &environment] {
+    environment.FlushConsole();
     std::fflush(stdout);
     std::fputs(kPowerLostMessage, stderr);
     runEnd.Exit(kExitPowerLost);

@@ -29,7 +29,7 @@ TEST(EmuConsole, RendersAttributesCursorAndClearAsTerminalEscapesOnlyWhenAsked) 
   };
   const Row rows[] = {
       {true, "\x1b[97;41m\x1b[3;6HHi\r\n\x1b[37;40m\x1b[2J\x1b[Hok"},
-      {false, "Hi\r\nok"},
+      {false, "     Hi\nok"},
   };
   for (const Row& row : rows) {
     Captured out;
@@ -46,6 +46,53 @@ TEST(EmuConsole, RendersAttributesCursorAndClearAsTerminalEscapesOnlyWhenAsked) 
     con->OutputString(con, u"ok");
     EXPECT_EQ(out.Text(), row.expected);
     EXPECT_EQ(environment.ConsoleTranscript(), "Hi\r\nok");
+  }
+}
+
+// A plain stream shows a row written at a set position once, as it looks when the tool leaves it.
+TEST(EmuConsole, PlainStreamWritesARedrawnRowOnceWhenItIsDone) {
+  struct Step {
+    int column = -1;  // -1: no cursor move before the text
+    int row = 0;
+    const char16_t* text = u"";
+    bool key = false;    // poll for a key after the text
+    bool clear = false;  // clear the screen after the text
+  };
+  struct Row {
+    const char* what;
+    std::vector<Step> steps;
+    std::string expected;
+  };
+  const Row rows[] = {
+      {"a percentage redrawn in place, then a line feed",
+       {{-1, 0, u"go\r\n"}, {4, 1, u" 1%"}, {4, 1, u" 2%"}, {0, 1, u"\r##"}, {4, 1, u"100%"}, {-1, 0, u"\r\ndone"}},
+       "go\r\n##  100%\ndone"},
+      {"a move to another row ends the held one", {{2, 3, u"ab"}, {0, 5, u"cd"}, {-1, 0, u"\n"}}, "  ab\r\ncd\n"},
+      {"a clear shows the held row first", {{1, 0, u"x", false, true}, {-1, 0, u"y"}}, " x\r\ny"},
+      {"a wait for a key shows the prompt", {{0, 2, u"Y/N?", true}, {-1, 0, u" later"}}, "Y/N? later"},
+      {"a held row that is full goes on as flowing text",
+       {{78, 0, u"abcd"}}, std::string(78, ' ') + "abcd"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    Captured out;
+    emu::Options options = OptionsWithVolumes({});
+    options.consoleOut = out.stream;
+    options.keys = "y";
+    {
+      emu::Environment environment(options);
+      EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* con = environment.SystemTable()->ConOut;
+      for (const Step& step : row.steps) {
+        if (step.column >= 0) con->SetCursorPosition(con, step.column, step.row);
+        con->OutputString(con, step.text);
+        if (step.clear) con->ClearScreen(con);
+        if (step.key) {
+          EFI_INPUT_KEY key{};
+          environment.SystemTable()->ConIn->ReadKeyStroke(environment.SystemTable()->ConIn, &key);
+        }
+      }
+    }  // the end of the environment writes out what is still held
+    EXPECT_EQ(out.Text(), row.expected);
   }
 }
 
