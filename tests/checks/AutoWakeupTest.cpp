@@ -154,6 +154,7 @@ TEST(AutoWakeup, RunsThatMustNotWakeLeaveTheClockAlone) {
     EFI_STATUS timeStatus;
     bool armed;
     std::string lastTrace;
+    uint8_t hour = 10;  // of the firmware's time
   };
   const Row rows[] = {
       {"reboot without -s", 2, false, 120, EFI_SUCCESS, false, " action |NOT| shutdown\r\n"},
@@ -166,11 +167,17 @@ TEST(AutoWakeup, RunsThatMustNotWakeLeaveTheClockAlone) {
        "[AutoWakeup] interval 4294967295 more than a day, alarm not set\r\n"},
       {"no time from the firmware", 1, false, 120, EFI_DEVICE_ERROR, false,
        "[AutoWakeup] GetTime Device Error, alarm not set\r\n"},
+      {"a firmware time that is no time of day", 1, false, 120, EFI_SUCCESS, false,
+       "[AutoWakeup] enable 24:00:00\r\n[AutoWakeup] time 24:0:0 out of range, alarm not set\r\n", 24},
+      // The action decides first, whatever the time.
+      {"reboot, with a time out of range", 2, false, 120, EFI_SUCCESS, false,
+       "[AutoWakeup] enable 24:00:00\r\n action |NOT| shutdown\r\n", 24},
   };
   for (const Row& row : rows) {
     EXPECT_EQ(0, RunIsolated([&] {
                 FakeFirmware fw;
                 ClockBench bench(10, 0, 0, false);
+                gNow.Hour = row.hour;
                 gTimeStatus = row.timeStatus;
                 FakeFirmware::MutableSettings().flashComplete.action = row.action;
                 FakeFirmware::MutableFlags().shutdown = row.shutdownOption;

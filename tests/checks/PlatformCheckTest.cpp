@@ -263,7 +263,9 @@ TEST(PlatformCheck, ModelsCompareWholeOrAgainstTheList) {
        kCheckNoListMatch,
        1},
       {"list: all empty", 2, {"", ""}, "DV-REF1000", "DV-REF1000", kCheckNoListMatch, -1},
-      {"list: 255 characters of a name take part", 2, {longName + "B"}, "X", longName, 0, 0},
+      // A name is compared whole, however long: one that only begins with the model is another.
+      {"list: a longer name is no match", 2, {longName + "B"}, "X", longName, kCheckNoListMatch, 0},
+      {"list: a long name compares whole", 2, {"NB-7", longName + "B"}, "X", longName + "B", 0, 1},
   };
   for (const Row& row : rows) {
     Isolated(row.what, [&] {
@@ -453,6 +455,13 @@ TEST(PlatformCheck, RefusalsAndPassesOnOtherVendors) {
   noModelMark.modelMark = false;
   ImageSpec noBvdt;
   noBvdt.bvdt = false;
+  const Prepare listWithout = [](FlashSettings& s, CommandFlags&) {
+    s.platformCheck.flag = 2;
+    s.platformVersion.flag = 1;
+    SetList(s, {{"NB-7", "L1.00"}, {"", "L2.00"}, {"NB-9", "L3.00"}});
+  };
+  // A version that fills its 24 bytes has no terminator before the model's '$'.
+  const std::string fullVersion(24, '9');
   ImageSpec marked = Image("V1.03");
   marked.antiTheftMarker = true;
 
@@ -473,6 +482,10 @@ TEST(PlatformCheck, RefusalsAndPassesOnOtherVendors) {
        "DV-REF1000", "V1.03", ""},
       {"Flag 2 list names the platform, the image's model plays no part", WithPolicy(0), list,
        Image("V1.03", "DV-OTHER"), 0, "", "DV-OTHER", "L2.00", ""},
+      {"Flag 2 list without the platform shows the last pair's version", WithPolicy(0), listWithout,
+       Image("V1.03"), kCheckOlder, kNoListMatch, "DV-REF1000", "L3.00", ""},
+      {"a version that fills its field ends there", WithPolicy(0x02), kNothing, Image(fullVersion), 0, "",
+       "DV-REF1000", fullVersion, ""},
       {"model field without '$': the shown model is compared", WithPolicy(0x01), kNothing, noModelMark, kCheckOlder,
        kModelMismatch, "DV-OTHER", "V1.03", ""},
       {"older image", WithPolicy(0x02), kNothing, Image("V1.01"), kCheckOlder, kNotNewer, "DV-REF1000", "V1.01", ""},

@@ -87,6 +87,11 @@ TEST(VersionCompare, FormatComparesByPosition) {
     std::string currentVersion;
     Sorts expected;
   };
+  // Long formats and versions take part whole: nothing is cut to a buffer's size.
+  const std::string longFormat(300, 'N');
+  const std::string longVersion(300, '1');
+  const std::string longNewer = std::string(280, '1') + "2" + std::string(19, '1');
+  const std::string longLead = std::string(290, 'D') + "NN";  // L 292, C 2
   const Row rows[] = {
       {"N.NND", "1.22", "1.21B", Sorts::Newer},  // C 4, L 5: 1.22 against 1.21
       {"N.NND", "1.21", "1.22B", Sorts::Older},
@@ -112,26 +117,17 @@ TEST(VersionCompare, FormatComparesByPosition) {
       {"NZN", "1a2", "1a2", Sorts::Invalid},  // a character the format does not know
       {"nn", "12", "12", Sorts::Invalid},     // the letters are upper case only
       {"TN", "A1", "a2", Sorts::Older},
+      {longFormat, longNewer, longVersion, Sorts::Newer},  // the difference at 280 counts
+      {longFormat, std::string(255, '1'), std::string(255, '1'), Sorts::Invalid},  // C is 300
+      {std::string(255, 'N'), longVersion, longVersion, Sorts::Invalid},  // longer than L
+      {longLead, "V1.12", "V1.13", Sorts::Older},  // the last two behind 290 'D's
+      {longLead, std::string(293, 'A'), "13", Sorts::Invalid},
   };
   for (const Row& row : rows) {
     Sorts got = Classify(BiosVerFmtCmp(row.format.c_str(), row.newVersion.c_str(), row.currentVersion.c_str()));
     EXPECT_EQ(got, row.expected) << row.format << ": '" << row.newVersion << "' against '" << row.currentVersion
                                  << "': " << Name(got);
   }
-}
-
-TEST(VersionCompare, FormatAndVersionsTakePartWithTheirFirst255Characters) {
-  // 300 'N's and versions of 300 characters: all three are cut to 255, so a difference at
-  // position 280 is not seen and nothing is read beyond the copies.
-  const std::string format(300, 'N');
-  std::string newer(300, '1');
-  std::string current(300, '1');
-  newer[280] = '2';
-  EXPECT_EQ(BiosVerFmtCmp(format.c_str(), newer.c_str(), current.c_str()), 0);
-  newer[200] = '0';
-  EXPECT_EQ(BiosVerFmtCmp(format.c_str(), newer.c_str(), current.c_str()), kCheckOlder);
-  // A format cut to 255 'N's takes versions of 255 characters, but not of 254.
-  EXPECT_EQ(BiosVerFmtCmp(format.c_str(), std::string(254, '1').c_str(), current.c_str()), kCheckFormatInvalid);
 }
 
 }  // namespace

@@ -70,16 +70,17 @@ Bool ArmAutoWakeup(UINT32 interval) {
     return Refuse(kReasonNoTime);
   }
   LogPrint(kLogDetail, kTraceEnable, (UINT32)now.Hour, (UINT32)now.Minute, (UINT32)now.Second);
-  // A firmware time that is no time of day would give alarm values the clock cannot match.
-  if (now.Hour > 23 || now.Minute > 59 || now.Second > 59) {
-    LogPrint(kLogDetail, kTraceBadTime, (UINT32)now.Hour, (UINT32)now.Minute, (UINT32)now.Second);
-    return Refuse(kReasonNoTime);
-  }
 
   // Step 2: a machine that reboots or stays on needs no wake-up.
   if (Settings()->flashComplete.action != kFinishActionShutdown && !OptionShutdown()) {
     LogPrint(kLogDetail, kTraceNotShutdown);
     return Refuse(kReasonNotShutdown);
+  }
+
+  // A firmware time that is no time of day would give alarm values the clock cannot match.
+  if (now.Hour > 23 || now.Minute > 59 || now.Second > 59) {
+    LogPrint(kLogDetail, kTraceBadTime, (UINT32)now.Hour, (UINT32)now.Minute, (UINT32)now.Second);
+    return Refuse(kReasonNoTime);
   }
 
   // The alarm has no date: an interval of more than a day cannot be honoured, and reducing it

@@ -106,10 +106,20 @@ Bool EcCommandInForce() {
   return flags->ecbp || flags->ecb || (!secure && (flags->ecp || flags->ec));
 }
 
+// The list's text length. After a 19h call the list holds the firmware's answer, which need not
+// end in a zero anywhere, so the count stops at the list's end.
+UINTN OemListLength() {
+  UINTN length = 0;
+  while (length < kOemListBytes && gOemParameterList[length] != 0) {
+    ++length;
+  }
+  return length;
+}
+
 // Puts 0xFF behind the collected words and turns every '#' into the zero that ends a word, so
 // that an empty list goes out as 00 FF.
 VOID CloseOemList() {
-  UINTN length = StrLen8(gOemParameterList);
+  UINTN length = OemListLength();
   if (length > kOemListTextLimit) {
     length = kOemListTextLimit;
   }
@@ -254,7 +264,7 @@ VOID AddOemParameter(CHAR16* word) {
       word[i] = (CHAR16)(word[i] - u'a' + u'A');
     }
   }
-  UINTN used = StrLen8(gOemParameterList);
+  UINTN used = OemListLength();
   UINTN length = StrLen16(word);
   // A word that does not fit is left out whole: a cut word would be another word to the firmware.
   if (used + length + 1 > kOemListTextLimit) {

@@ -113,13 +113,19 @@ const PlatformInfo& CurrentPlatform() {
   return gCheck.platform;
 }
 
-VOID CopyAscii(CHAR8* out, UINTN capacity, const CHAR8* text) {
-  UINTN length = 0;
-  while (text != nullptr && length + 1 < capacity && text[length] != 0) {
-    out[length] = text[length];
-    ++length;
+// A name of the [Platform_Check] list against the current model, as whole texts. The name is
+// read where the settings hold it, never cut to the length of a model copy: a longer name must
+// not match the model it begins with. A name with no terminator in its field matches nothing.
+Bool ListNameEquals(const CHAR8* name, const CHAR8* current) {
+  for (UINTN i = 0; i < kIniTextBytes; ++i) {
+    if (name[i] != current[i]) {
+      return false;
+    }
+    if (name[i] == 0) {
+      return true;
+    }
   }
-  out[length] = 0;
+  return false;
 }
 
 // Whole texts, byte by byte, case-sensitive, nothing trimmed.
@@ -331,15 +337,14 @@ INT32 PlatformCmp(const CHAR8* newModel, const CHAR8* currentModel, INT32* match
   }
   // The list alone decides; the image's own model plays no part.
   for (UINTN index = 0; index < kCheckListEntries; ++index) {
-    CHAR8 name[kTextBytes];
-    CopyAscii(name, kTextBytes, settings->platformCheck.platformName[index]);
+    const CHAR8* name = settings->platformCheck.platformName[index];
     if (name[0] == 0) {
       continue;
     }
     if (matchIndex != nullptr) {
       *matchIndex = (INT32)index;
     }
-    if (TextsEqual(name, current)) {
+    if (ListNameEquals(name, current)) {
       return 0;
     }
   }
@@ -355,8 +360,7 @@ VOID MultiPlatformCompare(const CHAR16** newModel, const CHAR16** newVersion) {
     CHAR8 current[kTextBytes];
     UnicodeToAscii(current, kTextBytes, CurrentPlatform().modelName);
     for (UINTN index = 0; index < kCheckListEntries; ++index) {
-      CHAR8 name[kTextBytes];
-      CopyAscii(name, kTextBytes, settings->platformCheck.platformName[index]);
+      const CHAR8* name = settings->platformCheck.platformName[index];
       if (name[0] == 0) {
         continue;
       }
@@ -364,7 +368,7 @@ VOID MultiPlatformCompare(const CHAR16** newModel, const CHAR16** newVersion) {
       if (settings->platformVersion.flag == kUseVersionListFlag) {
         SetShownVersion(settings->platformVersion.version[index]);
       }
-      if (TextsEqual(name, current)) {
+      if (ListNameEquals(name, current)) {
         break;
       }
     }

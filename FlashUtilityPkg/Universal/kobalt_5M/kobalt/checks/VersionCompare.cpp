@@ -5,7 +5,8 @@
 
 namespace {
 
-// Each version is worked on in a private copy; longer texts take part with their first 255.
+// The dotted compare works on a private copy of each version; longer texts take part with their
+// first 255 characters.
 constexpr UINTN kCopyCharacters = 255;
 constexpr UINTN kCopyBytes = kCopyCharacters + 1;
 // A copy of 255 characters holds at most 128 fields, and each field becomes "." and at most ten
@@ -113,6 +114,26 @@ INT32 CompareBytes(const CHAR8* newer, const CHAR8* current, UINTN count) {
 
 CHAR8 FoldCase(CHAR8 c) { return (c >= 'A' && c <= 'Z') ? (CHAR8)(c - 'A' + 'a') : c; }
 
+// The length of text, counted no further than limit.
+UINTN BoundedLength(const CHAR8* text, UINTN limit) {
+  UINTN length = 0;
+  while (length < limit && text[length] != 0) {
+    ++length;
+  }
+  return length;
+}
+
+Bool IsComparedPosition(CHAR8 kind) { return kind == 'X' || kind == '.' || kind == 'N' || kind == 'T'; }
+
+// A version character as its format position sees it: 'X' and '.' make any two equal, 'T' folds
+// case, 'N' keeps the character as it is.
+CHAR8 PrepareCharacter(CHAR8 kind, CHAR8 c) {
+  if (kind == 'X' || kind == '.') {
+    return '.';
+  }
+  return kind == 'T' ? FoldCase(c) : c;
+}
+
 }  // namespace
 
 INT32 BiosVerCmp(const CHAR8* newVersion, const CHAR8* currentVersion) {
@@ -124,15 +145,15 @@ INT32 BiosVerCmp(const CHAR8* newVersion, const CHAR8* currentVersion) {
 }
 
 INT32 BiosVerFmtCmp(const CHAR8* format, const CHAR8* newVersion, const CHAR8* currentVersion) {
-  CHAR8 pattern[kCopyBytes];
-  CHAR8 newer[kCopyBytes];
-  CHAR8 current[kCopyBytes];
-  CopyBounded(pattern, format);
-  CopyBounded(newer, newVersion);
-  CopyBounded(current, currentVersion);
+  // The texts are read where they stand, not through copies of a fixed size: the format's length
+  // decides which versions fit, and a cut format would take versions that the whole one refuses.
+  const CHAR8* pattern = format != nullptr ? format : "";
+  const CHAR8* newer = newVersion != nullptr ? newVersion : "";
+  const CHAR8* current = currentVersion != nullptr ? currentVersion : "";
   UINTN formatLength = StrLen8(pattern);
-  UINTN newLength = StrLen8(newer);
-  UINTN currentLength = StrLen8(current);
+  // A version longer than the format never fits, so it is measured no further than one past it.
+  UINTN newLength = BoundedLength(newer, formatLength + 1);
+  UINTN currentLength = BoundedLength(current, formatLength + 1);
 
   // A format that opens with 'D's skips those leading characters of a right-aligned version;
   // otherwise every 'D' of the format is a trailing character that is not compared.
@@ -155,28 +176,17 @@ INT32 BiosVerFmtCmp(const CHAR8* format, const CHAR8* newVersion, const CHAR8* c
   }
 
   const CHAR8* positions = pattern + lead;
-  CHAR8* newPart = lead > 0 ? newer + (newLength - compared) : newer;
-  CHAR8* currentPart = lead > 0 ? current + (currentLength - compared) : current;
   for (UINTN i = 0; i < compared; ++i) {
-    switch (positions[i]) {
-      case 'X':
-      case '.':
-        newPart[i] = '.';
-        currentPart[i] = '.';
-        break;
-      case 'N':
-        break;
-      case 'T':
-        newPart[i] = FoldCase(newPart[i]);
-        currentPart[i] = FoldCase(currentPart[i]);
-        break;
-      default:
-        // 'D' inside the compared positions, or a character the format does not know.
-        return kCheckFormatInvalid;
+    // 'D' inside the compared positions, or a character the format does not know.
+    if (!IsComparedPosition(positions[i])) {
+      return kCheckFormatInvalid;
     }
   }
+  const CHAR8* newPart = lead > 0 ? newer + (newLength - compared) : newer;
+  const CHAR8* currentPart = lead > 0 ? current + (currentLength - compared) : current;
   for (UINTN i = 0; i < compared; ++i) {
-    INT32 difference = (INT32)(UINT8)newPart[i] - (INT32)(UINT8)currentPart[i];
+    INT32 difference = (INT32)(UINT8)PrepareCharacter(positions[i], newPart[i]) -
+                       (INT32)(UINT8)PrepareCharacter(positions[i], currentPart[i]);
     if (difference != 0) {
       return difference < 0 ? kCheckOlder : difference;
     }
