@@ -147,6 +147,13 @@ TEST(CommandLine, ArgumentsBecomeImageNameAndOptionText) {
       {"32 characters do not", {longWord}, false, "", " " + longWord, "Error command: " + longWord + " (Invalid command)\r\n"},
       {"first refusal ends the line", {"-r", "-zz", "-q"}, false, "", " -r -zz -q", "Error command: -zz (Invalid command)\r\n"},
       {"text cut at 511 characters", {huge}, false, "", " " + huge.substr(0, 510), "Error command: " + huge.substr(0, 100)},
+      // -OemCus takes its word off the line; a refused word stops before any option is read.
+      {"-OemCus takes its word", {"BIOS.fd", "-OemCus", "cus1", "-n"}, true, "BIOS.fd", " -OemCus -n", ""},
+      {"/oemcus in any case, twice", {"/OEMCUS", "CUSx", "-oemcus", "Cus2"}, true, "", " /OEMCUS -oemcus", ""},
+      {"a word without the prefix", {"BIOS.fd", "-OemCus", "XCUS1", "-n"}, false, "BIOS.fd", "?",
+       "\r\n\r\n\r\n\r\n    Error:\r\n    Invalid parameter \"XCUS1\".\r\n    The parameter have to with prefix \"CUS\".\r\n\r\n"},
+      {"a word shorter than the prefix", {"-OemCus", "CU"}, false, "", "?", "Invalid parameter \"CU\"."},
+      {"-OemCus at the end", {"-n", "-OemCus"}, false, "", "?", "    Invalid parameter \"\".\r\n"},
   };
   for (const auto& row : rows) {
     auto body = [&] {

@@ -1,6 +1,7 @@
 // The command line of ShellFlashMain: arguments into one option text, the text into tokens, each
 // token into CommandFlags by the option table, and the text helpers that serve it. What an option
 // then does is the business of the step that reads its flag; the filters live in Filters.cpp.
+#include "checks/Checks.h"
 #include "config/Config.h"
 #include "frame/Frame.h"
 #include "oblis/Oblis.h"
@@ -26,6 +27,13 @@ constexpr CHAR16 kTraceVrt[] = u" Command -vrt count %2X\r\n";
 constexpr CHAR16 kTraceEdtRaw[] = u"raw command (%s)\r\n";
 constexpr CHAR16 kWarningEdtType[] = u"Warning - Type code error. (0x4-0xC)\r\n";
 constexpr CHAR16 kWarningEdtFormat[] = u"Warning - Format code error.\r\n";
+
+constexpr CHAR16 kOemCusOption[] = u"OemCus";
+constexpr CHAR16 kOemCusPrefix[] = u"CUS";
+constexpr INT32 kOemCusPrefixCharacters = 3;
+constexpr CHAR16 kTraceOemCus[] = u"Command -oemcus (%s)\r\n";
+constexpr CHAR16 kErrorOemCusPrefix[] =
+    u"\r\n\r\n\r\n\r\n    Error:\r\n    Invalid parameter \"%s\".\r\n    The parameter have to with prefix \"CUS\".\r\n\r\n";
 
 // How the compare of a row ends: the token must end with the literal, or anything may follow.
 enum class Form : UINT8 { Exact, Prefix };
@@ -232,6 +240,29 @@ Bool RefuseToken(const CHAR16* token) {
   return false;
 }
 
+// -OemCus takes the next argument as a word for the firmware's parameter list; the word is
+// blanked so that the option reader never sees it. Every -OemCus on the line counts.
+Bool ParseOemCus(CHAR16** arguments, UINT32 count) {
+  for (UINT32 i = 1; i < count; i++) {
+    const CHAR16* argument = arguments[i];
+    if (argument == nullptr || (argument[0] != u'-' && argument[0] != u'/') ||
+        !MatchText(false, argument + 1, kOemCusOption, -1)) {
+      continue;
+    }
+    CHAR16* parameter = i + 1 < count ? arguments[i + 1] : nullptr;
+    if (parameter == nullptr || !MatchText(false, parameter, kOemCusPrefix, kOemCusPrefixCharacters)) {
+      PrintBanner(true);
+      Print(kErrorOemCusPrefix, parameter != nullptr ? parameter : u"");
+      return false;
+    }
+    LogPrint(kLogDetail, kTraceOemCus, parameter);
+    AddOemParameter(parameter);
+    parameter[0] = 0;
+    i++;
+  }
+  return true;
+}
+
 }  // namespace
 
 Bool MatchText(Bool caseSensitive, const CHAR16* text, const CHAR16* literal, INT32 count) {
@@ -347,11 +378,15 @@ Bool ParseCommandLine(CHAR16* imageName, CHAR16* commandText) {
     count = 0;
   }
 
-  // Package mode (its own filter ChkFilterArg_pkg, the -OemCus and -extrFD parameters, and its
-  // option text behind the user's) comes with the package work; every run here is a plain one.
+  // Package mode (its own filter ChkFilterArg_pkg, the -extrFD parameter, and its option text
+  // behind the user's) comes with the package work; every run here is a plain one.
   imageName[0] = 0;
   if (count >= 2 && arguments[1] != nullptr && arguments[1][0] != u'-' && arguments[1][0] != u'/') {
     StrCopy16(imageName, kImageNameCharacters, arguments[1]);
+  }
+  if (!ParseOemCus(arguments, count)) {
+    TraceLeave(kParseCommandLineName, nullptr);
+    return false;
   }
 
   // The working text starts with a blank; what does not fit is cut off.
