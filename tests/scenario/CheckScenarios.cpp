@@ -15,21 +15,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr uint32_t kBvdt = 0x890000;         // the default flash keeps its BVDT here
-constexpr uint32_t kChangedByte = 0xA00000;  // inside DXE: an accepted image writes this block
-const std::string kNothingWritten =
-    "zaprom-sim: 0 blocks compared equal, 0 written, 0 verified, 0 protected, modelled time 0.00 s\n";
-
-Bytes DefaultFlash() {
-  static Bytes flash;
-  if (flash.empty()) {
-    SimRequest request;
-    request.arguments = {"-h"};
-    flash = RunSim(request).flash;
-  }
-  return flash;
-}
-
 struct Identity {
   std::string version = "V1.03";
   std::string model = "DV-REF1000";
@@ -45,13 +30,13 @@ void PutField(Bytes& image, uint32_t at, size_t bytes, const std::string& text) 
 // The default content with a changed DXE block and the given identity in its BVDT.
 Bytes MakeImage(const Identity& id) {
   Bytes image = DefaultFlash();
-  image[kChangedByte] ^= 0x5A;
-  PutField(image, kBvdt + 0x0E, 24, id.version);
-  PutField(image, kBvdt + 0x27, 25, id.model);
-  if (!id.versionMark) image[kBvdt + 0x0D] = 0;
+  image[kDxeByte] ^= 0x5A;
+  PutField(image, kDefaultBvdt + 0x0E, 24, id.version);
+  PutField(image, kDefaultBvdt + 0x27, 25, id.model);
+  if (!id.versionMark) image[kDefaultBvdt + 0x0D] = 0;
   if (id.antiTheftMarker) {
     const std::string marker = "pTA$";
-    std::copy(marker.begin(), marker.end(), image.begin() + kChangedByte + 0x100);
+    std::copy(marker.begin(), marker.end(), image.begin() + kDxeByte + 0x100);
   }
   return image;
 }
@@ -64,7 +49,7 @@ Identity Id(std::string version, std::string model = "DV-REF1000") {
 }
 
 std::string FlashVersion(const Bytes& flash) {
-  std::string text(flash.begin() + kBvdt + 0x0E, flash.begin() + kBvdt + 0x0E + 24);
+  std::string text(flash.begin() + kDefaultBvdt + 0x0E, flash.begin() + kDefaultBvdt + 0x0E + 24);
   return text.substr(0, text.find('\0'));
 }
 
@@ -314,7 +299,7 @@ TEST(CheckScenarios, WhatTheChecksLetThrough) {
     EXPECT_EQ(result.exitCode, 0) << result.console << result.errors;
     EXPECT_EQ(FromDisplay(result).substr(0, row.display.size()), row.display);
     EXPECT_NE(result.console.find("Update Progress: Completed"), std::string::npos);
-    EXPECT_EQ(result.flash[kChangedByte], image[kChangedByte]);
+    EXPECT_EQ(result.flash[kDxeByte], image[kDxeByte]);
     EXPECT_EQ(FlashVersion(result.flash), FlashVersion(image));
   }
 }
@@ -397,7 +382,7 @@ TEST(CheckScenarios, DellDialoguesWithScriptedKeys) {
     EXPECT_EQ(result.exitCode, row.written ? 0 : 1) << result.console << result.errors;
     EXPECT_EQ(FromDisplay(result).substr(0, display.size() + row.prompts.size()), display + row.prompts);
     if (row.written) {
-      EXPECT_EQ(result.flash[kChangedByte], image[kChangedByte]);
+      EXPECT_EQ(result.flash[kDxeByte], image[kDxeByte]);
       EXPECT_EQ(FlashVersion(result.flash), row.image.version);
     } else {
       EXPECT_EQ(FromDisplay(result), display + row.prompts + "\n" + kNothingWritten);

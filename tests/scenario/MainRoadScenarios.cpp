@@ -36,15 +36,6 @@ bool InKept(uint32_t offset) {
 }
 
 // The flash the default machine starts with, as a run leaves it untouched.
-Bytes DefaultFlash() {
-  static Bytes flash;
-  if (flash.empty()) {
-    SimResult result = RunSim({"", {"-h"}, "", {}, {}});
-    flash = result.flash;
-  }
-  return flash;
-}
-
 // A new image: the default content with the BIOS region rewritten (a pattern in every block of
 // the upper half, the BVDT block's version changed) and the kept ranges filled with junk that
 // must never reach the flash.

@@ -4,6 +4,7 @@
 // writer.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -19,12 +20,6 @@ constexpr uint32_t kRomSize = 0x1000000;
 constexpr uint32_t kBvdtVersionAt = 0x890000 + 0x0E;
 
 std::string Text(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
-
-Bytes DefaultFlash() {
-  static Bytes flash;
-  if (flash.empty()) flash = RunSim({"", {"-h"}, "", {}, {}}).flash;
-  return flash;
-}
 
 // The default content with a new version and a pattern through the upper BIOS area.
 Bytes NewFlashImage() {
@@ -43,9 +38,9 @@ void AppendSlot(Bytes& out, const std::string& tag, const Bytes& data, uint32_t 
   Append(out, tag);
   AppendU32(out, capacity);
   AppendU32(out, static_cast<uint32_t>(data.size()));
-  Bytes area = data;
-  area.resize(capacity, 0);
-  out.insert(out.end(), area.begin(), area.end());
+  const size_t start = out.size();
+  out.resize(start + capacity, 0);
+  std::copy_n(data.begin(), std::min<size_t>(data.size(), capacity), out.begin() + start);
 }
 
 // A signed container as the packing step leaves it: code in front, the secure-image record, the
@@ -54,7 +49,7 @@ Bytes SecureImage(const Bytes& payload, bool signedByThisGeneration, const Bytes
   Bytes image(0xD80, 0x90);
   const uint8_t record[] = {'$',  'I',  'S',  'B',  0x33, 0x38, 0xA1, 0xDD, 0x42, 0xC3,
                             0xAE, 0x4E, 0xB5, 0xC9, 0xC2, 0xD7, 0xD6, 0x13, 0xDB, 0xB8};
-  image.insert(image.end(), std::begin(record), std::end(record));
+  for (uint8_t b : record) image.push_back(b);
   AppendSlot(image, "$_KOBALT_EC_IMG_", ec, ec.empty() ? 4 : static_cast<uint32_t>(ec.size()));
   AppendSlot(image, "$_KOBALT_BIOSIMG", payload, static_cast<uint32_t>(payload.size()));
   AppendSlot(image, "$_KOBALT_INI_IMG", {}, 0x100);

@@ -47,6 +47,15 @@ std::vector<std::string> SimResult::FunctionOrder() const {
   return order;
 }
 
+const std::vector<uint8_t>& DefaultFlash() {
+  static const std::vector<uint8_t> flash = [] {
+    SimRequest request;
+    request.arguments = {"-h"};
+    return RunSim(request).flash;
+  }();
+  return flash;
+}
+
 size_t FindFrom(const std::string& haystack, const std::string& needle, size_t from) {
   if (from == std::string::npos) {
     return std::string::npos;

@@ -42,5 +42,15 @@ struct SimResult {
 
 SimResult RunSim(const SimRequest& request);
 
+// The embedded default machine's flash as a run leaves it untouched (read once, then kept).
+const std::vector<uint8_t>& DefaultFlash();
+// Where that flash keeps its BVDT (in the OEM data region), and a byte inside DXE that an
+// accepted image built from the default content changes.
+constexpr uint32_t kDefaultBvdt = 0x890000;
+constexpr uint32_t kDxeByte = 0xA00000;
+// zaprom-sim's summary line of a run that wrote nothing.
+inline const std::string kNothingWritten =
+    "zaprom-sim: 0 blocks compared equal, 0 written, 0 verified, 0 protected, modelled time 0.00 s\n";
+
 // Position of needle in haystack at or after from, or npos: for "this text, then that text".
 size_t FindFrom(const std::string& haystack, const std::string& needle, size_t from);

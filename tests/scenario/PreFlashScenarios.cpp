@@ -1,0 +1,419 @@
+// Whole shell runs that the firmware conversation and the power check decide before the first
+// block: the CommonFlash gate with the blocks the firmware receives and its refusals, the 19h word
+// list on the wire, the power boxes, the -u question, and the wake-up alarm after a shutdown run.
+// Every refusal leaves the flash as it was and makes no 15h call.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "SimRun.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+const std::string kBannerEnd = "All rights reserved.\r\n";
+
+// The default content with one DXE block changed and a newer version in its BVDT.
+Bytes NewImage() {
+  static Bytes image;
+  if (image.empty()) {
+    image = DefaultFlash();
+    image[kDxeByte] ^= 0x5A;
+    const std::string version = "V1.03";
+    std::copy(version.begin(), version.end(), image.begin() + kDefaultBvdt + 0x0E);
+  }
+  return image;
+}
+
+SimResult RunTool(const std::string& machine, std::vector<std::string> options, const std::string& ini = "",
+                  const std::string& keys = "") {
+  const Bytes image = NewImage();
+  SimRequest request;
+  request.machineJson = machine;
+  request.arguments = {"new.bin"};
+  request.arguments.insert(request.arguments.end(), options.begin(), options.end());
+  request.keys = keys;
+  request.flash = DefaultFlash();
+  request.volumeFiles = {{"new.bin", std::string(image.begin(), image.end())}};
+  if (!ini.empty()) request.volumeFiles.push_back({"platform.ini", ini});
+  return RunSim(request);
+}
+
+bool FlashUnchanged(const SimResult& result) { return result.flash == DefaultFlash(); }
+bool FlashUpdated(const SimResult& result) { return result.flash[kDxeByte] == NewImage()[kDxeByte]; }
+
+size_t Count(const SimResult& result, const std::string& fn) {
+  return std::count_if(result.calls.begin(), result.calls.end(), [&](const SmiCall& c) { return c.fn == fn; });
+}
+
+const SmiCall* First(const SimResult& result, const std::string& fn) {
+  for (const SmiCall& call : result.calls)
+    if (call.fn == fn) return &call;
+  return nullptr;
+}
+
+// The console behind the short banner and the blank lines that follow it.
+std::string AfterBanner(const SimResult& result) {
+  size_t at = result.console.find(kBannerEnd);
+  if (at == std::string::npos) return "(no banner) " + result.console;
+  at += kBannerEnd.size();
+  while (at < result.console.size() && (result.console[at] == '\r' || result.console[at] == '\n')) ++at;
+  return result.console.substr(at);
+}
+
+std::string Hex(const std::string& text) {
+  std::string out;
+  char pair[4];
+  for (unsigned char c : text) {
+    std::snprintf(pair, sizeof(pair), out.empty() ? "%02X" : " %02X", c);
+    out += pair;
+  }
+  return out;
+}
+std::string Join(std::initializer_list<std::string> parts) {
+  std::string all;
+  for (const std::string& p : parts) {
+    if (p.empty()) continue;
+    all += (all.empty() ? "" : " ") + p;
+  }
+  return all;
+}
+
+// ---- CommonFlash ----
+
+const std::string kOnBatteryBelowLimit = R"("status": {"ac": 0, "dc": 10, "bound": 20})";
+
+std::string CommonFlashMachine(int permit, int message, int action, const std::string& status = kOnBatteryBelowLimit) {
+  return "{" + status + R"(, "common_flash": {"permit": )" + std::to_string(permit) +
+         R"(, "message": )" + std::to_string(message) + R"(, "action": )" + std::to_string(action) + "}}";
+}
+
+TEST(PreFlashScenarios, CommonFlashRefusalShowsTheFirmwaresMessageAndNoPowerBox) {
+  const std::string longText(600, 'L');
+  struct Row {
+    const char* what;
+    int permit, message;
+    std::string slots;  // ErrorMsg lines of [CommonFlash]
+    std::string shown;
+  };
+  const std::vector<Row> rows = {
+      {"permit 0 with its slot filled", 0, 3, "ErrorMsg03=Battery below limit\r\n",
+       "Warning!\r\nBattery below limit\r\n"},
+      {"permit 2 is no permission", 2, 3, "ErrorMsg03=Battery below limit\r\n", "Warning!\r\nBattery below limit\r\n"},
+      {"slot numbers are hexadecimal: 0x13 is the last", 0, 0x13, "ErrorMsg19=decimal\r\nErrorMsg13=Last slot\r\n",
+       "Warning!\r\nLast slot\r\n"},
+      {"a letter digit in either case", 0, 0x0A, "ErrorMsg0A=Tenth slot\r\n", "Warning!\r\nTenth slot\r\n"},
+      {"a long slot is shown whole", 0, 1, "ErrorMsg01=" + longText + "\r\n", "Warning!\r\n" + longText + "\r\n"},
+      {"an empty slot", 0, 5, "ErrorMsg03=Battery below limit\r\n", "Not allow flash.\r\nMessage Number: 0x05"},
+      {"a slot left empty on purpose", 0, 3, "ErrorMsg03=\r\n", "Not allow flash.\r\nMessage Number: 0x03"},
+      {"message 0x14 is beyond the slots", 0, 0x14, "ErrorMsg03=Battery below limit\r\n",
+       "Not allow flash.\r\nMessage Number: 0x14"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    const std::string ini = "[CommonFlash]\r\nSwitchString=ACDIS\r\n" + row.slots;
+    // On battery below the limit and with -acb: the gate has taken power over, no box appears.
+    SimResult result = RunTool(CommonFlashMachine(row.permit, row.message, 3), {"-acb"}, ini);
+    EXPECT_EQ(result.exitCode, 1) << result.errors;
+    EXPECT_EQ(AfterBanner(result), row.shown + "\n" + kNothingWritten);
+    EXPECT_EQ(result.console.find("#==="), std::string::npos);
+    EXPECT_EQ(Count(result, "44h"), 1u);
+    EXPECT_EQ(Count(result, "15h"), 0u);
+    EXPECT_TRUE(FlashUnchanged(result));
+  }
+}
+
+TEST(PreFlashScenarios, CommonFlashBlocksOnTheWire) {
+  const std::string current = Join({"04", Hex("V1.02"), "FF"});
+  const std::string currentModel = Join({"06", Hex("DV-REF1000"), "FF"});
+  struct Row {
+    const char* what;
+    std::string status;
+    std::string ini;  // below the [CommonFlash] header
+    std::string information;
+    std::string switches;
+  };
+  const std::vector<Row> rows = {
+      {"words cut at blanks and tabs", kOnBatteryBelowLimit, "SwitchString=PTEN  ACDIS\tFHST\r\n",
+       Join({"01 00 FF 02 01 FF 03 0A FF", current, "05 FF", currentModel, "07 FF"}),
+       Join({Hex("PTEN"), "00", Hex("ACDIS"), "00", Hex("FHST"), "00 FF"})},
+      {"runs of blanks at both ends count once", R"("status": {"ac": 1, "dc": 100})",
+       "SwitchString= \t CPVER:2 \t\r\n", Join({"01 01 FF 02 01 FF 03 64 FF", current, "05 FF", currentModel, "07 FF"}),
+       Join({Hex("CPVER:2"), "00 FF"})},
+      {"an empty switch text and no battery", R"("status": {"ac": 1, "dc": "0x65"})", "SwitchString=\r\n",
+       Join({"01 01 FF 02 00 FF 03 00 FF", current, "05 FF", currentModel, "07 FF"}), "FF"},
+      {"[Platform_Check] Flag 2 supplies the new model and version", R"("status": {"ac": 1, "dc": 50})",
+       "[Platform_Check]\r\nFlag=2\r\nPlatformName1=NB-7\r\nPlatformName2=DV-REF1000\r\n"
+       "[PlatformVersion]\r\nFlag=1\r\nVersion1=A1.00\r\nVersion2=V7.77\r\n",
+       Join({"01 01 FF 02 01 FF 03 32 FF", current, "05", Hex("DV-REF1000"), "FF", currentModel, "07", Hex("V7.77"),
+             "FF"}),
+       "FF"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    // A refusal ends the run before the image is read: the blocks are all that matters here.
+    SimResult result = RunTool(CommonFlashMachine(0, 0x14, 0, row.status), {}, "[CommonFlash]\r\n" + row.ini);
+    EXPECT_EQ(result.exitCode, 1) << result.errors;
+    const SmiCall* call = First(result, "44h");
+    ASSERT_NE(call, nullptr);
+    EXPECT_EQ(call->in["ecx"], 0);
+    EXPECT_EQ(call->record["received"]["information"], row.information);
+    EXPECT_EQ(call->record["received"]["switches"], row.switches);
+    EXPECT_TRUE(FlashUnchanged(result));
+  }
+}
+
+TEST(PreFlashScenarios, CommonFlashPermitOnBatteryFlashesAndEndsInShutdown) {
+  SimResult result = RunTool(CommonFlashMachine(1, 0, 3), {"-acb"}, "[CommonFlash]\r\nSwitchString=FHST\r\n");
+  EXPECT_EQ(result.exitCode, 0) << result.console << result.errors;
+  EXPECT_EQ(result.console.find("#==="), std::string::npos) << "no power box while the gate is active";
+  EXPECT_TRUE(FlashUpdated(result));
+  const SmiCall* finish = First(result, "16h");
+  ASSERT_NE(finish, nullptr);
+  // CL is the action: [FlashComplete] says reboot (2), the firmware's 3 makes it a shutdown.
+  EXPECT_EQ(finish->in["ecx"].get<uint32_t>() & 0xFF, 1u);
+}
+
+// ---- 19h ----
+
+TEST(PreFlashScenarios, OemParameterListOnTheWire) {
+  struct Row {
+    const char* what;
+    std::vector<std::string> options;
+    std::string list;
+  };
+  const std::vector<Row> rows = {
+      {"no option", {}, "00 FF"},
+      {"-mfg", {"-mfg"}, Join({Hex("MFG"), "00 FF"})},
+      {"-ecb", {"-ecb"}, Join({Hex("ECCMD"), "00 FF"})},
+      {"-mfg -ec: ECCMD first", {"-mfg", "-ec"}, Join({Hex("ECCMD"), "00", Hex("MFG"), "00 FF"})},
+      {"-OemCus words come first, in capitals", {"-OemCus", "cus1", "-mfg", "-ec"},
+       Join({Hex("CUS1"), "00", Hex("ECCMD"), "00", Hex("MFG"), "00 FF"})},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    std::vector<std::string> options = row.options;
+    options.insert(options.end(), {"-u", "-dbg"});
+    SimResult result = RunTool(R"({"oem_parameters": {"answer": ["ODM1", "x"]}})", options, "", "n");
+    const SmiCall* call = First(result, "19h");
+    ASSERT_NE(call, nullptr);
+    EXPECT_EQ(Count(result, "19h"), 1u);
+    EXPECT_EQ(call->record["received"]["cl"], 1);
+    EXPECT_EQ(call->record["received"]["list"], row.list);
+    EXPECT_NE(result.log.find("OEM/ODM customization-1 (19h)\r\n-----+-----------------\r\n      ODM1\r\n      x\r\n"),
+              std::string::npos)
+        << result.log;
+    EXPECT_TRUE(FlashUnchanged(result));
+  }
+}
+
+// ---- power ----
+
+const std::string kRule = "#==============================================================================#";
+
+std::string Box(std::initializer_list<std::string> inner, const std::string& top = kRule) {
+  std::string box = top;
+  for (const std::string& line : inner) box += line;
+  return box + kRule;
+}
+
+TEST(PreFlashScenarios, PowerRefusalsShowTheirBoxAndWriteNothing) {
+  const std::string acNoAc = Box({"#                           Warning: No AC Connected                           #",
+                                  "# This process requires AC power to avoid an accidental power-off during an    #",
+                                  "# update.                                                                      #"});
+  auto batteryLow = [](const char* percent) {
+    return Box({"#                           Warning: Battery Too Low                           #",
+                "# This process requires a " + std::string(percent) + " full battery to avoid an accidental power-off   #",
+                "# during an update.                                                            #"});
+  };
+  const std::string low20 = batteryLow(" 20%");
+  const std::string low30 = batteryLow(" 30%");
+  const std::string batteryNone = Box({"#                        Warning: No Battery Connected                         #",
+                                       "# This process requires a charged battery to avoid an accidental power-off     #",
+                                       "# during an update.                                                            #"});
+  const std::string bothNoBattery = Box({"#                       Warning: No Battery Connected                          #",
+                                         "# This process requires AC power and a charged battery to avoid an accidental  #",
+                                         "# power-off during an update.                                                  #"});
+  const std::string bothLow = Box({"#                       Warning: Battery Too Low                               #",
+                                   "# This process requires AC power and a charged battery to avoid an accidental  #",
+                                   "# power-off during an update. Connect the AC adapter and make sure a charged   #",
+                                   "# battery is in the computer.                                                  #"});
+  const std::string toshiba = Box({"#                                                                              #",
+                                   "#                         System must plug-in AC cord                          #",
+                                   "#                and DC capacity should over  20% during flash BIOS            #",
+                                   "#                                                                              #"},
+                                  "#==================================== ERROR ===================================#");
+  const std::string dellNoAc = Box({"# An External power adapter must be connected.                                 #",
+                                    "#                                                                              #",
+                                    "# Rom update not performed.                                                    #",
+                                    "# press any key to exit.                                                       #"},
+                                   "#===================================== ERROR ==================================#");
+  struct Row {
+    const char* what;
+    std::string status;
+    std::vector<std::string> options;
+    std::string ini;
+    std::string box;
+  };
+  const std::vector<Row> rows = {
+      {"general rule on battery", R"({"ac": 0})", {}, "", acNoAc},
+      {"-ab alone below the firmware's limit", R"({"dc": 19, "bound": 20})", {"-ab"}, "[AC_Adapter]\r\nFlag=0\r\n",
+       low20},
+      {"BatteryBound of the settings", R"({"dc": 29, "bound": 20})", {},
+       "[AC_Adapter]\r\nFlag=0\r\nBatteryCheck=1\r\nBatteryBound=30\r\n", low30},
+      {"no battery under BatteryCheck alone", R"({"dc": "0x65"})", {}, "[AC_Adapter]\r\nFlag=0\r\nBatteryCheck=1\r\n",
+       batteryNone},
+      {"no battery under BatteryCheck, on AC", R"({"dc": "0x65"})", {}, "[AC_Adapter]\r\nBatteryCheck=1\r\n",
+       bothNoBattery},
+      {"-acb on AC with a low battery", R"({"dc": 5})", {"-acb"}, "", bothLow},
+      {"-ac with -acb: only the battery", R"({"ac": 0, "dc": 5})", {"-ac", "-acb"}, "", low20},
+      {"-forceit outside Dell changes nothing", R"({"ac": 0})", {"-forceit"}, "", acNoAc},
+      {"Toshiba shows its limit also for AC", R"({"ac": 0, "vendor_id": "0x1179"})", {}, "", toshiba},
+      {"Dell", R"({"ac": 0, "vendor_id": "0x1028"})", {}, "", dellNoAc},
+      {"[CommonFlash] on a firmware without 44h: the tool's own rule", R"({"ac": 0})", {},
+       "[CommonFlash]\r\nSwitchString=ACDIS\r\n", acNoAc},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    SimResult result = RunTool(R"({"status": )" + row.status + "}", row.options, row.ini);
+    EXPECT_EQ(result.exitCode, 1) << result.errors;
+    EXPECT_EQ(AfterBanner(result), row.box + "\r\n\n" + kNothingWritten);
+    EXPECT_EQ(Count(result, "15h"), 0u);
+    EXPECT_TRUE(FlashUnchanged(result));
+  }
+}
+
+// Runs that pass the power check stop at the -u question, so they write nothing either.
+TEST(PreFlashScenarios, PowerStatesThatPass) {
+  struct Row {
+    const char* what;
+    std::string status;
+    std::vector<std::string> options;
+    std::string ini;
+  };
+  const std::vector<Row> rows = {
+      {"charge equal to the limit", R"({"dc": 20, "bound": 20})", {"-acb"}, ""},
+      {"-ac on battery", R"({"ac": 0})", {"-ac"}, ""},
+      {"[AC_Adapter] Flag 0 on battery", R"({"ac": 0})", {}, "[AC_Adapter]\r\nFlag=0\r\n"},
+      {"BatteryBound without BatteryCheck is not read", R"({"dc": 25, "bound": 20})", {"-ab"},
+       "[AC_Adapter]\r\nBatteryBound=30\r\n"},
+      {"Dell -forceit on battery", R"({"ac": 0, "dc": "0x65", "vendor_id": "0x1028"})", {"-forceit"}, ""},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    std::vector<std::string> options = row.options;
+    options.push_back("-u");
+    SimResult result = RunTool(R"({"status": )" + row.status + "}", options, row.ini, "n");
+    EXPECT_EQ(result.console.find("#==="), std::string::npos) << result.console;
+    EXPECT_NE(result.console.find("Dangerous! Do you want to flash BIOS? (Y/N)"), std::string::npos) << result.console;
+    EXPECT_TRUE(FlashUnchanged(result));
+  }
+}
+
+// ---- -u ----
+
+TEST(PreFlashScenarios, ConfirmFlashAsksBeforeTheFirstBlock) {
+  const std::string question = "\r\n                Dangerous! Do you want to flash BIOS? (Y/N)\r\n";
+  const std::string exitByUser = "\r\n                Exit by user.\r\n";
+  struct Row {
+    const char* what;
+    std::string keys;
+    bool written;
+  };
+  const std::vector<Row> rows = {
+      {"'y' flashes", "y", true},
+      {"'n' ends the run", "n", false},
+      {"ESC ends the run", "{ESC}", false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    SimResult result = RunTool("", {"-u"}, "", row.keys);
+    const size_t asked = result.console.find(question);
+    ASSERT_NE(asked, std::string::npos) << result.console;
+    EXPECT_NE(result.console.rfind("New     BIOS Version: V1.03\r\n\r\n\r\n", asked), std::string::npos)
+        << "the question follows the version display";
+    if (row.written) {
+      EXPECT_EQ(result.exitCode, 0) << result.errors;
+      EXPECT_EQ(result.console.find(exitByUser), std::string::npos);
+      EXPECT_TRUE(FlashUpdated(result));
+      EXPECT_GT(Count(result, "15h"), 0u);
+    } else {
+      EXPECT_EQ(result.exitCode, 1) << result.errors;
+      EXPECT_EQ(result.console.substr(asked), question + exitByUser + "\n" + kNothingWritten);
+      EXPECT_EQ(Count(result, "15h"), 0u);
+      EXPECT_EQ(Count(result, "1Ah"), 0u) << "the firmware hears of no update";
+      EXPECT_TRUE(FlashUnchanged(result));
+    }
+  }
+}
+
+// ---- auto wakeup ----
+
+// The time of day the tool read when it armed the alarm, from its log, in seconds.
+int ArmedAt(const std::string& log) {
+  const std::string mark = "[AutoWakeup] enable ";
+  size_t at = log.find(mark);
+  if (at == std::string::npos) return -1;
+  int h = 0, m = 0, s = 0;
+  if (std::sscanf(log.c_str() + at + mark.size(), "%d:%d:%d", &h, &m, &s) != 3) return -1;
+  return h * 3600 + m * 60 + s;
+}
+
+std::string ClockLine(int armedAt, int interval, bool binary) {
+  const int when = (armedAt + interval) % 86400;
+  const int h = when / 3600, m = when / 60 % 60, s = when % 60;
+  auto reg = [binary](int v) { return binary ? v : (v / 10) * 16 + v % 10; };
+  char line[160];
+  // Status B starts as 0x02 (24-hour), with bit 2 for a binary clock.
+  const int statusB = binary ? 0x06 : 0x02;
+  std::snprintf(line, sizeof(line),
+                "zaprom-sim: clock registers written: 0B=%02X 01=%02X 03=%02X 05=%02X 0B=%02X; alarm armed for "
+                "%02d:%02d:%02d\n",
+                statusB | 0x80, reg(s), reg(m), reg(h), statusB | 0x20, h, m, s);
+  return line;
+}
+
+TEST(PreFlashScenarios, WakeupAlarmFollowsAShutdownRunOnly) {
+  struct Row {
+    const char* what;
+    std::string rtc;
+    std::vector<std::string> options;
+    std::string ini;
+    int interval;  // -1: the clock stays untouched
+    bool binary;
+  };
+  const std::vector<Row> rows = {
+      {"-s, BCD clock", R"({"time": "10:00:00"})", {"-s"}, "[AutoWakeup]\r\nFlag=1\r\ninterval=120\r\n", 120, false},
+      {"[FlashComplete] Action 1, binary clock, past midnight", R"({"time": "23:59:00", "binary": true})", {},
+       "[AutoWakeup]\r\nFlag=1\r\ninterval=3600\r\n[FlashComplete]\r\nAction=1\r\n", 3600, true},
+      {"reboot: the clock is left alone", R"({"time": "10:00:00"})", {}, "[AutoWakeup]\r\nFlag=1\r\ninterval=120\r\n",
+       -1, false},
+      {"Flag 0 with -s", R"({"time": "10:00:00"})", {"-s"}, "[AutoWakeup]\r\nFlag=0\r\n", -1, false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    std::vector<std::string> options = row.options;
+    options.push_back("-dbg");
+    // The firmware answers 1Bh, so the walk over the image costs no retry delays.
+    SimResult result = RunTool(R"({"module_check": {"status": 0}, "rtc": )" + row.rtc + "}", options, row.ini);
+    EXPECT_EQ(result.exitCode, 0) << result.console << result.errors;
+    EXPECT_TRUE(FlashUpdated(result));
+    const size_t line = result.console.find("zaprom-sim: clock registers written:");
+    if (row.interval < 0) {
+      EXPECT_EQ(line, std::string::npos) << result.console;
+      continue;
+    }
+    const int armedAt = ArmedAt(result.log);
+    ASSERT_GE(armedAt, 0) << result.log;
+    ASSERT_NE(line, std::string::npos) << result.console;
+    const std::string expected = ClockLine(armedAt, row.interval, row.binary);
+    EXPECT_EQ(result.console.substr(line, expected.size()), expected);
+  }
+}
+
+}  // namespace
