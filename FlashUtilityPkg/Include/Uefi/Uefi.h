@@ -113,6 +113,8 @@ constexpr UINT8 kDevicePathSubtypeUsb = 0x05;
 constexpr UINT8 kDevicePathSubtypeSata = 0x12;
 constexpr UINT8 kDevicePathSubtypeEmmc = 0x1D;
 constexpr UINT8 kDevicePathSubtypeFilePath = 0x04;
+constexpr UINT8 kDevicePathSubtypeController = 0x05;  // hardware
+constexpr UINT8 kDevicePathSubtypeHardDrive = 0x01;   // media
 
 // ---- time ----
 struct EFI_TIME {

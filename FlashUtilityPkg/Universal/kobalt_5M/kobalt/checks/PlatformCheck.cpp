@@ -35,8 +35,6 @@ constexpr INT32 kUseVersionListFlag = 1;    // [PlatformVersion] Flag
 constexpr UINT8 kConditionalVersionType = 4;
 constexpr UINT8 kConditionalTextFormat = 1;
 
-constexpr UINTN kRefusalAttribute = 0x4F;  // white on red
-constexpr UINTN kNormalAttribute = 0x0F;   // white on black
 
 constexpr CHAR16 kFuncPlatformCheck[] = u"Func_PlatformCheck";
 constexpr CHAR16 kCheckNewRomFVPlatformInfo[] = u"CheckNewRomFVPlatformInfo";
@@ -207,13 +205,6 @@ Bool AntiTheftMarkerPresent(const UINT8* image, UINT32 size) {
   return image != nullptr && FindSignature(image, size, marker, kAntiTheftMarkerLength, nullptr);
 }
 
-VOID SetConsoleAttribute(UINTN attribute) {
-  // A console without attributes still shows the box, in its normal colours.
-  if (gST != nullptr && gST->ConOut != nullptr && gST->ConOut->SetAttribute != nullptr) {
-    gST->ConOut->SetAttribute(gST->ConOut, attribute);
-  }
-}
-
 Bool IsKey(CHAR16 key, CHAR16 lower) { return key == lower || key == (CHAR16)(lower - u'a' + u'A'); }
 
 // Dell shows a box and waits for a key instead of the fixed refusal texts.
@@ -225,9 +216,9 @@ Bool DellPlatformDecision(INT32 code, const PlatformInfo& platform) {
   CHAR16 platformLine[kBoxLineCharacters];
   FormatText(imageLine, kBoxLineCharacters, kDellBoxImageModel, NewImageModel());
   FormatText(platformLine, kBoxLineCharacters, kDellBoxPlatformModel, platform.modelName);
-  SetConsoleAttribute(kRefusalAttribute);
+  SetConsoleAttribute(kAttributeWhiteOnRed);
   PrintLong(kDellRefusalBox, imageLine, platformLine);
-  SetConsoleAttribute(kNormalAttribute);
+  SetConsoleAttribute(kAttributeWhiteOnBlack);
   Print(kLineEnd);
   WaitKey();
   return false;

@@ -12,8 +12,6 @@ namespace {
 constexpr UINT8 kNoBattery = 0x65;          // the DC byte of a machine without a battery
 constexpr INT32 kBoundFromFirmware = 0xFF;  // BatteryBound: take the firmware's Bound
 constexpr UINT32 kStatusBoundOffset = 6;    // Bound in the kept 10h status record
-constexpr UINTN kBoxAttribute = 0x4F;       // white on red
-constexpr UINTN kNormalAttribute = 0x0F;    // white on black
 constexpr UINT8 kRunModeUefi = 1;
 // The capsule run has nobody to press a key, so a box stays readable for five seconds.
 constexpr UINT32 kBoxWaitStalls = 5000;
@@ -161,14 +159,9 @@ VOID ShowPowerBox(const PowerBox& box) {
   for (UINTN i = 0; i < box.count; i++) {
     StrCat16(boxFormat, sizeof(boxFormat) / sizeof(boxFormat[0]), box.lines[i]);
   }
-  EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* out = gST != nullptr ? gST->ConOut : nullptr;
-  if (out != nullptr) {
-    out->SetAttribute(out, kBoxAttribute);
-  }
+  SetConsoleAttribute(kAttributeWhiteOnRed);
   PrintLong(boxFormat, (UINT32)GetBatteryBound());
-  if (out != nullptr) {
-    out->SetAttribute(out, kNormalAttribute);
-  }
+  SetConsoleAttribute(kAttributeWhiteOnBlack);
   Print(u"\r\n");
   if (uefiRun && gBS != nullptr) {
     for (UINT32 i = 0; i < kBoxWaitStalls; i++) {

@@ -79,36 +79,10 @@ EFI_FILE_PROTOCOL* OpenRootOfHostImage(EFI_HANDLE hostImage) {
   return root;
 }
 
-// Whether the handle's device path holds a USB node. Nodes are walked by their own length, and
-// a node shorter than its header or a path without an end within the limit counts as no USB.
-Bool HasUsbNode(EFI_HANDLE handle) {
-  VOID* interface = nullptr;
-  if (EFI_ERROR(gBS->HandleProtocol(handle, &kDevicePathProtocolGuid, &interface)) || interface == nullptr) {
-    return false;
-  }
-  const UINT8* node = static_cast<const UINT8*>(interface);
-  for (UINTN i = 0; i < kDevicePathNodeLimit; i++) {
-    UINT8 type = node[0];
-    UINT8 subType = node[1];
-    if (type == kDevicePathTypeEnd) {
-      return false;
-    }
-    if (type == kDevicePathTypeMessaging && subType == kDevicePathSubtypeUsb) {
-      return true;
-    }
-    UINT16 length = ReadU16(node + 2);
-    if (length < kDevicePathNodeHeaderBytes) {
-      return false;
-    }
-    node += length;
-  }
-  return false;
-}
-
 // The first handle, in handle order, whose device path holds a USB node.
 Bool GetSubtype_1st(const EFI_HANDLE* handles, UINTN count, UINTN* index) {
   for (UINTN i = 0; i < count; i++) {
-    if (HasUsbNode(handles[i])) {
+    if (HandlePathHasNode(handles[i], kDevicePathTypeMessaging, kDevicePathSubtypeUsb)) {
       *index = i;
       return true;
     }
@@ -160,6 +134,29 @@ EFI_FILE_PROTOCOL* OpenRootOfFirstVolume() {
 }
 
 }  // namespace
+
+// Nodes are walked by their own length.
+Bool HandlePathHasNode(EFI_HANDLE handle, UINT8 type, UINT8 subtype) {
+  VOID* interface = nullptr;
+  if (EFI_ERROR(gBS->HandleProtocol(handle, &kDevicePathProtocolGuid, &interface)) || interface == nullptr) {
+    return false;
+  }
+  const UINT8* node = static_cast<const UINT8*>(interface);
+  for (UINTN i = 0; i < kDevicePathNodeLimit; i++) {
+    if (node[0] == kDevicePathTypeEnd) {
+      return false;
+    }
+    if (node[0] == type && node[1] == subtype) {
+      return true;
+    }
+    UINT16 length = ReadU16(node + 2);
+    if (length < kDevicePathNodeHeaderBytes) {
+      return false;
+    }
+    node += length;
+  }
+  return false;
+}
 
 EFI_FILE_PROTOCOL* GetRootDirectory() {
   // Looked for once: the traces below go through the log, which asks for the root again.

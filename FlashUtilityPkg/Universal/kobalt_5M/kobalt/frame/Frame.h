@@ -36,6 +36,9 @@ EFI_HANDLE GetHostImageHandle();
 
 // File layer. Names are relative to the current directory; see the file's comments.
 EFI_FILE_PROTOCOL* GetRootDirectory();
+// Whether the handle's device path holds a node of the type and subtype. A handle without a path,
+// a node shorter than its header or a path without an end within a bounded walk count as no.
+Bool HandlePathHasNode(EFI_HANDLE handle, UINT8 type, UINT8 subtype);
 Bool ReadFile(const CHAR16* name, UINT8** buffer, UINT32* size);
 Bool SaveBufferToFile(const CHAR16* name, const VOID* data, UINT32 size);
 Bool AppendBufferToFile(const CHAR16* name, const VOID* data, UINT32 size);

@@ -25,8 +25,6 @@ constexpr CHAR16 kAcWarningDefault[] = u"Please do not remove the AC power!";
 constexpr CHAR16 kPauseDefault[] = u"Press any key to continue...";
 constexpr CHAR16 kPausePrompt[] = u"\n                           %s ";
 
-constexpr UINTN kWarningAttribute = 0x4F;  // white on red
-constexpr UINTN kNormalAttribute = 0x0F;   // white on black
 constexpr UINTN kBarRowsBelow = 6;
 // The bar's edges: 79 blanks and a line end.
 constexpr CHAR16 kBarEdge[] =
@@ -74,6 +72,13 @@ VOID ReplaceEscape(CHAR8* text, CHAR8 letter, CHAR8 replacement) {
 Bool IsLineEnd(CHAR16 c) { return c == u'\r' || c == u'\n'; }
 
 }  // namespace
+
+VOID SetConsoleAttribute(UINTN attribute) {
+  EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* out = ConsoleOut();
+  if (out != nullptr && out->SetAttribute != nullptr) {
+    out->SetAttribute(out, attribute);
+  }
+}
 
 UINTN Print(const CHAR16* format, ...) {
   va_list args;
@@ -216,12 +221,12 @@ VOID PrintWarningBar(const CHAR16* text) {
     return;
   }
   out->ClearScreen(out);
-  out->SetAttribute(out, kWarningAttribute);
+  SetConsoleAttribute(kAttributeWhiteOnRed);
   Print(kBarEdge);
   Print(text);
   Print(kBarEdge);
   out->SetCursorPosition(out, 0, kBarRowsBelow);
-  out->SetAttribute(out, kNormalAttribute);
+  SetConsoleAttribute(kAttributeWhiteOnBlack);
 }
 
 VOID ShowAcWarning(const CHAR8* key) {

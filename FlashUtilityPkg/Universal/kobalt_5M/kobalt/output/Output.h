@@ -22,6 +22,8 @@ const CHAR16* GetMessageText(const CHAR8* key, const CHAR16* defaultText);
 VOID FreeMessageText(const CHAR16* text, const CHAR16* defaultText);
 VOID ShowAcWarning(const CHAR8* key);
 VOID PrintWarningBar(const CHAR16* text);
+// A console without attributes still shows the text, in its normal colours.
+VOID SetConsoleAttribute(UINTN attribute);
 // Reads text without changing it; a line longer than width is cut to width.
 CHAR16* CenterLines(UINT16 width, const CHAR16* text);
 CHAR16 WaitKey();

@@ -15,7 +15,6 @@ constexpr UINTN kBarWidth = 75;
 constexpr UINTN kBarWidthWithTime = 68;  // leaves room for the seconds behind the number
 constexpr UINTN kAttributeBar = 0x1F;     // white on blue
 constexpr UINTN kAttributeFilled = 0x7F;  // white on light grey
-constexpr UINTN kAttributeNormal = 0x0F;  // white on black
 constexpr UINT64 kFemtosecondsPerMillisecond = 1000000000000ULL;
 
 constexpr UINT32 kMapGroup = 128;        // entries written to the trace at a time
@@ -90,12 +89,6 @@ VOID FillBar(CHAR16* text, INT32 count) {
 VOID SetCursor(UINTN column, UINTN row) {
   if (gST->ConOut->SetCursorPosition != nullptr) {
     gST->ConOut->SetCursorPosition(gST->ConOut, column, row);
-  }
-}
-
-VOID SetColour(UINTN attribute) {
-  if (gST->ConOut->SetAttribute != nullptr) {
-    gST->ConOut->SetAttribute(gST->ConOut, attribute);
   }
 }
 
@@ -270,13 +263,13 @@ VOID ShowProgress(UINT8 percent) {
   }
   if (percent != progress.lastPercent) {
     SetCursor(0, kBarRow);
-    SetColour(kAttributeBar);
+    SetConsoleAttribute(kAttributeBar);
     Print(kText, bar);
-    SetColour(kAttributeFilled);
+    SetConsoleAttribute(kAttributeFilled);
     Print(kText, filled);
     progress.lastPercent = percent;
   }
-  SetColour(kAttributeNormal);
+  SetConsoleAttribute(kAttributeWhiteOnBlack);
 }
 
 VOID AddBlockMark(UINT32 address, UINT16 mark) {

@@ -74,15 +74,6 @@ constexpr UINT64 kFileModeCreate = kFileModeReadWrite | EFI_FILE_MODE_CREATE;
 constexpr UINT64 kDirectoryAttribute = 0x10;
 
 // The device path nodes that tell the bus of a volume.
-constexpr UINT8 kPathHardware = 0x01;
-constexpr UINT8 kPathHardwareController = 0x05;
-constexpr UINT8 kPathMessaging = 0x03;
-constexpr UINT8 kPathMessagingSata = 0x12;
-constexpr UINT8 kPathMessagingUsb = 0x05;
-constexpr UINT8 kPathMedia = 0x04;
-constexpr UINT8 kPathMediaHardDrive = 0x01;
-constexpr UINT8 kPathEnd = 0x7F;
-constexpr UINT32 kDevicePathNodeLimit = 64;
 constexpr UINT32 kNoEspIndex = 0xFF;
 
 struct SecureCapsuleRequest {
@@ -155,46 +146,18 @@ Bool Oblis_48h(SecureCapsuleRequest* request) {
   return false;
 }
 
-// Whether a device path holds a node of the given type and subtype; the walk stops at the end
-// node, at a node too short to be one, and after a bounded number of nodes.
-Bool PathHasNode(const EFI_DEVICE_PATH_PROTOCOL* path, UINT8 type, UINT8 subtype) {
-  const UINT8* node = reinterpret_cast<const UINT8*>(path);
-  for (UINT32 count = 0; node != nullptr && count < kDevicePathNodeLimit; ++count) {
-    UINT16 length = ReadU16(node + 2);
-    if (node[0] == kPathEnd || length < 4) {
-      return false;
-    }
-    if (node[0] == type && node[1] == subtype) {
-      return true;
-    }
-    node += length;
-  }
-  return false;
-}
-
-EFI_DEVICE_PATH_PROTOCOL* PathOf(EFI_HANDLE handle) {
-  VOID* path = nullptr;
-  if (EFI_ERROR(gBS->HandleProtocol(handle, &kDevicePathProtocolGuid, &path))) {
-    return nullptr;
-  }
-  return static_cast<EFI_DEVICE_PATH_PROTOCOL*>(path);
-}
-
 // The first handle of one pass: eMMC (a controller with a hard-drive partition), SATA or USB.
 Bool FindHandleOfBus(EFI_HANDLE* handles, UINTN count, UINT32 pass, UINTN* found) {
   for (UINTN index = 0; index < count; ++index) {
-    EFI_DEVICE_PATH_PROTOCOL* path = PathOf(handles[index]);
-    if (path == nullptr) {
-      continue;
-    }
+    EFI_HANDLE handle = handles[index];
     Bool match = false;
     if (pass == 0) {
-      match = PathHasNode(path, kPathHardware, kPathHardwareController) &&
-              PathHasNode(path, kPathMedia, kPathMediaHardDrive);
+      match = HandlePathHasNode(handle, kDevicePathTypeHardware, kDevicePathSubtypeController) &&
+              HandlePathHasNode(handle, kDevicePathTypeMedia, kDevicePathSubtypeHardDrive);
     } else if (pass == 1) {
-      match = PathHasNode(path, kPathMessaging, kPathMessagingSata);
+      match = HandlePathHasNode(handle, kDevicePathTypeMessaging, kDevicePathSubtypeSata);
     } else {
-      match = PathHasNode(path, kPathMessaging, kPathMessagingUsb);
+      match = HandlePathHasNode(handle, kDevicePathTypeMessaging, kDevicePathSubtypeUsb);
     }
     if (match) {
       *found = index;
