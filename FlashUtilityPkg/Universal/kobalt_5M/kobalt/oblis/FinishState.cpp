@@ -15,7 +15,6 @@ struct FinishState {
 };
 constinit FinishState gFinish = {0, 0, 0};
 
-constexpr UINT8 kLeaveAsIs = 0xEF;
 constexpr UINT8 kActionNothing = 0;
 constexpr UINT8 kActionShutdown = 1;
 constexpr UINT8 kActionReboot = 2;
@@ -72,15 +71,15 @@ VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete) {
   gFinish.action = ApplyActionOptions(gFinish.action, true);
   // The firmware's CommonFlash answer has the last word over settings and options.
   CommonFlashFinishAction(&gFinish.action);
-  if (clearCmos != kLeaveAsIs) {
+  if (clearCmos != kFinishLeaveAsIs) {
     gFinish.clearCmos = clearCmos;
     LogPrint(kLogDetail, kTraceSetCmos, clearCmos);
   }
-  if (action != kLeaveAsIs) {
+  if (action != kFinishLeaveAsIs) {
     gFinish.action = action;
     LogPrint(kLogDetail, kTraceSetAction, action, FinishActionName(action));
   }
-  if (complete != kLeaveAsIs) {
+  if (complete != kFinishLeaveAsIs) {
     gFinish.complete = complete;
     LogPrint(kLogDetail, kTraceSetComplete, complete);
   }

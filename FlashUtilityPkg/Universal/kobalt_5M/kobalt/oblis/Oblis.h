@@ -108,6 +108,8 @@ VOID GetModelStrings(CHAR16** name, CHAR16** version);
 Bool AllowAlpCommand();
 Bool DisableComparison();
 Bool EFIAPI SMI_ApHookPoint(UINT32 point);
+// A SetStatus_16h argument of this value leaves that part of the finish state as it is.
+constexpr UINT8 kFinishLeaveAsIs = 0xEF;
 VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete);
 Bool EFIAPI FuncOblis_16h();
 Bool FuncSpecific_16h(UINT8 action, UINT8 complete);

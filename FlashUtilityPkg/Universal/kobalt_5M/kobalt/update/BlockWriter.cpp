@@ -24,7 +24,6 @@ constexpr UINT8 kOdmActionStart = 1;
 constexpr UINT8 kOdmActionEnd = 2;
 constexpr UINT8 kOdmStatusGood = 1;
 constexpr UINT8 kOdmStatusBad = 2;
-constexpr UINT8 kFinishUnchanged = 0xEF;
 constexpr UINT8 kFinishCompleteSuccess = 1;
 
 constexpr UINT16 kMarkCompared = 'S';
@@ -203,7 +202,7 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
     TraceLeave(kFuncUpdateVia15h, kReasonWrite);
     return false;
   }
-  SetStatus_16h(kFinishUnchanged, kFinishUnchanged, kFinishCompleteSuccess);
+  SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishCompleteSuccess);
   TraceLeave(kFuncUpdateVia15h, nullptr);
   return true;
 }
@@ -232,7 +231,7 @@ Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
     TraceLeave(kEfiUpdateVia15h, kReasonWrite);
     return false;
   }
-  SetStatus_16h(kFinishUnchanged, kFinishUnchanged, kFinishCompleteSuccess);
+  SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishCompleteSuccess);
   TraceLeave(kEfiUpdateVia15h, nullptr);
   return true;
 }

@@ -23,7 +23,6 @@ constexpr UINT32 kExtendedRecordLength = 9;
 constexpr UINT32 kExtendedRecordByte = 8;
 constexpr UINT8 kCapsuleOnPartitionBit = 0x01;
 constexpr UINT8 kActionDoNothing = 3;
-constexpr UINT8 kFinishUnchanged = 0xEF;
 constexpr UINT8 kExternalBios = 0x01;
 
 constexpr CHAR16 kOblis48h[] = u"Oblis_48h";
@@ -397,7 +396,7 @@ Bool CapsuleFlash(const UINT8* image, UINT32 size) {
   // On the partition road the action stays as settings and options make it; on the memory road
   // the firmware's answer decides what follows.
   if (viaEsp) {
-    SetStatus_16h(0, kFinishUnchanged, 0);
+    SetStatus_16h(0, kFinishLeaveAsIs, 0);
   } else {
     SetStatus_16h(0, IndexToAction_16h(capsule.capsuleAction), 0);
   }
