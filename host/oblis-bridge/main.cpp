@@ -1,13 +1,16 @@
 // oblis-bridge: the firmware simulator beside a virtual machine. The bridge variant of the driver
-// (kobalt-bridge.efi) sends each SMI transaction over the guest's serial port COM3; QEMU hands
-// that port to this program through a Unix socket. The simulator answers as it does under
-// zaprom-sim, with the same machine file, flash file and trace, and reaches the guest's buffers
-// by asking the guest for them. The flash file is written back when the guest goes away.
-#include <sys/socket.h>
-#include <sys/un.h>
+// (kobalt-bridge.efi) hands each SMI transaction to this program through a shared-memory device
+// (QEMU's ivshmem-plain over a file both map). The simulator answers as it does under zaprom-sim,
+// with the same machine file, flash file and trace, and reaches the guest's buffers by asking
+// the guest for them. The flash file is written back when the run ends (SIGTERM or SIGINT, sent
+// once QEMU has finished).
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +19,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Simulator.h"
@@ -24,19 +28,31 @@ namespace {
 
 constexpr int kExitUsage = 2;
 constexpr int kExitPowerLost = 4;
-constexpr char kGreeting[] = "OBLIS-BRIDGE/1";
+constexpr char kGreeting[] = "OBLIS-BRIDGE/2";
+constexpr size_t kSharedBytes = 1u << 20;
+
+// The layout the guest's BridgeSeams.cpp shares: two mailboxes (sequence, kind, address or
+// status, length, register frame), the guest's greeting, and the data window.
+constexpr size_t kGuestMailbox = 0x00;
+constexpr size_t kHostMailbox = 0x40;
+constexpr size_t kGreetingOffset = 0x80;
+constexpr size_t kWindowOffset = 0x1000;
+constexpr size_t kWindowBytes = kSharedBytes - kWindowOffset;
+constexpr size_t kSequence = 0, kKind = 4, kAddress = 8, kLength = 12, kFrame = 16;
 
 const char kUsage[] =
-    "usage: oblis-bridge --socket PATH [--machine FILE] [--flash FILE] [--trace-smi FILE]\n"
-    "  Listens on the Unix socket PATH for the guest's serial port (QEMU: -chardev socket,id=ID,path=PATH\n  -device isa-serial,chardev=ID,index=2)\n"
-    "  and answers the SMI transactions of kobalt-bridge.efi until the guest disconnects.\n";
+    "usage: oblis-bridge --shared-memory FILE [--machine FILE] [--flash FILE] [--trace-smi FILE]\n"
+    "  Creates FILE (1 MB) for QEMU's -object memory-backend-file,share=on,mem-path=FILE,size=1M\n"
+    "  -device ivshmem-plain and answers the SMI transactions of kobalt-bridge.efi until SIGTERM.\n";
 
 struct Options {
-  std::string socketPath;
+  std::string sharedFile;
   std::string machineFile;
   std::string flashFile;
   std::string traceFile;
 };
+
+volatile std::sig_atomic_t gStop = 0;
 
 [[noreturn]] void Fail(const std::string& message, int status = kExitUsage) {
   std::fprintf(stderr, "oblis-bridge: %s\n", message.c_str());
@@ -49,7 +65,7 @@ Options ParseCommandLine(int argc, char** argv) {
     const char* name;
     std::string Options::*field;
   };
-  const Valued valued[] = {{"--socket", &Options::socketPath},
+  const Valued valued[] = {{"--shared-memory", &Options::sharedFile},
                            {"--machine", &Options::machineFile},
                            {"--flash", &Options::flashFile},
                            {"--trace-smi", &Options::traceFile}};
@@ -68,7 +84,7 @@ Options ParseCommandLine(int argc, char** argv) {
     }
     if (!known) Fail("unknown option " + word + "\n" + kUsage);
   }
-  if (options.socketPath.empty()) Fail(std::string("--socket is required\n") + kUsage);
+  if (options.sharedFile.empty()) Fail(std::string("--shared-memory is required\n") + kUsage);
   return options;
 }
 
@@ -81,67 +97,71 @@ bool ReadWholeFile(const std::string& path, std::string& content) {
   return !in.bad();
 }
 
-// The guest's end of the line, with counts for the channel's figures.
-class Line {
+// The host's side of the shared memory, with counts for the channel's figures.
+class SharedLine {
  public:
-  explicit Line(int fd) : fd_(fd) {}
+  explicit SharedLine(uint8_t* memory) : memory_(memory) {}
 
-  // False when the guest has gone (QEMU ended).
-  bool Receive(void* out, size_t length) {
-    uint8_t* to = static_cast<uint8_t*>(out);
-    while (length > 0) {
-      ssize_t got = ::read(fd_, to, length);
-      if (got <= 0) return false;
-      to += got;
-      length -= static_cast<size_t>(got);
-      bytesIn += static_cast<uint64_t>(got);
+  std::atomic_ref<uint32_t> Field(size_t mailbox, size_t field) {
+    return std::atomic_ref<uint32_t>(*reinterpret_cast<uint32_t*>(memory_ + mailbox + field));
+  }
+  // The next message of the guest: its kind, or 0 once the run is to end.
+  uint32_t AwaitGuest() {
+    auto sequence = Field(kGuestMailbox, kSequence);
+    for (uint32_t spins = 0; sequence.load(std::memory_order_acquire) == guestSequence_; ++spins) {
+      if (gStop) return 0;
+      // A short spin keeps a transaction's turns quick; a guest that is busy elsewhere (booting,
+      // comparing a block) gets the processor back.
+      if (spins > 2000) std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    guestSequence_ = sequence.load(std::memory_order_acquire);
+    return Field(kGuestMailbox, kKind).load(std::memory_order_acquire);
+  }
+  void Post(uint32_t kind) {
+    Field(kHostMailbox, kKind).store(kind, std::memory_order_release);
+    Field(kHostMailbox, kSequence).fetch_add(1, std::memory_order_acq_rel);
+  }
+  void GetFrame(size_t mailbox, OblisRegisters& frame) {
+    std::memcpy(&frame, memory_ + mailbox + kFrame, sizeof(frame));
+  }
+  void PutFrame(const OblisRegisters& frame) { std::memcpy(memory_ + kHostMailbox + kFrame, &frame, sizeof(frame)); }
+  std::string Greeting() const {
+    const char* text = reinterpret_cast<const char*>(memory_ + kGreetingOffset);
+    return std::string(text, strnlen(text, 64));
+  }
+  // One request for the guest's memory, in pieces of the window's size.
+  bool Memory(uint32_t kind, uint32_t address, uint8_t* bytes, uint32_t length) {
+    for (uint32_t done = 0; done < length || length == 0;) {
+      const uint32_t piece = std::min<uint32_t>(length - done, kWindowBytes);
+      if (kind == 'W') std::memcpy(memory_ + kWindowOffset, bytes + done, piece);
+      Field(kHostMailbox, kAddress).store(address + done, std::memory_order_relaxed);
+      Field(kHostMailbox, kLength).store(piece, std::memory_order_relaxed);
+      Post(kind);
+      if (AwaitGuest() != 'D') Fail("the guest left in the middle of a transaction", 1);
+      if (Field(kGuestMailbox, kAddress).load(std::memory_order_acquire) != 1) return false;
+      if (kind == 'R') std::memcpy(bytes + done, memory_ + kWindowOffset, piece);
+      (kind == 'R' ? bytesToHost : bytesToGuest) += piece;
+      done += piece;
+      if (length == 0) break;
     }
     return true;
   }
-  void Send(const void* data, size_t length) {
-    const uint8_t* from = static_cast<const uint8_t*>(data);
-    while (length > 0) {
-      ssize_t put = ::write(fd_, from, length);
-      if (put <= 0) Fail("the guest's serial line closed in the middle of a transaction", 1);
-      from += put;
-      length -= static_cast<size_t>(put);
-      bytesOut += static_cast<uint64_t>(put);
-    }
-  }
-  void ReceiveOrFail(void* out, size_t length) {
-    if (!Receive(out, length)) Fail("the guest's serial line closed in the middle of a transaction", 1);
-  }
 
-  uint64_t bytesIn = 0;
-  uint64_t bytesOut = 0;
+  uint64_t bytesToGuest = 0;
+  uint64_t bytesToHost = 0;
 
  private:
-  int fd_;
+  uint8_t* memory_;
+  uint32_t guestSequence_ = 0;
 };
 
-void PutU32(std::vector<uint8_t>& bytes, uint32_t value) {
-  for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<uint8_t>(value >> shift));
-}
-
-uint32_t GetU32(const uint8_t* bytes) {
-  return uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
-}
-
-int ListenAndAccept(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof(address.sun_path)) Fail("socket path too long: " + path);
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  int server = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  if (server < 0) Fail("cannot create a socket");
-  ::unlink(path.c_str());
-  if (::bind(server, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || ::listen(server, 1) != 0)
-    Fail("cannot listen on " + path);
-  int connection = ::accept(server, nullptr, nullptr);
-  if (connection < 0) Fail("accept failed on " + path);
-  ::close(server);
-  ::unlink(path.c_str());
-  return connection;
+uint8_t* MapSharedFile(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+  if (fd < 0 || ::ftruncate(fd, kSharedBytes) != 0) Fail("cannot create the shared memory file " + path);
+  void* memory = ::mmap(nullptr, kSharedBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  ::close(fd);
+  if (memory == MAP_FAILED) Fail("cannot map " + path);
+  return static_cast<uint8_t*>(memory);
 }
 
 }  // namespace
@@ -170,33 +190,19 @@ int main(int argc, char** argv) {
     if (!*trace) Fail("cannot write the trace file " + options.traceFile);
   }
 
-  // Announced on stdout once the socket listens, so that a runner starts QEMU only then.
-  std::printf("oblis-bridge: listening on %s\n", options.socketPath.c_str());
+  SharedLine line(MapSharedFile(options.sharedFile));
+  std::signal(SIGTERM, [](int) { gStop = 1; });
+  std::signal(SIGINT, [](int) { gStop = 1; });
+  // Announced on stdout once the memory is there, so that a runner starts QEMU only then.
+  std::printf("oblis-bridge: ready on %s\n", options.sharedFile.c_str());
   std::fflush(stdout);
-  Line line(ListenAndAccept(options.socketPath));
 
   sim::MemoryAccess memory;
   memory.read = [&line](uint32_t address, void* out, uint32_t length) {
-    std::vector<uint8_t> request{'R'};
-    PutU32(request, address);
-    PutU32(request, length);
-    line.Send(request.data(), request.size());
-    uint8_t status = 0;
-    line.ReceiveOrFail(&status, 1);
-    if (status != 1) return false;
-    line.ReceiveOrFail(out, length);
-    return true;
+    return line.Memory('R', address, static_cast<uint8_t*>(out), length);
   };
   memory.write = [&line](uint32_t address, const void* data, uint32_t length) {
-    std::vector<uint8_t> request{'W'};
-    PutU32(request, address);
-    PutU32(request, length);
-    const uint8_t* bytes = static_cast<const uint8_t*>(data);
-    request.insert(request.end(), bytes, bytes + length);
-    line.Send(request.data(), request.size());
-    uint8_t status = 0;
-    line.ReceiveOrFail(&status, 1);
-    return status == 1;
+    return line.Memory('W', address, const_cast<uint8_t*>(static_cast<const uint8_t*>(data)), length);
   };
   sim::Simulator simulator(machine, std::move(flash), memory);
   if (trace) simulator.SetTrace(trace.get());
@@ -218,48 +224,36 @@ int main(int argc, char** argv) {
     std::printf("oblis-bridge: %s\n", sim::SummaryText(simulator.Counters()).c_str());
     std::fprintf(stderr,
                  "oblis-bridge: %llu transactions, %llu bytes to the guest, %llu from it, %.2f s in transactions"
-                 " of %.2f s connected\n",
-                 static_cast<unsigned long long>(transactions), static_cast<unsigned long long>(line.bytesOut),
-                 static_cast<unsigned long long>(line.bytesIn), seconds(inTransactions), seconds(Clock::now() - start));
+                 " of %.2f s\n",
+                 static_cast<unsigned long long>(transactions), static_cast<unsigned long long>(line.bytesToGuest),
+                 static_cast<unsigned long long>(line.bytesToHost), seconds(inTransactions), seconds(Clock::now() - start));
     std::fflush(nullptr);
   };
   // A real machine stops dead: the guest is told to stop, the flash keeps what it holds now.
   simulator.SetPowerLossHandler([&] {
     writeBack();
-    const uint8_t stop = 'P';
-    line.Send(&stop, 1);
+    line.Post('P');
     std::fprintf(stderr, "oblis-bridge: power lost during a write\n");
     figures();
     std::_Exit(kExitPowerLost);
   });
 
-  bool greeted = false;
-  uint8_t kind = 0;
-  while (line.Receive(&kind, 1)) {
-    if (kind == 'H') {
-      std::string greeting;
-      char c = 0;
-      while (line.Receive(&c, 1) && c != 0) greeting.push_back(c);
-      if (greeting != kGreeting) Fail("the guest greets with \"" + greeting + "\", not " + kGreeting, 1);
-      greeted = true;
-    } else if (kind == 'T' && greeted) {
-      uint8_t bytes[24];
-      line.ReceiveOrFail(bytes, sizeof(bytes));
-      const Clock::time_point begin = Clock::now();
-      OblisRegisters frame{GetU32(bytes), GetU32(bytes + 4), GetU32(bytes + 8),
-                           GetU32(bytes + 12), GetU32(bytes + 16), GetU32(bytes + 20)};
-      simulator.Transact(frame);
-      std::vector<uint8_t> answer{'A'};
-      for (UINT32 value : {frame.eax, frame.ebx, frame.ecx, frame.edx, frame.esi, frame.edi}) PutU32(answer, value);
-      line.Send(answer.data(), answer.size());
-      inTransactions += Clock::now() - begin;
-      ++transactions;
-    } else {
+  for (uint32_t kind = line.AwaitGuest(); kind != 0; kind = line.AwaitGuest()) {
+    if (kind != 'T') {
       char text[80];
-      std::snprintf(text, sizeof(text), "unexpected byte 0x%02X from the guest%s", kind,
-                    greeted ? "" : " before its greeting");
+      std::snprintf(text, sizeof(text), "unexpected message 0x%02X from the guest", kind);
       Fail(text, 1);
     }
+    if (transactions == 0 && line.Greeting() != kGreeting)
+      Fail("the guest greets with \"" + line.Greeting() + "\", not " + kGreeting, 1);
+    const Clock::time_point begin = Clock::now();
+    OblisRegisters frame{};
+    line.GetFrame(kGuestMailbox, frame);
+    simulator.Transact(frame);
+    line.PutFrame(frame);
+    line.Post('A');
+    inTransactions += Clock::now() - begin;
+    ++transactions;
   }
   writeBack();
   figures();
