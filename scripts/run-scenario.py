@@ -9,6 +9,7 @@ usage: run-scenario.py --build BUILD_DIR [--platform both|sim|qemu] [--work DIR]
 
 A scenario is a JSON file; paths in it count from its own folder:
   machine     machine file (optional: the embedded default machine)
+  machine_changes  keys laid over the machine file's, as in a machine file
   flash       the starting flash: {"image": DESCRIPTION} built by zaprom-image, or {"file": PATH};
               left out: the machine's own default content
   volume      files put on the tool's volume: {NAME: {"image": DESCRIPTION} or {"file": PATH}}
@@ -40,8 +41,9 @@ BUFFER_LOW, BUFFER_HIGH = 0x100000, 0xF0000000
 ESCAPES = re.compile(rb"\x1b\[[0-9;?]*[A-Za-z]|\x1b[()][A-Za-z0-9]|\x1b[=>c]")
 CONTROL = re.compile(rb"\x1b\[([0-9;?]*)([A-Za-z])|\x1b[()][A-Za-z0-9]|\x1b[=>c]|[\r\n\b]|[^\x1b\r\n\b]+")
 COLUMNS, ROWS = 80, 25
-# The bytes a run flips in the starting flash of one side for the control.
-ALTERED_OFFSET = 0x300010
+# The byte a run flips in the starting flash of one side for the control: in the first block of
+# the BIOS region, which part-4mb.json protects, so that no update writes it back.
+ALTERED_OFFSET = 0x200010
 
 
 class Failure(Exception):
@@ -52,7 +54,7 @@ def load_scenario(path):
     with open(path) as f:
         scenario = json.load(f)
     base = os.path.dirname(os.path.abspath(path))
-    known = {"description", "machine", "flash", "volume", "arguments", "fetch"}
+    known = {"description", "machine", "machine_changes", "flash", "volume", "arguments", "fetch"}
     unknown = set(scenario) - known
     if unknown:
         raise Failure("%s: unknown keys %s" % (path, ", ".join(sorted(unknown))))
@@ -97,10 +99,24 @@ def prepare(scenario, build, folder, alter):
     return flash
 
 
-def machine_arguments(scenario):
-    if "machine" not in scenario:
+def merged(base, changes):
+    result = dict(base)
+    for key, value in changes.items():
+        result[key] = merged(base[key], value) if isinstance(value, dict) and isinstance(base.get(key), dict) else value
+    return result
+
+
+def machine_arguments(scenario, folder):
+    if "machine" not in scenario and "machine_changes" not in scenario:
         return []
-    return ["--machine", os.path.join(scenario["base"], scenario["machine"])]
+    machine = {}
+    if "machine" in scenario:
+        with open(os.path.join(scenario["base"], scenario["machine"])) as f:
+            machine = json.load(f)
+    path = os.path.join(folder, "machine.json")
+    with open(path, "w") as f:
+        json.dump(merged(machine, scenario.get("machine_changes", {})), f, indent=1)
+    return ["--machine", path]
 
 
 def render(raw):
@@ -162,7 +178,7 @@ def split_summary(text, prefix):
 
 def run_sim(scenario, build, folder, alter):
     flash = prepare(scenario, build, folder, alter)
-    command = [os.path.join(build, "zaprom-sim")] + machine_arguments(scenario) + [
+    command = [os.path.join(build, "zaprom-sim")] + machine_arguments(scenario, folder) + [
         "--flash", flash, "--volume", os.path.join(folder, "volume"),
         "--trace-smi", os.path.join(folder, "smi.jsonl"), "--"] + scenario.get("arguments", [])
     # On a terminal the emulated console sends the same kind of escape sequences as the firmware's.
@@ -249,7 +265,7 @@ def run_qemu(scenario, build, folder, alter):
     trace = os.path.join(folder, "smi.jsonl")
     bridge_err = open(os.path.join(folder, "bridge.err"), "wb")
     bridge = subprocess.Popen([os.path.join(build, "oblis-bridge"), "--shared-memory", shared, "--flash", flash,
-                               "--trace-smi", trace] + machine_arguments(scenario),
+                               "--trace-smi", trace] + machine_arguments(scenario, folder),
                               stdout=subprocess.PIPE, stderr=bridge_err)
     if not bridge.stdout.readline().startswith(b"oblis-bridge: ready"):
         bridge.wait()
