@@ -41,6 +41,8 @@ BUFFER_LOW, BUFFER_HIGH = 0x100000, 0xF0000000
 ESCAPES = re.compile(rb"\x1b\[[0-9;?]*[A-Za-z]|\x1b[()][A-Za-z0-9]|\x1b[=>c]")
 CONTROL = re.compile(rb"\x1b\[([0-9;?]*)([A-Za-z])|\x1b[()][A-Za-z0-9]|\x1b[=>c]|[\r\n\b]|[^\x1b\r\n\b]+")
 COLUMNS, ROWS = 80, 25
+# zaprom-sim and oblis-bridge both end with this status when the machine loses power.
+EXIT_POWER_LOST = 4
 # The byte a run flips in the starting flash of one side for the control: in the first block of
 # the BIOS region, which part-4mb.json protects, so that no update writes it back.
 ALTERED_OFFSET = 0x200010
@@ -293,11 +295,15 @@ def run_qemu(scenario, build, folder, alter):
     with open(os.path.join(folder, "console.raw"), "wb") as f:
         f.write(raw)
     begin, end = raw.find(BEGIN_MARK.encode()), raw.rfind(END_MARK.encode())
-    if begin < 0 or end < begin:
+    power_lost = bridge.returncode == EXIT_POWER_LOST
+    if begin < 0 or (end < begin and not power_lost):
         raise Failure("the Shell did not run the tool to its end; console:\n" + plain(raw)[-3000:])
-    console = render(raw[raw.index(b"\n", begin) + 1:end])
-    last_error = plain(raw[end:]).split()[1]
-    status = 0 if int(last_error, 16) == 0 else 1
+    if power_lost:
+        # The guest stopped dead in the middle of the write, as zaprom-sim's run does.
+        console, status = render(raw[raw.index(b"\n", begin) + 1:]), EXIT_POWER_LOST
+    else:
+        console = render(raw[raw.index(b"\n", begin) + 1:end])
+        status = 0 if int(plain(raw[end:]).split()[1], 16) == 0 else 1
     for name in ["ZAPROM.Log"] + scenario.get("fetch", []):
         mtools("mcopy", disk, "-o", "::/" + name, os.path.join(volume, name))
     _, summary = split_summary(summary_text, "oblis-bridge: ")
