@@ -109,12 +109,16 @@ def merged(base, changes):
 
 
 def machine_arguments(scenario, folder):
-    if "machine" not in scenario and "machine_changes" not in scenario:
-        return []
+    if "machine_changes" not in scenario:
+        return ["--machine", os.path.join(scenario["base"], scenario["machine"])] if "machine" in scenario else []
     machine = {}
     if "machine" in scenario:
-        with open(os.path.join(scenario["base"], scenario["machine"])) as f:
+        path = os.path.join(scenario["base"], scenario["machine"])
+        with open(path) as f:
             machine = json.load(f)
+        # The laid-over copy lives in the run's folder; its volumes still name the same folders.
+        for volume in machine.get("volumes", []):
+            volume["path"] = os.path.join(os.path.dirname(path), volume.get("path", ""))
     path = os.path.join(folder, "machine.json")
     with open(path, "w") as f:
         json.dump(merged(machine, scenario.get("machine_changes", {})), f, indent=1)

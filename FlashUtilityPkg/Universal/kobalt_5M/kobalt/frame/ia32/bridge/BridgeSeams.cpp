@@ -13,7 +13,8 @@
 //          'W' address length      write: the guest copies the window's bytes out, answers 'D'
 //          'A' frame               the answer; the transaction is over
 //          'P'                     the machine lost power: the guest stops dead
-// A 'D' carries status 1 when the range lies in the 4 GB address space, 0 when not.
+// A 'D' carries status 1 when the range lies in the 4 GB address space and fits the window, 0
+// when not.
 #include "PlatformSeams.h"
 
 namespace {
@@ -30,6 +31,7 @@ constexpr UINT32 kGuestMailbox = 0x00;
 constexpr UINT32 kHostMailbox = 0x40;
 constexpr UINT32 kGreetingOffset = 0x80;
 constexpr UINT32 kWindowOffset = 0x1000;
+constexpr UINT32 kWindowBytes = 0x100000 - kWindowOffset;
 
 // A mailbox: sequence, kind, status or address, length, then the register frame.
 constexpr UINT32 kSequence = 0;
@@ -113,7 +115,7 @@ VOID CopyFrame(volatile UINT32* to, const volatile UINT32* from) {
 VOID ServeMemory(UINT32 kind) {
   UINT32 address = *Field(kHostMailbox, kAddress);
   UINT32 length = *Field(kHostMailbox, kLength);
-  Bool inside = (UINT64)address + length <= kAddressSpaceEnd;
+  Bool inside = (UINT64)address + length <= kAddressSpaceEnd && length <= kWindowBytes;
   if (inside) {
     volatile UINT8* memory = reinterpret_cast<volatile UINT8*>((UINTN)address);
     volatile UINT8* window = gShared + kWindowOffset;
