@@ -99,7 +99,7 @@ struct State {
   EFI_SHELL_PROTOCOL shell{};
   bool shellInstalled = false;
   EFI_HANDLE shellHandle = nullptr;
-  std::u16string currentDirectory = u"FS0:\\";
+  std::u16string currentDirectory = u"FS0:";
   std::vector<std::u16string> executed;
   std::function<EFI_STATUS(const std::u16string&)> executeHandler;
 

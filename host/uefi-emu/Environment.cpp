@@ -170,7 +170,9 @@ Environment::Environment(const Options& options) {
   State& s = *g;
   s.options = options;
   s.configurationTables = options.configurationTables;
-  s.currentDirectory = u"FS0:\\";
+  // The UEFI Shell names its root directory without a closing backslash, a subfolder as
+  // FS0:\EFI.
+  s.currentDirectory = u"FS0:";
 
   s.bootServices.Hdr.Signature = 0x56524553544f4f42ULL;  // "BOOTSERV"
   s.bootServices.Hdr.Revision = (2 << 16) | 70;

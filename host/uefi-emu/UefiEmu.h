@@ -70,7 +70,8 @@ class Environment {
   EFI_HANDLE CreateImageHandle(const std::u16string& fileName, const std::vector<std::u16string>& arguments);
   // LoadImage of a device path whose last file node names fileName (any case) starts entry.
   void RegisterLinkedImage(const std::u16string& fileName, EFI_IMAGE_ENTRY_POINT entry);
-  // The shell's current directory as GetCurDir gives it, such as u"FS0:\\".
+  // The shell's current directory as GetCurDir gives it, such as u"FS0:" at the root
+  // or u"FS0:\\EFI" below it.
   void SetShellCurrentDirectory(const std::u16string& directory);
   // Commands handed to EFI_SHELL_PROTOCOL.Execute, in order.
   const std::vector<std::u16string>& ExecutedCommands() const;

@@ -189,7 +189,7 @@ TEST(EmuImages, ShellHostHandleCarriesArgumentsToolVolumeAndShell) {
 
   ASSERT_EQ(bs->LocateProtocol(&kShellProtocolGuid, nullptr, &interface), EFI_SUCCESS);
   auto* shell = static_cast<EFI_SHELL_PROTOCOL*>(interface);
-  EXPECT_EQ(std::u16string(shell->GetCurDir(nullptr)), u"FS0:\\");
+  EXPECT_EQ(std::u16string(shell->GetCurDir(nullptr)), u"FS0:");
   environment.SetShellCurrentDirectory(u"FS1:\\tools\\");
   EXPECT_EQ(std::u16string(shell->GetCurDir(nullptr)), u"FS1:\\tools\\");
   std::u16string command = u"FwUpdZPM.nsh";

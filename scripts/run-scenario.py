@@ -1,0 +1,455 @@
+#!/usr/bin/env python3
+"""One scenario, two platforms: runs a scenario through zaprom-sim and through the IA32 binaries
+on OVMF in QEMU (the driver's bridge variant, answered by oblis-bridge with the same machine and
+flash), then compares what both left: the flash, ZAPROM.Log, the SMI trace, the console text,
+the flash summary, the exit status and any files the scenario names.
+
+usage: run-scenario.py --build BUILD_DIR [--platform both|sim|qemu] [--work DIR]
+                       [--alter-start-flash sim|qemu] SCENARIO.json
+
+A scenario is a JSON file; paths in it count from its own folder:
+  machine     machine file (optional: the embedded default machine)
+  machine_changes  keys laid over the machine file's, as in a machine file
+  flash       the starting flash: {"image": DESCRIPTION} built by zaprom-image, or {"file": PATH};
+              left out: the machine's own default content
+  volume      files put on the tool's volume: {NAME: {"image": DESCRIPTION} or {"file": PATH}}
+  arguments   the tool's arguments
+  fetch       names of files the run leaves on the volume, compared byte for byte
+
+--alter-start-flash flips one byte of the starting flash on one side only: the control that the
+comparison sees a difference. Exit status: 0 when both platforms agree, 1 on a difference or a
+failed run, 2 on a bad use, 77 when QEMU, OVMF or the FAT tools are missing.
+"""
+import argparse
+import json
+import os
+import pty
+import re
+import shutil
+import subprocess
+import sys
+import time
+
+OVMF_CODE = os.environ.get("OVMF_CODE", "/usr/share/OVMF/OVMF32_CODE_4M.secboot.fd")
+OVMF_VARS = os.environ.get("OVMF_VARS", "/usr/share/OVMF/OVMF32_VARS_4M.fd")
+QEMU_TIMEOUT = int(os.environ.get("ZAPROM_QEMU_TIMEOUT", "400"))
+BEGIN_MARK = "==ZAPROM-RUN-BEGIN=="
+END_MARK = "==ZAPROM-RUN-END=="
+# Outside [0x100000, 0xF0000000) a register value is a size, a flash address or a code, never
+# a buffer of the tool's memory.
+BUFFER_LOW, BUFFER_HIGH = 0x100000, 0xF0000000
+ESCAPES = re.compile(rb"\x1b\[[0-9;?]*[A-Za-z]|\x1b[()][A-Za-z0-9]|\x1b[=>c]")
+CONTROL = re.compile(rb"\x1b\[([0-9;?]*)([A-Za-z])|\x1b[()][A-Za-z0-9]|\x1b[=>c]|[\r\n\b]|[^\x1b\r\n\b]+")
+COLUMNS, ROWS = 80, 25
+# zaprom-sim and oblis-bridge both end with this status when the machine loses power.
+EXIT_POWER_LOST = 4
+# The byte a run flips in the starting flash of one side for the control: in the first block of
+# the BIOS region, which part-4mb.json protects, so that no update writes it back.
+ALTERED_OFFSET = 0x200010
+
+
+class Failure(Exception):
+    pass
+
+
+def load_scenario(path):
+    with open(path) as f:
+        scenario = json.load(f)
+    base = os.path.dirname(os.path.abspath(path))
+    known = {"description", "machine", "machine_changes", "flash", "volume", "arguments", "fetch"}
+    unknown = set(scenario) - known
+    if unknown:
+        raise Failure("%s: unknown keys %s" % (path, ", ".join(sorted(unknown))))
+    scenario["base"] = base
+    return scenario
+
+
+def materialise(source, out, scenario, build):
+    """Writes the file a scenario entry describes to out."""
+    if "image" in source:
+        description = os.path.join(scenario["base"], source["image"])
+        run([os.path.join(build, "zaprom-image"), "build", description, "-o", out], "zaprom-image")
+    elif "file" in source:
+        shutil.copyfile(os.path.join(scenario["base"], source["file"]), out)
+    else:
+        raise Failure("a file entry needs \"image\" or \"file\": %r" % source)
+
+
+def run(command, what, **kwargs):
+    result = subprocess.run(command, capture_output=True, **kwargs)
+    if result.returncode != 0:
+        raise Failure("%s failed (%d): %s" % (what, result.returncode, result.stderr.decode(errors="replace")))
+    return result
+
+
+def prepare(scenario, build, folder, alter):
+    """The starting flash and the volume's files in folder; returns the flash file's path."""
+    os.makedirs(os.path.join(folder, "volume"), exist_ok=True)
+    flash = os.path.join(folder, "flash.bin")
+    if "flash" in scenario:
+        materialise(scenario["flash"], flash, scenario, build)
+    if alter:
+        if not os.path.exists(flash):
+            raise Failure("--alter-start-flash needs a scenario with a starting flash")
+        with open(flash, "r+b") as f:
+            f.seek(ALTERED_OFFSET)
+            value = f.read(1)
+            f.seek(ALTERED_OFFSET)
+            f.write(bytes([value[0] ^ 0x01]))
+    for name, source in scenario.get("volume", {}).items():
+        materialise(source, os.path.join(folder, "volume", name), scenario, build)
+    return flash
+
+
+def merged(base, changes):
+    result = dict(base)
+    for key, value in changes.items():
+        result[key] = merged(base[key], value) if isinstance(value, dict) and isinstance(base.get(key), dict) else value
+    return result
+
+
+def machine_arguments(scenario, folder):
+    if "machine_changes" not in scenario:
+        return ["--machine", os.path.join(scenario["base"], scenario["machine"])] if "machine" in scenario else []
+    machine = {}
+    if "machine" in scenario:
+        path = os.path.join(scenario["base"], scenario["machine"])
+        with open(path) as f:
+            machine = json.load(f)
+        # The laid-over copy lives in the run's folder; its volumes still name the same folders.
+        for volume in machine.get("volumes", []):
+            volume["path"] = os.path.join(os.path.dirname(path), volume.get("path", ""))
+    path = os.path.join(folder, "machine.json")
+    with open(path, "w") as f:
+        json.dump(merged(machine, scenario.get("machine_changes", {})), f, indent=1)
+    return ["--machine", path]
+
+
+def render(raw):
+    """The text a terminal of 80 by 25 shows for a stream, as the lines in the order they were
+    on the screen: cursor positions, clearing and scrolling followed, attributes left out, so
+    that two consoles differing in escape sequences only give the same text."""
+    screen = [[" "] * COLUMNS for _ in range(ROWS)]
+    transcript = []
+    row = column = 0
+
+    def flush_screen():
+        lines = ["".join(line).rstrip() for line in screen]
+        while lines and not lines[-1]:
+            lines.pop()
+        transcript.extend(lines)
+
+    for match in CONTROL.finditer(raw):
+        token = match.group(0)
+        if match.group(2) is not None:
+            command, numbers = match.group(2), [int(n) if n.isdigit() else 0 for n in match.group(1).split(b";")]
+            if command == b"H":
+                row = min(max((numbers[0] if numbers else 1) - 1, 0), ROWS - 1)
+                column = min(max((numbers[1] if len(numbers) > 1 else 1) - 1, 0), COLUMNS - 1)
+            elif command == b"J" and numbers == [2]:
+                flush_screen()
+                screen = [[" "] * COLUMNS for _ in range(ROWS)]
+            continue
+        if token.startswith(b"\x1b"):
+            continue
+        for character in token.decode("latin-1"):
+            if character == "\r":
+                column = 0
+                continue
+            if character == "\b":
+                column = max(column - 1, 0)
+                continue
+            if character == "\n":
+                row += 1
+            else:
+                screen[row][column] = character
+                column += 1
+                if column == COLUMNS:
+                    column, row = 0, row + 1
+            if row == ROWS:
+                transcript.append("".join(screen.pop(0)).rstrip())
+                screen.append([" "] * COLUMNS)
+                row = ROWS - 1
+    flush_screen()
+    return "\n".join(transcript)
+
+
+def split_summary(text, prefix):
+    """The console text and the flash summary line that the front end printed behind it."""
+    lines = text.split("\n")
+    summary = [line for line in lines if line.startswith(prefix)]
+    console = [line for line in lines if not line.startswith(prefix)]
+    return "\n".join(console), (summary[-1][len(prefix):] if summary else "")
+
+
+def run_sim(scenario, build, folder, alter):
+    flash = prepare(scenario, build, folder, alter)
+    command = [os.path.join(build, "zaprom-sim")] + machine_arguments(scenario, folder) + [
+        "--flash", flash, "--volume", os.path.join(folder, "volume"),
+        "--trace-smi", os.path.join(folder, "smi.jsonl"), "--"] + scenario.get("arguments", [])
+    # On a terminal the emulated console sends the same kind of escape sequences as the firmware's.
+    master, slave = pty.openpty()
+    process = subprocess.Popen(command, stdout=slave, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
+    os.close(slave)
+    raw = b""
+    while True:
+        try:
+            chunk = os.read(master, 65536)
+        except OSError:
+            break
+        if not chunk:
+            break
+        raw += chunk
+    os.close(master)
+    status = process.wait(timeout=300)
+    # The front end's own lines come behind everything the tool printed.
+    own = re.search(rb"^zaprom-sim: ", raw, re.M)
+    console = render(raw[:own.start()] if own else raw)
+    _, summary = split_summary(plain(raw[own.start():]) if own else "", "zaprom-sim: ")
+    return {"status": status, "console": console, "summary": summary, "flash": flash,
+            "volume": os.path.join(folder, "volume"), "trace": os.path.join(folder, "smi.jsonl")}
+
+
+def shell_binary(build):
+    """The UEFI Shell of OVMF's own firmware volume, extracted once per build."""
+    folder = os.path.join(build, "qemu-shell")
+    shell = os.path.join(folder, "BOOTIA32.EFI")
+    if os.path.exists(shell) and os.path.getmtime(shell) >= os.path.getmtime(OVMF_CODE):
+        return shell
+    extract = os.path.join(folder, "extract")
+    shutil.rmtree(extract, ignore_errors=True)
+    os.makedirs(extract)
+    shutil.copyfile(OVMF_CODE, os.path.join(extract, "ovmf.fd"))
+    subprocess.run(["UEFIExtract", "ovmf.fd", "all"], cwd=extract, capture_output=True)
+    for root, dirs, files in os.walk(extract):
+        if root.endswith("PE32 image section") and "body.bin" in files and " Shell" in root:
+            shutil.copyfile(os.path.join(root, "body.bin"), shell)
+            shutil.rmtree(extract)
+            return shell
+    raise Failure("no Shell file found in " + OVMF_CODE)
+
+
+def mtools(command, disk, *arguments):
+    environment = dict(os.environ, MTOOLS_SKIP_CHECK="1")
+    return subprocess.run([command, "-i", disk] + list(arguments), capture_output=True, env=environment)
+
+
+def shell_word(argument):
+    return '"%s"' % argument if " " in argument else argument
+
+
+def run_qemu(scenario, build, folder, alter):
+    for tool in ("qemu-system-i386", "mkfs.vfat", "mcopy", "mmd", "UEFIExtract"):
+        if shutil.which(tool) is None:
+            skip(tool + " not installed")
+    for path in (OVMF_CODE, OVMF_VARS):
+        if not os.path.exists(path):
+            skip(path + " missing (package ovmf-ia32)")
+    flash = prepare(scenario, build, folder, alter)
+    ia32 = os.path.join(build, "ia32")
+    disk = os.path.join(folder, "disk.img")
+    if os.path.exists(disk):
+        os.remove(disk)
+    run(["mkfs.vfat", "-C", disk, "65536"], "mkfs.vfat")
+    script = os.path.join(folder, "startup.nsh")
+    command = " ".join(["ZAPROM-S.efi"] + [shell_word(a) for a in scenario.get("arguments", [])])
+    with open(script, "w", newline="") as f:
+        f.write("@echo -off\r\nfs0:\r\necho %s\r\n%s\r\necho %s %%lasterror%%\r\nreset -s\r\n"
+                % (BEGIN_MARK, command, END_MARK))
+    copies = [(shell_binary(build), "::/EFI/BOOT/BOOTIA32.EFI"), (os.path.join(ia32, "ZAPROM-S.efi"), "::/ZAPROM-S.efi"),
+              (os.path.join(ia32, "kobalt-bridge.efi"), "::/kobalt.efi"), (script, "::/startup.nsh")]
+    volume = os.path.join(folder, "volume")
+    copies += [(os.path.join(volume, name), "::/" + name) for name in sorted(os.listdir(volume))]
+    mtools("mmd", disk, "::/EFI", "::/EFI/BOOT")
+    for source, target in copies:
+        if mtools("mcopy", disk, source, target).returncode != 0:
+            raise Failure("mcopy of %s failed" % source)
+    vars_copy = os.path.join(folder, "vars.fd")
+    shutil.copyfile(OVMF_VARS, vars_copy)
+    shared = os.path.join("/dev/shm" if os.path.isdir("/dev/shm") else folder,
+                          "zaprom-bridge-%d-%s" % (os.getpid(), os.path.basename(os.path.dirname(folder))))
+    trace = os.path.join(folder, "smi.jsonl")
+    bridge_err = open(os.path.join(folder, "bridge.err"), "wb")
+    bridge = subprocess.Popen([os.path.join(build, "oblis-bridge"), "--shared-memory", shared, "--flash", flash,
+                               "--trace-smi", trace] + machine_arguments(scenario, folder),
+                              stdout=subprocess.PIPE, stderr=bridge_err)
+    if not bridge.stdout.readline().startswith(b"oblis-bridge: ready"):
+        bridge.wait()
+        raise Failure("oblis-bridge did not start: " + open(bridge_err.name, errors="replace").read())
+    qemu = ["qemu-system-i386", "-machine", "q35,smm=on", "-global", "driver=cfi.pflash01,property=secure,value=on",
+            "-drive", "if=pflash,format=raw,unit=0,readonly=on,file=" + OVMF_CODE,
+            "-drive", "if=pflash,format=raw,unit=1,file=" + vars_copy, "-drive", "format=raw,file=" + disk,
+            "-display", "none", "-monitor", "none", "-serial", "stdio",
+            "-object", "memory-backend-file,id=bridge,share=on,size=1M,mem-path=" + shared,
+            "-device", "ivshmem-plain,memdev=bridge",
+            "-net", "none", "-no-reboot"]
+    started = time.monotonic()
+    try:
+        raw = subprocess.run(qemu, stdin=subprocess.DEVNULL, capture_output=True, timeout=QEMU_TIMEOUT).stdout
+    except subprocess.TimeoutExpired as expired:
+        bridge.kill()
+        os.remove(shared)
+        raise Failure("QEMU did not finish within %d s; console so far:\n%s"
+                      % (QEMU_TIMEOUT, plain(expired.stdout or b"")[-3000:]))
+    seconds = time.monotonic() - started
+    bridge.terminate()
+    summary_text = bridge.communicate(timeout=60)[0].decode("latin-1")
+    bridge_err.close()
+    os.remove(shared)
+    with open(os.path.join(folder, "console.raw"), "wb") as f:
+        f.write(raw)
+    begin, end = raw.find(BEGIN_MARK.encode()), raw.rfind(END_MARK.encode())
+    power_lost = bridge.returncode == EXIT_POWER_LOST
+    if begin < 0 or (end < begin and not power_lost):
+        raise Failure("the Shell did not run the tool to its end; console:\n" + plain(raw)[-3000:])
+    if power_lost:
+        # The guest stopped dead in the middle of the write, as zaprom-sim's run does.
+        console, status = render(raw[raw.index(b"\n", begin) + 1:]), EXIT_POWER_LOST
+    else:
+        console = render(raw[raw.index(b"\n", begin) + 1:end])
+        status = 0 if int(plain(raw[end:]).split()[1], 16) == 0 else 1
+    for name in ["ZAPROM.Log"] + scenario.get("fetch", []):
+        mtools("mcopy", disk, "-o", "::/" + name, os.path.join(volume, name))
+    _, summary = split_summary(summary_text, "oblis-bridge: ")
+    figures = open(bridge_err.name, errors="replace").read().strip()
+    return {"status": status, "console": console, "summary": summary, "flash": flash, "volume": volume,
+            "trace": trace, "seconds": seconds, "figures": figures}
+
+
+def skip(reason):
+    print("SKIP: " + reason)
+    sys.exit(77)
+
+
+def plain(raw):
+    return ESCAPES.sub(b"", raw).replace(b"\r", b"").decode("latin-1")
+
+
+def normal_log(path):
+    """The log with what truly differs between platforms set aside: times of day, and where the
+    platform's ACPI tables lie and what their headers hold."""
+    if not os.path.exists(path):
+        return ["(no ZAPROM.Log)"]
+    with open(path, "rb") as f:
+        data = f.read()
+    if data.startswith(b"\xff\xfe"):
+        text = data[2:].decode("utf-16-le")
+    else:
+        text = data.decode("latin-1")
+    lines, in_acpi_dump = [], False
+    for line in text.replace("\r", "").split("\n"):
+        line = re.sub(r"\[\d\d:\d\d:\d\d\]", "[hh:mm:ss]", line)
+        line = re.sub(r"(FACP table address = )0x[0-9A-Fa-f]+", r"\1(platform)", line)
+        if line.startswith("===== ACPI TABLE"):
+            in_acpi_dump = True
+        elif in_acpi_dump and re.match(r"^[0-9A-F]{4}:  ", line):
+            line = line[:6] + "(platform's ACPI table)"
+        else:
+            in_acpi_dump = False
+        lines.append(line)
+    return lines
+
+
+def normal_trace(path):
+    """The trace with each buffer address replaced by the buffer's number in order of appearance:
+    the same buffer must stand in the same places on both platforms, wherever it lies."""
+    buffers, lines = {}, []
+    if not os.path.exists(path):
+        return ["(no SMI trace)"]
+    for text in open(path):
+        record = json.loads(text)
+        for side in ("in", "out"):
+            for register in ("esi", "edi"):
+                value = record.get(side, {}).get(register)
+                if isinstance(value, int) and BUFFER_LOW <= value < BUFFER_HIGH:
+                    record[side][register] = "buffer %d" % buffers.setdefault(value, len(buffers) + 1)
+        lines.append(json.dumps(record, sort_keys=True))
+    return lines
+
+
+def compare_lines(what, left, right, differences, shown=6):
+    if left == right:
+        return
+    count = 0
+    for index in range(max(len(left), len(right))):
+        a = left[index] if index < len(left) else "(missing)"
+        b = right[index] if index < len(right) else "(missing)"
+        if a != b:
+            if count < shown:
+                differences.append("%s line %d:\n  zaprom-sim: %s\n  QEMU:       %s" % (what, index + 1, a[:400], b[:400]))
+            count += 1
+    differences.append("%s: %d lines differ (%d against %d lines)" % (what, count, len(left), len(right)))
+
+
+def compare_files(what, left, right, differences):
+    a = open(left, "rb").read() if os.path.exists(left) else None
+    b = open(right, "rb").read() if os.path.exists(right) else None
+    if a == b:
+        return
+    if a is None or b is None:
+        differences.append("%s: missing on %s" % (what, "zaprom-sim" if a is None else "QEMU"))
+        return
+    changed = [i for i in range(min(len(a), len(b))) if a[i] != b[i]] if len(a) == len(b) else []
+    detail = ("%d bytes differ, the first at 0x%X" % (len(changed), changed[0])) if changed else (
+        "%d against %d bytes" % (len(a), len(b)))
+    differences.append("%s: %s" % (what, detail))
+
+
+def compare(scenario, sim, qemu):
+    differences = []
+    if sim["status"] != qemu["status"]:
+        differences.append("exit status: zaprom-sim %d, QEMU %d" % (sim["status"], qemu["status"]))
+    compare_files("flash", sim["flash"], qemu["flash"], differences)
+    for name in scenario.get("fetch", []):
+        compare_files(name, os.path.join(sim["volume"], name), os.path.join(qemu["volume"], name), differences)
+    if sim["summary"] != qemu["summary"]:
+        differences.append("flash summary:\n  zaprom-sim: %s\n  QEMU:       %s" % (sim["summary"], qemu["summary"]))
+    compare_lines("SMI trace", normal_trace(sim["trace"]), normal_trace(qemu["trace"]), differences)
+    compare_lines("ZAPROM.Log", normal_log(os.path.join(sim["volume"], "ZAPROM.Log")),
+                  normal_log(os.path.join(qemu["volume"], "ZAPROM.Log")), differences)
+    compare_lines("console", sim["console"].strip("\n").split("\n"), qemu["console"].strip("\n").split("\n"),
+                  differences)
+    return differences
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Runs a scenario through zaprom-sim and QEMU and compares them.")
+    parser.add_argument("--build", required=True, help="the build folder (zaprom-sim, oblis-bridge, ia32/)")
+    parser.add_argument("--platform", choices=("both", "sim", "qemu"), default="both")
+    parser.add_argument("--work", help="scratch folder (default: BUILD/scenarios/NAME)")
+    parser.add_argument("--alter-start-flash", choices=("sim", "qemu"))
+    parser.add_argument("scenario")
+    options = parser.parse_args()
+    build = os.path.abspath(options.build)
+    name = os.path.splitext(os.path.basename(options.scenario))[0]
+    work = os.path.abspath(options.work or os.path.join(build, "scenarios", name))
+    try:
+        scenario = load_scenario(options.scenario)
+        results = {}
+        for platform, runner in (("sim", run_sim), ("qemu", run_qemu)):
+            if options.platform not in ("both", platform):
+                continue
+            folder = os.path.join(work, platform)
+            shutil.rmtree(folder, ignore_errors=True)
+            os.makedirs(folder)
+            results[platform] = runner(scenario, build, folder, options.alter_start_flash == platform)
+            result = results[platform]
+            extra = " in %.1f s (%s)" % (result["seconds"], result["figures"]) if "seconds" in result else ""
+            print("%s: exit %d, %s%s" % (platform, result["status"], result["summary"], extra))
+    except Failure as failure:
+        print("FAIL: %s" % failure)
+        return 1
+    if len(results) < 2:
+        return 0
+    differences = compare(scenario, results["sim"], results["qemu"])
+    for difference in differences:
+        print("DIFFERENCE " + difference)
+    if differences:
+        print("FAIL: %s differs between zaprom-sim and QEMU (files kept in %s)" % (name, work))
+        return 1
+    print("PASS: %s gives the same flash, log, SMI trace and console on both platforms" % name)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
