@@ -1,9 +1,8 @@
 // The trace log ZAPROM.Log: LogPrint and its on/level rules, the function trace, time stamps,
-// hex dumps and the -dbg scan. Opening, appending and deleting the file is the frame's file
-// layer; the [Log_file] values come from the settings record.
-#include "config/Config.h"
-#include "frame/Frame.h"
-#include "output/Output.h"
+// hex dumps and the -dbg scan. Opening, appending and deleting the file is the file layer;
+// the [Log_file] values are asked of the settings.
+#include "frame/FileLayer.h"
+#include "output/OutputInternal.h"
 
 namespace {
 
@@ -40,7 +39,7 @@ constinit UINT8 DebugLevel = 0;
 constinit Bool logWriting = false;
 
 Bool LevelPasses(UINT8 level) {
-  return level <= DebugLevel || (INT32)level <= Settings()->logFile.level;
+  return level <= DebugLevel || (INT32)level <= LogFileLevel();
 }
 
 // Keeps the low byte of each character, in place: byte i is written only after character i,
@@ -55,7 +54,7 @@ UINT32 NarrowInPlace(CHAR16* text, UINTN length) {
 
 }  // namespace
 
-Bool IsLogEnabled() { return DebugEnabled || Settings()->logFile.flag != 0; }
+Bool IsLogEnabled() { return DebugEnabled || LogFileFlag() != 0; }
 
 VOID LogPrint(UINT8 level, const CHAR16* format, ...) {
   if (logWriting) {
@@ -161,9 +160,7 @@ VOID HexDumpFramed(const CHAR16* label, const VOID* data, UINT32 length) {
   LogPrint(kLogDetail, u"%s", label);
 }
 
-VOID ScanDebugOption() {
-  UINT32 count = GetArgumentCount();
-  CHAR16** arguments = GetArgumentVector();
+VOID ScanDebugOption(UINT32 count, CHAR16** arguments) {
   if (arguments == nullptr) {
     return;
   }
