@@ -29,3 +29,14 @@ VOID EFIAPI SetShellExecuteCallback(ShellExecuteCallback callback);
 UINT32 GetArgumentCount();
 CHAR16** GetArgumentVector();
 EFI_STATUS RunShellCommand(const CHAR16* text);
+
+// State. Each file of the folder keeps its state in one record; ResetFrameState() puts them
+// all back as a fresh load leaves them. Host builds and tests only: the firmware loads the
+// driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
+// takes them back.
+VOID ResetFrameState();
+VOID ResetDirectoryState();
+VOID ResetFileLayerState();
+VOID ResetRunSequenceState();
+// The whole driver as a fresh load leaves it, folder by folder, the firmware tables included.
+VOID ResetDriverState();

@@ -73,9 +73,12 @@ constexpr CHAR16 kWarningEobWithEcb[] = u"Warning!\r\nThe command /ecbp and /eob
 constexpr CHAR16 kErrorInvalidCommand[] = u"Error command: %s (Invalid command)\n";
 constexpr CHAR16 kAlpOption[] = u"-alp";
 
-constinit UINT8 runMode = 0;
-constinit UINT8* imageWorkBuffer = nullptr;
-constinit UINT8* ecBuffer = nullptr;
+struct RunState {
+  UINT8 runMode;
+  UINT8* imageWorkBuffer;
+  UINT8* ecBuffer;
+};
+constinit RunState gRun = {};
 
 // What ShellFlashMain hands from one step to the next.
 struct ShellRun {
@@ -255,7 +258,7 @@ Bool FuncUpdate(const CHAR16* imageName) {
 
 // ShellFlashMain once its trace is open, step by step; a refused step has printed its own message.
 StepEnd RunShellSteps(ShellRun& run) {
-  runMode = kRunModeShell;
+  gRun.runMode = kRunModeShell;
   // -dbg turns the trace on at the detail level.
   ScanDebugOption(run.argumentCount, run.arguments);
   // Settings a shell run left behind are gone before this run starts; a failure is traced.
@@ -328,15 +331,15 @@ StepEnd RunShellSteps(ShellRun& run) {
 // Initialize's steps; the first failure ends them.
 SetUpFailure InitializeSteps() {
   // A second Initialize reuses the blocks it already holds.
-  if (imageWorkBuffer == nullptr) {
-    imageWorkBuffer = static_cast<UINT8*>(AllocateZeroPool(kImageWorkBufferBytes));
-    if (imageWorkBuffer == nullptr) {
+  if (gRun.imageWorkBuffer == nullptr) {
+    gRun.imageWorkBuffer = static_cast<UINT8*>(AllocateZeroPool(kImageWorkBufferBytes));
+    if (gRun.imageWorkBuffer == nullptr) {
       return {kErrorAllocate16M, kReasonAllocate16M, false};
     }
   }
-  if (ecBuffer == nullptr) {
-    ecBuffer = static_cast<UINT8*>(AllocateZeroPool(kEcBufferBytes));
-    if (ecBuffer == nullptr) {
+  if (gRun.ecBuffer == nullptr) {
+    gRun.ecBuffer = static_cast<UINT8*>(AllocateZeroPool(kEcBufferBytes));
+    if (gRun.ecBuffer == nullptr) {
       return SetUpFailed(kErrorAllocate2M, kReasonAllocate2M);
     }
   }
@@ -383,14 +386,14 @@ SetUpFailure NecessarySmiSteps() {
 
 }  // namespace
 
-UINT8 GetRunMode() { return runMode; }
-UINT8* GetImageWorkBuffer() { return imageWorkBuffer; }
-UINT8* GetEcBuffer() { return ecBuffer; }
+UINT8 GetRunMode() { return gRun.runMode; }
+UINT8* GetImageWorkBuffer() { return gRun.imageWorkBuffer; }
+UINT8* GetEcBuffer() { return gRun.ecBuffer; }
 
 VOID FreeResource() {
   TraceEnter(kFreeResource);
-  FreePoolAndNull(imageWorkBuffer);
-  FreePoolAndNull(ecBuffer);
+  FreePoolAndNull(gRun.imageWorkBuffer);
+  FreePoolAndNull(gRun.ecBuffer);
   TraceLeave(kFreeResource, nullptr);
 }
 
@@ -416,7 +419,7 @@ Bool EFIAPI ShellFlashMain() {
 
 Bool EFIAPI UefiFlashMain() {
   TraceEnter(kUefiFlashMain);
-  runMode = kRunModeUefi;
+  gRun.runMode = kRunModeUefi;
   InitialIniStructure();
   StepEnd end = Stop(kReasonUefiInitialize);
   if (Initialize()) {
@@ -428,4 +431,25 @@ Bool EFIAPI UefiFlashMain() {
   }
   TraceLeave(kUefiFlashMain, end.reason);
   return end.result;
+}
+
+VOID ResetRunSequenceState() {
+  gRun = {};
+}
+
+VOID ResetFrameState() {
+  ResetDirectoryState();
+  ResetFileLayerState();
+  ResetRunSequenceState();
+  SetFirmwareTables(nullptr, nullptr);
+}
+
+VOID ResetDriverState() {
+  ResetOutputState();
+  ResetConfigState();
+  ResetOblisState();
+  ResetImageState();
+  ResetChecksState();
+  ResetUpdateState();
+  ResetFrameState();
 }

@@ -28,8 +28,11 @@ static_assert(sizeof(kBarEdge) / sizeof(CHAR16) == 79 + 2, "the bar edge is 79 b
 
 constexpr UINTN kScreenWidth = 80;
 
-// The value of a [MessageStringTable] key; a message longer than the text field does not fit.
-constinit CHAR8 messageValue[kMessageTextBytes] = {};
+struct ConsoleState {
+  // The value of a [MessageStringTable] key; a message longer than the text field does not fit.
+  CHAR8 messageValue[kMessageTextBytes];
+};
+constinit ConsoleState gConsole = {};
 
 EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* ConsoleOut() { return gST != nullptr ? gST->ConOut : nullptr; }
 
@@ -128,29 +131,29 @@ const CHAR16* GetMessageText(const CHAR8* key, const CHAR16* defaultText) {
   if (key == nullptr || key[0] == 0) {
     return defaultText;
   }
-  if (!ReadMessageTable(key, messageValue, sizeof(messageValue)) || messageValue[0] == 0) {
+  if (!ReadMessageTable(key, gConsole.messageValue, sizeof(gConsole.messageValue)) || gConsole.messageValue[0] == 0) {
     return defaultText;
   }
   // platform.ini writes line ends as backslash-r and backslash-n.
-  ReplaceEscape(messageValue, 'r', '\r');
-  ReplaceEscape(messageValue, 'n', '\n');
+  ReplaceEscape(gConsole.messageValue, 'r', '\r');
+  ReplaceEscape(gConsole.messageValue, 'n', '\n');
 
   UINTN first = 0;
-  UINTN end = StrLen8(messageValue);
-  while (first < end && messageValue[first] == '"') {
+  UINTN end = StrLen8(gConsole.messageValue);
+  while (first < end && gConsole.messageValue[first] == '"') {
     first++;
   }
-  while (end > first && messageValue[end - 1] == '"') {
+  while (end > first && gConsole.messageValue[end - 1] == '"') {
     end--;
   }
-  messageValue[end] = 0;
+  gConsole.messageValue[end] = 0;
 
   UINTN capacity = (end - first) + 3;  // the text, CR LF and the terminator
   CHAR16* text = static_cast<CHAR16*>(AllocateZeroPool(capacity * sizeof(CHAR16)));
   if (text == nullptr) {
     return defaultText;
   }
-  AsciiToUnicode(text, capacity, messageValue + first);
+  AsciiToUnicode(text, capacity, gConsole.messageValue + first);
   StrCat16(text, capacity, u"\r\n");
   return text;
 }
@@ -239,4 +242,8 @@ CHAR16 WaitKey() {
     } while (status == EFI_NOT_READY);
   }
   return key.UnicodeChar;
+}
+
+VOID ResetConsoleState() {
+  gConsole = {};
 }

@@ -63,25 +63,28 @@ constexpr CHAR16 kReasonModuleCheck[] = u"Skip model check verify failed";
 constexpr CHAR16 kReasonBlockTable[] = u"Copy block table failed";
 constexpr CHAR16 kReasonVerify[] = u"Verify failed";
 
-constinit UINT8* updateBuffer = nullptr;
-constinit UINT32 updateBufferBytes = 0;
-constinit UINT16 blockMark = 0;
-constinit UINT8 heldBack[kHeldBackBytes] = {};
+struct BlockWriterState {
+  UINT8* updateBuffer;
+  UINT32 updateBufferBytes;
+  UINT16 blockMark;
+  UINT8 heldBack[kHeldBackBytes];
+};
+constinit BlockWriterState gWriter = {};
 
 // One allocation for the run, whichever entry comes first; a later entry reuses it if it fits.
 Bool TakeUpdateBuffer(UINT32 romSize) {
   UINT32 wanted = romSize + kUpdateBufferSlack;
-  if (updateBuffer != nullptr && updateBufferBytes >= wanted) {
-    ZeroMem(updateBuffer, updateBufferBytes);
+  if (gWriter.updateBuffer != nullptr && gWriter.updateBufferBytes >= wanted) {
+    ZeroMem(gWriter.updateBuffer, gWriter.updateBufferBytes);
     return true;
   }
-  FreePoolAndNull(updateBuffer);
-  updateBufferBytes = 0;
-  updateBuffer = static_cast<UINT8*>(AllocateZeroPool(wanted));
-  if (updateBuffer == nullptr) {
+  FreePoolAndNull(gWriter.updateBuffer);
+  gWriter.updateBufferBytes = 0;
+  gWriter.updateBuffer = static_cast<UINT8*>(AllocateZeroPool(wanted));
+  if (gWriter.updateBuffer == nullptr) {
     return false;
   }
-  updateBufferBytes = wanted;
+  gWriter.updateBufferBytes = wanted;
   return true;
 }
 
@@ -166,11 +169,11 @@ Bool LayOutImage(const UINT8* image, UINT32 size, UINT32 romSize, const CHAR16* 
 
 }  // namespace
 
-VOID SetBlockMark(UINT16 mark) { blockMark = mark; }
+VOID SetBlockMark(UINT16 mark) { gWriter.blockMark = mark; }
 
 UINT16 TakeBlockMark() {
-  UINT16 mark = blockMark;
-  blockMark = 0;
+  UINT16 mark = gWriter.blockMark;
+  gWriter.blockMark = 0;
   return mark;
 }
 
@@ -187,7 +190,7 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
     return false;
   }
   // Without the tool's own platform name check the firmware sees the whole ROM image first.
-  if (!PlatformNameCheckNeeded() && !FuncOblis_1Bh(updateBuffer, romSize)) {
+  if (!PlatformNameCheckNeeded() && !FuncOblis_1Bh(gWriter.updateBuffer, romSize)) {
     TraceLeave(kFuncUpdateVia15h, kReasonModuleCheck);
     return false;
   }
@@ -196,7 +199,7 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
     TraceLeave(kFuncUpdateVia15h, kReasonOemMe);
     return false;
   }
-  Bool written = WriteBlocks(updateBuffer);
+  Bool written = WriteBlocks(gWriter.updateBuffer);
   SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
   if (!written) {
     TraceLeave(kFuncUpdateVia15h, kReasonWrite);
@@ -224,7 +227,7 @@ Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
   if (!LayOutImage(image, size, romSize, kEfiUpdateVia15h, true)) {
     return false;
   }
-  Bool written = WriteBlocks(updateBuffer);
+  Bool written = WriteBlocks(gWriter.updateBuffer);
   SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
   gBS->Stall(kLauncherResultStall);
   if (!written) {
@@ -238,7 +241,7 @@ Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
 
 Bool UpdateEntireLegacy(const UINT8* image, UINT32 size) {
   UINT32 romSize = GetRomSize();
-  if (image == nullptr || updateBuffer == nullptr || size < romSize) {
+  if (image == nullptr || gWriter.updateBuffer == nullptr || size < romSize) {
     return false;
   }
   // What stands in front of the last ROM-size bytes is an EC image.
@@ -250,7 +253,7 @@ Bool UpdateEntireLegacy(const UINT8* image, UINT32 size) {
   if (ecSize != 0) {
     KeepEcImage(image, ecSize);
   }
-  CopyMem(updateBuffer, image + ecSize, romSize);
+  CopyMem(gWriter.updateBuffer, image + ecSize, romSize);
   if (GetRegionFlags() != 0) {
     SetRsvd_17h();
   }
@@ -260,7 +263,7 @@ Bool UpdateEntireLegacy(const UINT8* image, UINT32 size) {
 
 Bool UpdateRegionLegacy(const UINT8* image, UINT32 size) {
   UINT32 romSize = GetRomSize();
-  if (image == nullptr || updateBuffer == nullptr) {
+  if (image == nullptr || gWriter.updateBuffer == nullptr) {
     return false;
   }
   if (GetRegionFlags() == 0) {
@@ -285,7 +288,7 @@ Bool UpdateRegionLegacy(const UINT8* image, UINT32 size) {
     return false;
   }
   if (ecSize == 0) {
-    PlaceRegionImage(updateBuffer, image, size);
+    PlaceRegionImage(gWriter.updateBuffer, image, size);
   } else {
     UINT32 biosBytes = size - ecSize;
     // The BIOS part must land inside the ROM; a map that says otherwise writes nothing.
@@ -294,7 +297,7 @@ Bool UpdateRegionLegacy(const UINT8* image, UINT32 size) {
       return false;
     }
     KeepEcImage(image, ecSize);
-    CopyMem(updateBuffer + biosOffset, image + ecSize, biosBytes);
+    CopyMem(gWriter.updateBuffer + biosOffset, image + ecSize, biosBytes);
   }
   SetRsvd_17h();
   SetRsvd_13h();
@@ -325,7 +328,7 @@ Bool WriteBlocks(UINT8* buffer) {
 
   // The block or blocks that hold the BVDT go after all others, so that a stopped update
   // leaves the old identity in place and the firmware still knows what it runs.
-  SetMem(heldBack, sizeof(heldBack), kHeldBackNo);
+  SetMem(gWriter.heldBack, sizeof(gWriter.heldBack), kHeldBackNo);
   UINT32 bvdtAddress = 0;
   UINT32 bvdtSize = 0;
   Bool bvdtPass = FindBvdtBlock(&bvdtAddress, &bvdtSize) && bvdtSize != 0;
@@ -343,7 +346,7 @@ Bool WriteBlocks(UINT8* buffer) {
     }
     UINT32 blockLast = block.address + block.size - 1;
     if (bvdtPass && (InRange(block.address, bvdtAddress, bvdtLast) || InRange(blockLast, bvdtAddress, bvdtLast))) {
-      heldBack[i] = kHeldBackYes;
+      gWriter.heldBack[i] = kHeldBackYes;
       AddBlockMark(DescribeBlock(block.address, kMarkHeldBack));
       continue;
     }
@@ -361,7 +364,7 @@ Bool WriteBlocks(UINT8* buffer) {
       const FlashBlock& block = table[i];
       UINT32 blockOffset = offset;
       offset += block.size;
-      if (heldBack[i] == kHeldBackNo) {
+      if (gWriter.heldBack[i] == kHeldBackNo) {
         continue;
       }
       LogPrint(kLogDetail, kTraceWriteBvdt, block.address, block.size);
@@ -440,4 +443,16 @@ Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data) {
   Bool equal = CompareMem(current, data, size) == 0;
   FreePoolAndNull(current);
   return equal;
+}
+
+VOID ResetBlockWriterState() {
+  gWriter = {};
+}
+
+VOID ResetUpdateState() {
+  ResetBlockWriterState();
+  ResetCapsuleState();
+  ResetEcPrefixState();
+  ResetOemMeState();
+  ResetRegionState();
 }
