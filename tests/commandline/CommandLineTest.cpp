@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "config/Config.h"
-#include "frame/FrameHarness.h"
+#include "support/FrameHarness.h"
 #include "support/Isolated.h"
 
 using frame_test::FindAfter;

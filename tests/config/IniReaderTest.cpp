@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "output/LogHarness.h"
+#include "support/LogHarness.h"
 #include "support/Isolated.h"
 
 namespace {

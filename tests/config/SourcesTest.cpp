@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "frame/FrameHarness.h"
+#include "support/FrameHarness.h"
 #include "image/Image.h"
-#include "output/LogHarness.h"
+#include "support/LogHarness.h"
 #include "support/Isolated.h"
 
 namespace {

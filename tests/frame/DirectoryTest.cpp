@@ -1,105 +1,97 @@
-// The function directory and what a host hands in through it.
+// The driver's entry and unload, the function directory and what a host hands in through it.
 #include <string>
 #include <vector>
 
-#include "FrameHarness.h"
+#include "frame/FrameInternal.h"
 #include "oblis/Oblis.h"
+#include "support/FrameBed.h"
 #include "support/Isolated.h"
-
-using frame_test::FrameHarness;
-using frame_test::HarnessSetup;
 
 namespace {
 
-std::u16string CurrentDirectoryText() { return std::u16string(GetCurrentDirectory()); }
+template <typename T>
+T* OnHandle(EFI_HANDLE handle, const EFI_GUID& guid) {
+  VOID* interface = nullptr;
+  return EFI_ERROR(gBS->HandleProtocol(handle, &guid, &interface)) ? nullptr : static_cast<T*>(interface);
+}
 
-TEST(Directory, LookupFindsEachOfTheEightNamesInAnyCase) {
+TEST(DriverEntry, InstallsDirectoryAndNameOnceLeavesConsoleAndFilesAloneAndUnloadRemovesThem) {
+  bed::FrameBed bed;
+  EFI_HANDLE first = bed.StartDriver();
+  EFI_HANDLE second = bed.StartDriver();  // a directory already there belongs to the first load and stays
+  auto* directory = OnHandle<FunctionDirectoryProtocol>(first, kFunctionDirectoryProtocolGuid);
+  ASSERT_NE(directory, nullptr);
+  EXPECT_EQ(directory->LookupFunction(u"UefiFlashMain"), reinterpret_cast<void*>(&UefiFlashMain));
+  EXPECT_EQ(OnHandle<FunctionDirectoryProtocol>(second, kFunctionDirectoryProtocolGuid), nullptr);
+  for (EFI_HANDLE image : {first, second})
+    EXPECT_TRUE(OnHandle<EFI_COMPONENT_NAME_PROTOCOL>(image, kComponentNameProtocolGuid) != nullptr &&
+                OnHandle<EFI_LOADED_IMAGE_PROTOCOL>(image, kLoadedImageProtocolGuid)->Unload == &DriverUnload);
+  EXPECT_TRUE(bed.Console().empty() && std::filesystem::is_empty(bed.volumes[0]) && GetImageWorkBuffer() == nullptr);
+  EXPECT_EQ(DriverUnload(first), EFI_SUCCESS);
+  EXPECT_TRUE(OnHandle<FunctionDirectoryProtocol>(first, kFunctionDirectoryProtocolGuid) == nullptr &&
+              OnHandle<EFI_COMPONENT_NAME_PROTOCOL>(first, kComponentNameProtocolGuid) == nullptr);
+}
+
+TEST(DriverEntry, ComponentNameAnswersOnlyEnglish) {
+  bed::FrameBed bed;
+  EFI_HANDLE image = bed.StartDriver();
+  auto* name = OnHandle<EFI_COMPONENT_NAME_PROTOCOL>(image, kComponentNameProtocolGuid);
+  ASSERT_NE(name, nullptr);
+  struct Row {
+    const char* language;
+    bool withOut;
+    EFI_STATUS expected;
+  } rows[] = {{"eng", true, EFI_SUCCESS},    {nullptr, true, EFI_INVALID_PARAMETER}, {"eng", false, EFI_INVALID_PARAMETER},
+              {"en", true, EFI_UNSUPPORTED}, {"engl", true, EFI_UNSUPPORTED},        {"ENG", true, EFI_UNSUPPORTED}};
+  CHAR16* text = nullptr;
+  for (const Row& row : rows) EXPECT_EQ(name->GetDriverName(name, row.language, row.withOut ? &text : nullptr), row.expected);
+  EXPECT_EQ(std::u16string(text), u"1.00.42.00");
+  EXPECT_EQ(name->GetControllerName(name, image, nullptr, "eng", &text), EFI_UNSUPPORTED);
+}
+
+TEST(Directory, LookupFindsEachNameInAnyCaseAndWarnsOfAnyOtherTakingOneKey) {
   struct Row {
     const char16_t* name;
-    void* expected;
+    void* expected;  // null: the warning and one key
+  } rows[] = {
+      {u"SetCurrentDirectory", (void*)&SetCurrentDirectory}, {u"SetCommandLineArgument", (void*)&SetCommandLineArgument},
+      {u"SetImageHandle", (void*)&SetImageHandle},           {u"SetShellExecuteCallback", (void*)&SetShellExecuteCallback},
+      {u"SMI_ApHookPoint", (void*)&SMI_ApHookPoint},         {u"FuncOblis_16h", (void*)&FuncOblis_16h},
+      {u"ShellFlashMain", (void*)&ShellFlashMain},           {u"uefiflashmain", (void*)&UefiFlashMain},
+      {u"UefiFlash", nullptr}, {u"UefiFlashMainX", nullptr}, {u"LoadConfiguration", nullptr}, {u"", nullptr},
   };
-  const std::vector<Row> rows = {
-      {u"SetCurrentDirectory", reinterpret_cast<void*>(&SetCurrentDirectory)},
-      {u"SetCommandLineArgument", reinterpret_cast<void*>(&SetCommandLineArgument)},
-      {u"SetImageHandle", reinterpret_cast<void*>(&SetImageHandle)},
-      {u"SetShellExecuteCallback", reinterpret_cast<void*>(&SetShellExecuteCallback)},
-      {u"SMI_ApHookPoint", reinterpret_cast<void*>(&SMI_ApHookPoint)},
-      {u"FuncOblis_16h", reinterpret_cast<void*>(&FuncOblis_16h)},
-      {u"ShellFlashMain", reinterpret_cast<void*>(&ShellFlashMain)},
-      {u"UefiFlashMain", reinterpret_cast<void*>(&UefiFlashMain)},
-      {u"uefiflashmain", reinterpret_cast<void*>(&UefiFlashMain)},
-      {u"SHELLFLASHMAIN", reinterpret_cast<void*>(&ShellFlashMain)},
-      {u"smi_aphookpoint", reinterpret_cast<void*>(&SMI_ApHookPoint)},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(LookupFunction(row.name), row.expected) << std::string(row.name, row.name + std::char_traits<char16_t>::length(row.name));
-  }
-}
-
-TEST(Directory, UnknownNameWarnsConsumesOneKeyAndGivesNull) {
-  // Neither a prefix nor a longer name matches: names compare in full.
-  const std::vector<std::u16string> unknown = {u"UefiFlash", u"UefiFlashMainX", u"LoadConfiguration", u""};
-  for (const auto& name : unknown) {
+  for (const Row& row : rows) {
+    std::string name(row.name, row.name + std::char_traits<char16_t>::length(row.name));
     EXPECT_EQ(0, RunIsolated([&] {
-      HarnessSetup setup;
-      setup.keys = "ab";
-      FrameHarness harness(setup);
-      harness.StartDriver();
-      EXPECT_EQ(LookupFunction(name.c_str()), nullptr);
-      std::string expected = " Engineering Warning:\r\n [" + std::string(name.begin(), name.end()) +
-                             "] founction not found.\r\n";
-      EXPECT_EQ(harness.Console(), expected);
-      // Exactly one key was taken: the next one is still there.
+      bed::FrameBed bed(bed::Setup{{emu::VolumeKind::Usb}, "ab", {}});
+      bed.StartDriver();
+      EXPECT_EQ(LookupFunction((const CHAR16*)row.name), row.expected);
+      EXPECT_EQ(bed.Console(), row.expected ? "" : " Engineering Warning:\r\n [" + name + "] founction not found.\r\n");
       EFI_INPUT_KEY key{};
-      EFI_SIMPLE_TEXT_INPUT_PROTOCOL* input = harness.Environment().SystemTable()->ConIn;
-      ASSERT_EQ(input->ReadKeyStroke(input, &key), EFI_SUCCESS);
-      EXPECT_EQ(key.UnicodeChar, u'b');
-      // No platform backend is set here, so a hook point raised by the wait would end this child.
-    }));
+      ASSERT_EQ(gST->ConIn->ReadKeyStroke(gST->ConIn, &key), EFI_SUCCESS);
+      EXPECT_EQ(key.UnicodeChar, row.expected ? u'a' : u'b') << "exactly one key was taken";
+    })) << name;
   }
 }
 
-TEST(Directory, SetCurrentDirectoryDropsTheVolumeName) {
+TEST(Directory, HostSettingsAreKeptAsTheDriverNeedsThem) {
+  const std::u16string longPath = u"fs0:" + std::u16string(300, u'x');
   struct Row {
-    std::u16string path;
+    const CHAR16* path;
     std::u16string expected;
+  } rows[] = {
+      {u"fs0:\\efi\\tool", u".\\efi\\tool\\"}, {u"FS1:\\", u".\\\\"}, {u"fs0:", u".\\"},
+      {u"\\efi\\tool", u"\\efi\\tool"},  // no ':': kept as it is
+      {u"tool", u"tool"}, {u"", u""}, {nullptr, u""}, {u"fs0:a:b", u".a:b\\"},  // only the first ':' counts
+      {longPath.c_str(), u"." + std::u16string(251, u'x') + u"\\"},  // 255 characters are kept
   };
-  const std::vector<Row> rows = {
-      {u"fs0:\\efi\\tool", u".\\efi\\tool\\"},
-      {u"FS1:\\", u".\\\\"},
-      {u"fs0:", u".\\"},
-      {u"\\efi\\tool", u"\\efi\\tool"},  // no ':': kept as it is, nothing added
-      {u"tool", u"tool"},
-      {u"", u""},
-      {u"fs0:a:b", u".a:b\\"},  // only the first ':' counts
-  };
-  for (const auto& row : rows) {
-    SetCurrentDirectory(row.path.c_str());
-    EXPECT_EQ(CurrentDirectoryText(), row.expected);
+  for (const Row& row : rows) {
+    SetCurrentDirectory(row.path);
+    EXPECT_EQ(std::u16string(GetCurrentDirectory()), row.expected);
   }
-}
-
-TEST(Directory, SetCurrentDirectoryKeepsAt255CharactersAndTakesNullAsEmpty) {
-  std::u16string longPath = u"fs0:" + std::u16string(300, u'x');
-  SetCurrentDirectory(longPath.c_str());
-  // The copy holds 255 characters: "fs0:" and 251 'x', then "." and "\\" around those.
-  EXPECT_EQ(CurrentDirectoryText(), u"." + std::u16string(251, u'x') + u"\\");
-
-  SetCurrentDirectory(nullptr);
-  EXPECT_EQ(CurrentDirectoryText(), u"");
-}
-
-std::u16string lastCommand;
-EFI_STATUS EFIAPI RecordCommand(const CHAR16* text) {
-  lastCommand = text;
-  return EFI_ABORTED;
-}
-
-TEST(Directory, RunShellCommandGoesToTheHostCallbackAndRefusesWithoutOne) {
-  EXPECT_EQ(RunShellCommand(u"FwUpdLcl.efi -f me.bin"), EFI_UNSUPPORTED);
-  SetShellExecuteCallback(RecordCommand);
+  EXPECT_EQ(RunShellCommand(u"FwUpdLcl.efi -f me.bin"), EFI_UNSUPPORTED) << "no host callback";
+  SetShellExecuteCallback([](const CHAR16* text) -> EFI_STATUS { return std::u16string(text) == u"FwUpdLcl.efi -f me.bin" ? EFI_ABORTED : 0; });
   EXPECT_EQ(RunShellCommand(u"FwUpdLcl.efi -f me.bin"), EFI_ABORTED);
-  EXPECT_EQ(lastCommand, u"FwUpdLcl.efi -f me.bin");
 }
 
 }  // namespace

@@ -1,197 +1,100 @@
-// The file layer against host directories: names relative to the host's current directory, the
-// choice of volume, and the traces an engineer finds in ZAPROM.Log.
+// The file layer against host directories: each operation and the state it leaves, names relative
+// to the host's current directory, the choice of volume, and the traces in ZAPROM.Log.
+#include <functional>
 #include <string>
 #include <vector>
 
-#include "FrameHarness.h"
+#include "frame/FrameInternal.h"
+#include "output/Output.h"
+#include "support/FrameBed.h"
 #include "support/Isolated.h"
-
-using frame_test::FindAfter;
-using frame_test::FrameHarness;
-using frame_test::HarnessSetup;
-using frame_test::ReadHostFile;
-using frame_test::WriteHostFile;
-namespace fs = std::filesystem;
 
 namespace {
 
-std::string Bytes(const UINT8* data, UINT32 size) { return std::string(reinterpret_cast<const char*>(data), size); }
+namespace fs = std::filesystem;
 
-TEST(FileLayer, ReadFileGivesSizeAndBytesAndMayOnlyProbe) {
-  FrameHarness harness;
-  harness.StartDriver();
-  const std::string content("BIOS\0image\xFF", 11);
-  WriteHostFile(harness.Volume(0) / "image.fd", content);
-  WriteHostFile(harness.Volume(0) / "empty.bin", "");
-
+std::string Read(const CHAR16* name) {
   UINT8* data = nullptr;
-  UINT32 size = 0;
-  ASSERT_TRUE(ReadFile(u"image.fd", &data, &size));
-  EXPECT_EQ(size, content.size());
-  EXPECT_EQ(Bytes(data, size), content);
+  UINT32 size = 99;
+  if (!ReadFile(name, &data, &size)) return "(refused)";
+  std::string bytes = data == nullptr ? "(no block)" : std::string(reinterpret_cast<char*>(data), size);
   FreePoolAndNull(data);
-
-  UINT32 sizeOnly = 0;
-  EXPECT_TRUE(ReadFile(u"image.fd", nullptr, &sizeOnly));
-  EXPECT_EQ(sizeOnly, content.size());
-  EXPECT_TRUE(ReadFile(u"image.fd", nullptr, nullptr));
-
-  // An empty file still gives the caller a block to own.
-  ASSERT_TRUE(ReadFile(u"empty.bin", &data, &size));
-  EXPECT_EQ(size, 0u);
-  EXPECT_NE(data, nullptr);
-  FreePoolAndNull(data);
-
-  // An empty name opens the directory itself, which reads as empty.
-  size = 99;
-  ASSERT_TRUE(ReadFile(u"", &data, &size));
-  EXPECT_EQ(size, 0u);
-  EXPECT_NE(data, nullptr);
-  FreePoolAndNull(data);
+  return bytes;
 }
 
-TEST(FileLayer, ReadFileOfMissingFileIsFalseWithTheTrace) {
-  FrameHarness harness;
-  harness.StartDriver();
-  harness.EnableLog();
-  UINT8* data = nullptr;
-  UINT32 size = 7;
-  EXPECT_FALSE(ReadFile(u"missing.fd", &data, &size));
-  EXPECT_EQ(data, nullptr);
-  EXPECT_EQ(size, 7u);
-  EXPECT_NE(harness.Log().find("Open file [\\missing.fd] fail - Not Found\r\n"), std::string::npos) << harness.Log();
+TEST(FileLayer, EachOperationLeavesItsFiles) {
+  struct Row {
+    const char* what;
+    std::function<bool()> operation;
+    const char* path;      // on the volume, after the operation
+    const char* expected;  // its bytes; null: absent; "/": a directory
+  } rows[] = {
+      {"save creates", [] { return SaveBufferToFile(u"dump.bin", "12345678", 8); }, "dump.bin", "12345678"},
+      {"save overwrites", [] { return SaveBufferToFile(u"dump.bin", "ABCD", 4); }, "dump.bin", "ABCD"},
+      {"save of nothing proves the place writable", [] { return SaveBufferToFile(u"probe.bin", nullptr, 0); }, "probe.bin", ""},
+      {"append creates", [] { return AppendBufferToFile(u"notes.txt", "one\r\n", 5); }, "notes.txt", "one\r\n"},
+      {"append adds at the end", [] { return AppendBufferToFile(u"notes.txt", "two\r\n", 5); }, "notes.txt", "one\r\ntwo\r\n"},
+      {"read gives size and bytes", [] { return Read(u"dump.bin") == "ABCD"; }, "dump.bin", "ABCD"},
+      {"an empty file still gives a block", [] { return Read(u"probe.bin").empty(); }, "probe.bin", ""},
+      {"an empty name reads the directory as empty", [] { return Read(u"").empty(); }, "notes.txt", "one\r\ntwo\r\n"},
+      {"a missing file is refused", [] { return Read(u"missing.fd") == "(refused)"; }, "missing.fd", nullptr},
+      {"delete removes", [] { return EfiDeleteFile(u"dump.bin"); }, "dump.bin", nullptr},
+      {"a missing file counts as deleted", [] { return EfiDeleteFile(u"never.log"); }, "never.log", nullptr},
+      {"make directory", [] { return MakeDirectory(u"\\Dovrin"); }, "Dovrin", "/"},
+      {"names follow the current directory", [] { return SetCurrentDirectory(u"fs0:\\Dovrin"), MakeDirectory(u"Out"); },
+       "Dovrin/Out", "/"},
+      {"relative save", [] { return SaveBufferToFile(u"rom.bin", "R", 1) && AppendBufferToFile(u"rom.bin", "S", 1); },
+       "Dovrin/rom.bin", "RS"},
+      {"a name from the root", [] { return SaveBufferToFile(u"\\rooted.bin", "T", 1); }, "rooted.bin", "T"},
+      {"relative delete", [] { return EfiDeleteFile(u"rom.bin"); }, "Dovrin/rom.bin", nullptr},
+      {"a refused read is traced", [] { return true; }, "ZAPROM.Log", "~Open file [\\missing.fd] fail - Not Found\r\n"},
+      {"the log follows the current directory", [] { return true; }, "Dovrin/ZAPROM.Log",
+       "~  Str - (Out)\r\nmkDir - (.\\Dovrin\\\\Out)\r\n"},
+      {"a log that cannot be written ends without endless recursion", [] {
+         fs::path log = bed::FrameBed::current->volumes[0] / "Dovrin" / "ZAPROM.Log";
+         fs::remove(log), fs::create_directories(log / "inside");
+         return !AppendBufferToFile(u"ZAPROM.Log", "line\r\n", 6) && (LogPrint(kLogDetail, u"still alive\r\n"), true);
+       }, "Dovrin/ZAPROM.Log", "/"},
+  };
+  EXPECT_EQ(0, RunIsolated([&] {  // the root directory is looked for once per run
+  bed::FrameBed bed;
+  bed.StartDriver();
+  bed.SetLog(1, 4);
+  for (const Row& row : rows) {
+    EXPECT_TRUE(row.operation()) << row.what;
+    fs::path path = bed.volumes[0] / row.path;
+    if (row.expected == nullptr) EXPECT_FALSE(fs::exists(path)) << row.what;
+    else if (std::string(row.expected) == "/") EXPECT_TRUE(fs::is_directory(path)) << row.what;
+    else if (row.expected[0] == '~') EXPECT_NE(bed::ReadHostFile(path).find(row.expected + 1), std::string::npos) << row.what;
+    else EXPECT_EQ(bed::ReadHostFile(path), row.expected) << row.what;
+  }
+  }));
 }
 
-TEST(FileLayer, SaveCreatesOverwritesAndProvesWritabilityWithSizeZero) {
-  FrameHarness harness;
-  harness.StartDriver();
-  EXPECT_TRUE(SaveBufferToFile(u"dump.bin", "12345678", 8));
-  EXPECT_EQ(ReadHostFile(harness.Volume(0) / "dump.bin"), "12345678");
-  EXPECT_TRUE(SaveBufferToFile(u"dump.bin", "ABCDEFGH", 8));
-  EXPECT_EQ(ReadHostFile(harness.Volume(0) / "dump.bin"), "ABCDEFGH");
-
-  EXPECT_TRUE(SaveBufferToFile(u"probe.bin", nullptr, 0));
-  EXPECT_TRUE(fs::exists(harness.Volume(0) / "probe.bin"));
-  EXPECT_EQ(fs::file_size(harness.Volume(0) / "probe.bin"), 0u);
-}
-
-TEST(FileLayer, AppendAddsAtTheEndAndCreatesTheFile) {
-  FrameHarness harness;
-  harness.StartDriver();
-  EXPECT_TRUE(AppendBufferToFile(u"notes.txt", "one\r\n", 5));
-  EXPECT_TRUE(AppendBufferToFile(u"notes.txt", "two\r\n", 5));
-  EXPECT_EQ(ReadHostFile(harness.Volume(0) / "notes.txt"), "one\r\ntwo\r\n");
-}
-
-TEST(FileLayer, DeleteRemovesAFileAndCountsAMissingOneAsDeleted) {
-  FrameHarness harness;
-  harness.StartDriver();
-  WriteHostFile(harness.Volume(0) / "old.log", "x");
-  EXPECT_TRUE(EfiDeleteFile(u"old.log"));
-  EXPECT_FALSE(fs::exists(harness.Volume(0) / "old.log"));
-  EXPECT_TRUE(EfiDeleteFile(u"never-there.log"));
-}
-
-TEST(FileLayer, MakeDirectoryCreatesItAndTracesBothNames) {
-  FrameHarness harness;
-  harness.StartDriver();
-  harness.EnableLog();
-  EXPECT_TRUE(MakeDirectory(u"\\Dovrin"));
-  EXPECT_TRUE(fs::is_directory(harness.Volume(0) / "Dovrin"));
-  SetCurrentDirectory(u"fs0:\\Dovrin");
-  EXPECT_TRUE(MakeDirectory(u"Out"));
-  EXPECT_TRUE(fs::is_directory(harness.Volume(0) / "Dovrin" / "Out"));
-  EXPECT_NE(harness.Log().find("  Str - (\\Dovrin)\r\nmkDir - (\\Dovrin)\r\n"), std::string::npos) << harness.Log();
-  // The log follows the current directory too.
-  std::string movedLog = ReadHostFile(harness.Volume(0) / "Dovrin" / "ZAPROM.Log");
-  EXPECT_NE(movedLog.find("  Str - (Out)\r\nmkDir - (.\\Dovrin\\\\Out)\r\n"), std::string::npos)
-      << movedLog;
-}
-
-TEST(FileLayer, NamesAreRelativeToTheHostsCurrentDirectory) {
-  FrameHarness harness;
-  harness.StartDriver();
-  fs::create_directories(harness.Volume(0) / "efi" / "tool");
-  WriteHostFile(harness.Volume(0) / "efi" / "tool" / "platform.ini", "[Log_file]\r\n");
-  SetCurrentDirectory(u"fs0:\\efi\\tool");
-
-  UINT32 size = 0;
-  EXPECT_TRUE(ReadFile(u"platform.ini", nullptr, &size));
-  EXPECT_EQ(size, 12u);
-  EXPECT_TRUE(SaveBufferToFile(u"rom.bin", "R", 1));
-  EXPECT_EQ(ReadHostFile(harness.Volume(0) / "efi" / "tool" / "rom.bin"), "R");
-  EXPECT_TRUE(AppendBufferToFile(u"rom.bin", "S", 1));
-  EXPECT_EQ(ReadHostFile(harness.Volume(0) / "efi" / "tool" / "rom.bin"), "RS");
-  // A name that starts with '\' is taken from the root by the two functions that allow it.
-  EXPECT_TRUE(SaveBufferToFile(u"\\rooted.bin", "T", 1));
-  EXPECT_EQ(ReadHostFile(harness.Volume(0) / "rooted.bin"), "T");
-  EXPECT_FALSE(fs::exists(harness.Volume(0) / "efi" / "tool" / "rooted.bin"));
-  EXPECT_TRUE(EfiDeleteFile(u"rom.bin"));
-  EXPECT_FALSE(fs::exists(harness.Volume(0) / "efi" / "tool" / "rom.bin"));
-}
-
-TEST(FileLayer, WithoutHostImageTheFirstUsbVolumeIsTakenElseTheFirstVolume) {
+TEST(FileLayer, TheVolumeIsTheHostImagesElseTheFirstUsbElseTheFirst) {
   using emu::VolumeKind;
   struct Row {
     std::vector<VolumeKind> volumes;
-    size_t expectedVolume;
-    std::string expectedTrace;
+    bool hostImage;
+    size_t expected;
+  } rows[] = {
+      {{VolumeKind::Sata, VolumeKind::Usb, VolumeKind::Usb}, false, 1},
+      {{VolumeKind::Sata, VolumeKind::Emmc}, false, 0},
+      {{VolumeKind::Usb, VolumeKind::Sata}, true, 0},  // a host's image: its volume, USB or not
+      {{}, false, 0},  // no volume: nothing works
   };
-  const std::vector<Row> rows = {
-      {{VolumeKind::Sata, VolumeKind::Usb, VolumeKind::Usb}, 1, "SetFileHandle() |set| (1)\r\n"},
-      {{VolumeKind::Sata, VolumeKind::Emmc}, 0, "GetSubtype_1st() |fail| (2)\r\nSetFileHandle() |set| (0)\r\n"},
-      {{VolumeKind::Usb}, 0, "SetFileHandle() |set| (0)\r\n"},
-  };
-  for (const auto& row : rows) {
+  for (const Row& row : rows) {
     EXPECT_EQ(0, RunIsolated([&] {
-      HarnessSetup setup;
-      setup.volumes = row.volumes;
-      FrameHarness harness(setup);
-      harness.StartDriver();
-      harness.EnableLog();
-      EXPECT_TRUE(SaveBufferToFile(u"probe.bin", "P", 1));
-      for (size_t i = 0; i < row.volumes.size(); i++) {
-        EXPECT_EQ(fs::exists(harness.Volume(i) / "probe.bin"), i == row.expectedVolume) << "volume " << i;
-      }
-      EXPECT_NE(harness.Log(row.expectedVolume).find(row.expectedTrace), std::string::npos)
-          << harness.Log(row.expectedVolume);
+      bed::FrameBed bed(bed::Setup{row.volumes, "", {}});
+      if (!row.volumes.empty()) bed.StartDriver();
+      if (row.hostImage) SetImageHandle(bed.environment->CreateImageHandle(u"ZAPROM.efi", {u"ZAPROM.efi"}));
+      EXPECT_EQ(SaveBufferToFile(u"probe.bin", "P", 1), !row.volumes.empty());
+      for (size_t i = 0; i < row.volumes.size(); i++) EXPECT_EQ(fs::exists(bed.volumes[i] / "probe.bin"), i == row.expected);
+      if (row.volumes.empty())
+        EXPECT_TRUE(GetRootDirectory() == nullptr && !ReadFile(u"a", nullptr, nullptr) && !AppendBufferToFile(u"a", "x", 1) &&
+                    !EfiDeleteFile(u"a") && !MakeDirectory(u"a"));
     }));
   }
-}
-
-TEST(FileLayer, WithHostImageTheVolumeOfThatImageIsTaken) {
-  HarnessSetup setup;
-  setup.volumes = {emu::VolumeKind::Usb, emu::VolumeKind::Sata};
-  FrameHarness harness(setup);
-  harness.StartDriver();
-  // The tool's own volume is the first; the USB preference does not apply to a host's image.
-  SetImageHandle(harness.Environment().CreateImageHandle(u"ZAPROM.efi", {u"ZAPROM.efi"}));
-  EXPECT_TRUE(SaveBufferToFile(u"probe.bin", "P", 1));
-  EXPECT_TRUE(fs::exists(harness.Volume(0) / "probe.bin"));
-}
-
-TEST(FileLayer, FailingLogFileEndsWithoutEndlessRecursion) {
-  FrameHarness harness;
-  harness.StartDriver();
-  harness.EnableLog();
-  // A directory in the log file's place: every append of a log line fails to open it.
-  fs::create_directories(harness.Volume(0) / "ZAPROM.Log" / "inside");
-  EXPECT_FALSE(AppendBufferToFile(u"ZAPROM.Log", "line\r\n", 6));
-  LogPrint(kLogDetail, u"still alive\r\n");
-  EXPECT_TRUE(fs::is_directory(harness.Volume(0) / "ZAPROM.Log"));
-}
-
-TEST(FileLayer, NothingWorksWithoutAVolume) {
-  HarnessSetup setup;
-  setup.volumes = {};
-  FrameHarness harness(setup);
-  SetFirmwareTables(nullptr, harness.Environment().SystemTable());
-  EXPECT_EQ(GetRootDirectory(), nullptr);
-  EXPECT_FALSE(ReadFile(u"a", nullptr, nullptr));
-  EXPECT_FALSE(SaveBufferToFile(u"a", "x", 1));
-  EXPECT_FALSE(AppendBufferToFile(u"a", "x", 1));
-  EXPECT_FALSE(EfiDeleteFile(u"a"));
-  EXPECT_FALSE(MakeDirectory(u"a"));
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "image/Image.h"
-#include "output/LogHarness.h"
+#include "support/LogHarness.h"
 #include "support/Isolated.h"
 
 namespace {

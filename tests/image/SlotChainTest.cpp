@@ -6,7 +6,7 @@
 #include <string>
 
 #include "image/Image.h"
-#include "output/LogHarness.h"
+#include "support/LogHarness.h"
 
 namespace {
 

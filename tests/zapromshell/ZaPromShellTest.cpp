@@ -1,354 +1,167 @@
-// The command-line host ZAPROM-S against a recording firmware of its own: which device path it
-// loads the driver from, what it hands the driver and in which order, how it splits load options
-// without the shell, and what it returns and prints when a step fails.
+// The command-line host ZAPROM-S in the emulated environment, with a recording driver linked as
+// kobalt.efi: which device path it loads the driver from, what it hands the driver and in which
+// order, how it splits load options without the shell, and that it gives back what it took.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "FunctionDirectory.h"
 #include "ZaPromShell.h"
+#include "uefi-emu/UefiEmu.h"
 
 namespace {
 
-std::vector<UINT8> Node(UINT8 type, UINT8 subType, const std::vector<UINT8>& payload) {
-  std::vector<UINT8> node = {type, subType, 0, 0};
-  node.insert(node.end(), payload.begin(), payload.end());
-  node[2] = (UINT8)node.size();
-  node[3] = (UINT8)(node.size() >> 8);
-  return node;
-}
+std::vector<std::string> calls;
+std::vector<UINT8> loadedPath;
+Bool mainResult = true;
+ShellExecuteCallback callback = nullptr;
+decltype(EFI_BOOT_SERVICES::LoadImage) emuLoadImage = nullptr;
 
-std::vector<UINT8> FileNode(const std::u16string& text) {
-  std::vector<UINT8> payload;
-  for (char16_t c : text + u'\0') {
-    payload.push_back((UINT8)c);
-    payload.push_back((UINT8)(c >> 8));
-  }
-  return Node(kDevicePathTypeMedia, kDevicePathSubtypeFilePath, payload);
-}
-
-std::vector<UINT8> EndNode() { return Node(kDevicePathTypeEnd, kDevicePathSubtypeEndEntire, {}); }
-
-std::vector<UINT8> Join(std::initializer_list<std::vector<UINT8>> nodes) {
+std::string Narrow(const CHAR16* text) { return text ? std::string(text, text + std::char_traits<char16_t>::length(text)) : ""; }
+// File path nodes of the texts, then the end node.
+std::vector<UINT8> Path(std::vector<std::u16string> files) {
   std::vector<UINT8> path;
-  for (const auto& node : nodes) {
-    path.insert(path.end(), node.begin(), node.end());
+  for (const auto& file : files) {
+    path.insert(path.end(), {kDevicePathTypeMedia, kDevicePathSubtypeFilePath, (UINT8)(6 + 2 * file.size()), 0});
+    for (char16_t c : file + u'\0') path.insert(path.end(), {(UINT8)c, (UINT8)(c >> 8)});
   }
+  path.insert(path.end(), {kDevicePathTypeEnd, kDevicePathSubtypeEndEntire, 4, 0});
   return path;
 }
 
-std::string Narrow(const CHAR16* text) {
-  std::string out;
-  for (; text != nullptr && *text != 0; text++) {
-    out.push_back((char)*text);
-  }
-  return out;
-}
-
-bool SameGuid(const EFI_GUID* a, const EFI_GUID& b) { return std::memcmp(a, &b, sizeof(EFI_GUID)) == 0; }
-
-// The recording firmware: one instance, reset by each test.
-struct Firmware {
-  EFI_SYSTEM_TABLE systemTable{};
-  EFI_BOOT_SERVICES bootServices{};
-  EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL conOut{};
-  EFI_LOADED_IMAGE_PROTOCOL loadedImage{};
-  EFI_SHELL_PARAMETERS_PROTOCOL parameters{};
-  EFI_SHELL_PROTOCOL shell{};
-  FunctionDirectoryProtocol directory{};
-  std::vector<UINT8> devicePath;
-  std::vector<UINT8> imageFilePath;
-  std::u16string loadOptions;
-  std::vector<std::u16string> argumentTexts;
-  std::vector<CHAR16*> argumentPointers;
-  bool hasParameters = true;
-  bool hasShell = true;
-  const CHAR16* curDir = u"FS0:\\EFI\\Tools";
-  EFI_STATUS loadImageStatus = EFI_SUCCESS;
-  bool mainResult = true;
-  EFI_STATUS commandStatus = EFI_SUCCESS;
-
-  std::vector<std::string> calls;
-  std::string console;
-  std::vector<UINT8> loadedPath;
-  std::vector<std::string> receivedArguments;
-  ShellExecuteCallback callback = nullptr;
-  EFI_HANDLE executeParent = nullptr;
-  std::string executedCommand;
-};
-
-Firmware* fw = nullptr;
-int imageHandleMarker;
-int deviceHandleMarker;
-int driverHandleMarker;
-EFI_HANDLE const kImage = &imageHandleMarker;
-EFI_HANDLE const kDevice = &deviceHandleMarker;
-EFI_HANDLE const kDriver = &driverHandleMarker;
-
-EFI_STATUS EFIAPI OutputString(EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL*, const CHAR16* text) {
-  fw->console += Narrow(text);
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI HandleProtocol(EFI_HANDLE handle, const EFI_GUID* protocol, VOID** interface) {
-  if (handle == kImage && SameGuid(protocol, kLoadedImageProtocolGuid)) {
-    *interface = &fw->loadedImage;
-    return EFI_SUCCESS;
-  }
-  if (handle == kImage && SameGuid(protocol, kShellParametersProtocolGuid) && fw->hasParameters) {
-    *interface = &fw->parameters;
-    return EFI_SUCCESS;
-  }
-  if (handle == kDevice && SameGuid(protocol, kDevicePathProtocolGuid)) {
-    *interface = fw->devicePath.data();
-    return EFI_SUCCESS;
-  }
-  return EFI_UNSUPPORTED;
-}
-
-EFI_STATUS EFIAPI LocateProtocol(const EFI_GUID* protocol, VOID*, VOID** interface) {
-  if (SameGuid(protocol, kShellProtocolGuid) && fw->hasShell) {
-    *interface = &fw->shell;
-    return EFI_SUCCESS;
-  }
-  if (SameGuid(protocol, kFunctionDirectoryProtocolGuid)) {
-    fw->calls.push_back("LocateProtocol directory");
-    *interface = &fw->directory;
-    return EFI_SUCCESS;
-  }
-  return EFI_NOT_FOUND;
-}
-
-EFI_STATUS EFIAPI AllocatePool(EFI_MEMORY_TYPE, UINTN size, VOID** buffer) {
-  *buffer = ::operator new(size);
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI FreePool(VOID* buffer) {
-  ::operator delete(buffer);
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI LoadImage(BOOLEAN bootPolicy, EFI_HANDLE parent, EFI_DEVICE_PATH_PROTOCOL* path, VOID* source,
-                            UINTN sourceSize, EFI_HANDLE* image) {
-  fw->calls.push_back("LoadImage");
-  EXPECT_EQ(bootPolicy, 0);
-  EXPECT_EQ(parent, kImage);
-  EXPECT_EQ(source, nullptr);
-  EXPECT_EQ(sourceSize, 0u);
-  const UINT8* at = reinterpret_cast<const UINT8*>(path);
-  for (;;) {
-    UINTN length = at[2] | (at[3] << 8);
-    fw->loadedPath.insert(fw->loadedPath.end(), at, at + length);
-    if (at[0] == kDevicePathTypeEnd || length < 4) {
-      break;
-    }
-    at += length;
-  }
-  if (EFI_ERROR(fw->loadImageStatus)) {
-    return fw->loadImageStatus;
-  }
-  *image = kDriver;
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI StartImage(EFI_HANDLE image, UINTN*, CHAR16**) {
-  fw->calls.push_back(image == kDriver ? "StartImage" : "StartImage ?");
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI UnloadImage(EFI_HANDLE image) {
-  fw->calls.push_back(image == kDriver ? "UnloadImage" : "UnloadImage ?");
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI Execute(EFI_HANDLE* parent, CHAR16* command, CHAR16**, EFI_STATUS* status) {
-  fw->executeParent = *parent;
-  fw->executedCommand = Narrow(command);
-  *status = fw->commandStatus;
-  return EFI_SUCCESS;
-}
-
-const CHAR16* EFIAPI GetCurDir(const CHAR16* mapping) {
-  EXPECT_EQ(mapping, nullptr);
-  return fw->curDir;
-}
-
-VOID EFIAPI SetCommandLineArgument(UINT32 count, CHAR16** vector) {
-  fw->calls.push_back("SetCommandLineArgument " + std::to_string(count));
-  for (UINT32 i = 0; i < count; i++) {
-    fw->receivedArguments.push_back(Narrow(vector[i]));
-  }
-}
-VOID EFIAPI SetImageHandle(EFI_HANDLE handle) {
-  fw->calls.push_back(handle == kImage ? "SetImageHandle" : "SetImageHandle ?");
-}
-VOID EFIAPI SetCurrentDirectory(const CHAR16* path) { fw->calls.push_back("SetCurrentDirectory [" + Narrow(path) + "]"); }
-VOID EFIAPI SetShellExecuteCallback(ShellExecuteCallback callback) {
-  fw->calls.push_back("SetShellExecuteCallback");
-  fw->callback = callback;
-}
-Bool EFIAPI ShellFlashMain() {
-  fw->calls.push_back("ShellFlashMain");
-  return fw->mainResult;
-}
-Bool EFIAPI HookPoint(UINT32 point) {
-  fw->calls.push_back("SMI_ApHookPoint " + std::to_string(point));
-  return true;
-}
-Bool EFIAPI FinishReport() {
-  fw->calls.push_back("FuncOblis_16h");
-  return true;
-}
-
-VOID* EFIAPI LookupFunction(const CHAR16* name) {
-  const std::string wanted = Narrow(name);
-  if (wanted == "SetCommandLineArgument") return reinterpret_cast<VOID*>(SetCommandLineArgument);
-  if (wanted == "SetImageHandle") return reinterpret_cast<VOID*>(SetImageHandle);
-  if (wanted == "SetCurrentDirectory") return reinterpret_cast<VOID*>(SetCurrentDirectory);
-  if (wanted == "SetShellExecuteCallback") return reinterpret_cast<VOID*>(SetShellExecuteCallback);
-  if (wanted == "ShellFlashMain") return reinterpret_cast<VOID*>(ShellFlashMain);
-  if (wanted == "SMI_ApHookPoint") return reinterpret_cast<VOID*>(HookPoint);
-  if (wanted == "FuncOblis_16h") return reinterpret_cast<VOID*>(FinishReport);
+VOID* EFIAPI Lookup(const CHAR16* name) {
+  static const std::pair<const char*, VOID*> functions[] = {
+      {"SetCommandLineArgument", (VOID*)+[](UINT32 count, CHAR16** vector) {
+         std::string text = "SetCommandLineArgument";
+         for (UINT32 i = 0; i < count; i++) text += " [" + Narrow(vector[i]) + "]";
+         calls.push_back(text);
+       }},
+      {"SetImageHandle", (VOID*)+[](EFI_HANDLE) { calls.push_back("SetImageHandle"); }},
+      {"SetCurrentDirectory", (VOID*)+[](const CHAR16* path) { calls.push_back("SetCurrentDirectory [" + Narrow(path) + "]"); }},
+      {"SetShellExecuteCallback", (VOID*)+[](ShellExecuteCallback c) { callback = c, calls.push_back("SetShellExecuteCallback"); }},
+      {"ShellFlashMain", (VOID*)+[]() -> Bool { return calls.push_back("ShellFlashMain"), mainResult; }},
+      {"SMI_ApHookPoint", (VOID*)+[](UINT32 point) -> Bool { return calls.push_back("Hook " + std::to_string(point)), true; }},
+      {"FuncOblis_16h", (VOID*)+[]() -> Bool { return calls.push_back("FuncOblis_16h"), true; }},
+  };
+  for (const auto& [known, function] : functions)
+    if (Narrow(name) == known) return function;
   return nullptr;
 }
+FunctionDirectoryProtocol directory = {Lookup};
 
-class ZaPromShellTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    fw = &firmware;
-    firmware.systemTable.ConOut = &firmware.conOut;
-    firmware.systemTable.BootServices = &firmware.bootServices;
-    firmware.conOut.OutputString = OutputString;
-    firmware.bootServices.HandleProtocol = HandleProtocol;
-    firmware.bootServices.LocateProtocol = LocateProtocol;
-    firmware.bootServices.AllocatePool = AllocatePool;
-    firmware.bootServices.FreePool = FreePool;
-    firmware.bootServices.LoadImage = LoadImage;
-    firmware.bootServices.StartImage = StartImage;
-    firmware.bootServices.UnloadImage = UnloadImage;
-    firmware.shell.Execute = Execute;
-    firmware.shell.GetCurDir = GetCurDir;
-    firmware.directory.LookupFunction = LookupFunction;
-    // A SATA disk behind a PCI bridge, as the shell's fs0: usually is.
-    firmware.devicePath = Join({Node(kDevicePathTypeHardware, 1, {0x02, 0x1F}),
-                                Node(kDevicePathTypeMessaging, kDevicePathSubtypeSata, {0, 0, 0xFF, 0xFF, 0, 0}),
-                                EndNode()});
-    SetImagePath(Join({FileNode(u"\\EFI\\Tools\\ZAPROM-S.efi"), EndNode()}));
-    SetArguments({u"ZAPROM-S.efi", u"bios.fd", u"-dbg"});
-  }
-  void TearDown() override { fw = nullptr; }
+EFI_STATUS EFIAPI DriverEntry(EFI_HANDLE image, EFI_SYSTEM_TABLE* system) {
+  calls.push_back("driver started");
+  VOID* loaded = nullptr;
+  system->BootServices->HandleProtocol(image, &kLoadedImageProtocolGuid, &loaded);
+  static_cast<EFI_LOADED_IMAGE_PROTOCOL*>(loaded)->Unload = [](EFI_HANDLE) { return calls.push_back("unloaded"), EFI_SUCCESS; };
+  return system->BootServices->InstallProtocolInterface(&image, &kFunctionDirectoryProtocolGuid, EFI_NATIVE_INTERFACE, &directory);
+}
 
-  void SetImagePath(std::vector<UINT8> path) {
-    firmware.imageFilePath = std::move(path);
-    firmware.loadedImage.DeviceHandle = kDevice;
-    firmware.loadedImage.FilePath = reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(firmware.imageFilePath.data());
+struct HostRun {
+  explicit HostRun(const std::vector<std::u16string>& arguments, const std::vector<UINT8>& imagePath = Path({u"\\EFI\\Tools\\ZAPROM-S.efi"}),
+                   const char16_t* loadOptions = nullptr, bool linked = true)
+      : environment(Options()), imagePath(imagePath) {
+    calls.clear(), loadedPath.clear(), callback = nullptr;
+    if (linked) environment.RegisterLinkedImage(u"kobalt.efi", DriverEntry);
+    environment.SetShellCurrentDirectory(u"FS0:\\EFI\\Tools");
+    EFI_BOOT_SERVICES* services = environment.SystemTable()->BootServices;
+    emuLoadImage = services->LoadImage;
+    services->LoadImage = [](BOOLEAN policy, EFI_HANDLE parent, EFI_DEVICE_PATH_PROTOCOL* path, VOID* source, UINTN size,
+                             EFI_HANDLE* image) {
+      for (auto* at = reinterpret_cast<const UINT8*>(path);; at += at[2] | at[3] << 8) {
+        loadedPath.insert(loadedPath.end(), at, at + (at[2] | at[3] << 8));
+        if (at[0] == kDevicePathTypeEnd) break;
+      }
+      return emuLoadImage(policy, parent, path, source, size, image);
+    };
+    EFI_HANDLE image = environment.CreateImageHandle(u"ZAPROM-S.efi", arguments);
+    VOID* loaded = nullptr;
+    services->HandleProtocol(image, &kLoadedImageProtocolGuid, &loaded);
+    auto* self = static_cast<EFI_LOADED_IMAGE_PROTOCOL*>(loaded);
+    self->FilePath = reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(this->imagePath.data());
+    self->LoadOptions = (VOID*)loadOptions;
+    self->LoadOptionsSize = loadOptions ? (UINT32)(2 * std::char_traits<char16_t>::length(loadOptions)) : 0;
+    blocksBefore = environment.LiveAllocations();
+    status = ZaPromShellEntry(image, environment.SystemTable());
   }
-  void SetArguments(std::vector<std::u16string> arguments) {
-    firmware.argumentTexts = std::move(arguments);
-    firmware.argumentPointers.clear();
-    for (auto& text : firmware.argumentTexts) {
-      firmware.argumentPointers.push_back(text.data());
-    }
-    firmware.parameters.Argc = firmware.argumentPointers.size();
-    firmware.parameters.Argv = firmware.argumentPointers.data();
+  static emu::Options Options() { return emu::Options{{{"/tmp", emu::VolumeKind::Usb}}, 0, "", false, nullptr}; }
+  // The volume's own nodes, then one file node for the driver, then the end.
+  std::vector<UINT8> DriverPath(const std::u16string& file) {
+    VOID* device = nullptr;
+    gBS->HandleProtocol(environment.VolumeHandle(0), &kDevicePathProtocolGuid, &device);
+    std::vector<UINT8> path;
+    for (auto* at = static_cast<const UINT8*>(device); at[0] != kDevicePathTypeEnd; at += at[2] | at[3] << 8) path.insert(path.end(), at, at + (at[2] | at[3] << 8));
+    for (UINT8 b : Path({file})) path.push_back(b);
+    return path;
   }
-  void SetLoadOptions(const std::u16string& options) {
-    firmware.hasParameters = false;
-    firmware.loadOptions = options;
-    firmware.loadedImage.LoadOptions = firmware.loadOptions.data();
-    firmware.loadedImage.LoadOptionsSize = (UINT32)(options.size() * sizeof(char16_t));
-  }
-  EFI_STATUS Run() { return ZaPromShellEntry(kImage, &firmware.systemTable); }
-
-  Firmware firmware;
+  emu::Environment environment;
+  std::vector<UINT8> imagePath;
+  size_t blocksBefore = 0;
+  EFI_STATUS status = EFI_SUCCESS;
 };
 
-TEST_F(ZaPromShellTest, LoadsDriverBesideItselfAndHandsOverTheRunInOrder) {
-  EXPECT_EQ(Run(), EFI_SUCCESS);
-  const std::vector<std::string> expected = {
-      "LoadImage",           "StartImage",     "LocateProtocol directory",
-      "SetCommandLineArgument 3", "SetImageHandle", "SetCurrentDirectory [FS0:\\EFI\\Tools]",
-      "SetShellExecuteCallback", "ShellFlashMain", "SMI_ApHookPoint 0",
-      "FuncOblis_16h",       "UnloadImage"};
-  EXPECT_EQ(firmware.calls, expected);
-  EXPECT_EQ(firmware.receivedArguments, (std::vector<std::string>{"ZAPROM-S.efi", "bios.fd", "-dbg"}));
-  // The device's own nodes, then one file node beside the application, then the end.
-  std::vector<UINT8> devicePrefix(firmware.devicePath.begin(), firmware.devicePath.end() - 4);
-  std::vector<UINT8> expectedPath = devicePrefix;
-  for (const auto& node : {FileNode(u"\\EFI\\Tools\\kobalt.efi"), EndNode()}) {
-    expectedPath.insert(expectedPath.end(), node.begin(), node.end());
+TEST(ZaPromShell, LoadsTheDriverBesideItselfHandsOverTheRunInOrderAndGivesBackWhatItTook) {
+  struct Row {
+    const char* what;
+    std::vector<std::u16string> arguments;
+    const char16_t* loadOptions;
+    std::string argumentsCall;
+    std::string directory;
+  } rows[] = {
+      {"shell arguments", {u"ZAPROM-S.efi", u"bios.fd", u"-dbg"}, nullptr,
+       "SetCommandLineArgument [ZAPROM-S.efi] [bios.fd] [-dbg]", "SetCurrentDirectory [FS0:\\EFI\\Tools]"},
+      {"load options cut at blanks, quotes kept together", {}, u"ZAPROM-S.efi  \"new bios.fd\"\t-dbg -o\"a b\"  ",
+       "SetCommandLineArgument [ZAPROM-S.efi] [new bios.fd] [-dbg] [-oa b]", "SetCurrentDirectory []"},
+      {"no load options", {}, nullptr, "SetCommandLineArgument", "SetCurrentDirectory []"},
+  };
+  for (const Row& row : rows) {
+    HostRun run(row.arguments, Path({u"\\EFI\\Tools\\ZAPROM-S.efi"}), row.loadOptions);
+    EXPECT_EQ(run.status, EFI_SUCCESS) << row.what;
+    EXPECT_EQ(calls, (std::vector<std::string>{"driver started", row.argumentsCall, "SetImageHandle", row.directory,
+                                               "SetShellExecuteCallback", "ShellFlashMain", "Hook 0", "FuncOblis_16h", "unloaded"}))
+        << row.what;
+    EXPECT_EQ(loadedPath, run.DriverPath(u"\\EFI\\Tools\\kobalt.efi")) << row.what;
+    EXPECT_EQ(run.environment.LiveAllocations(), run.blocksBefore) << row.what;
+    EXPECT_EQ(run.environment.ConsoleTranscript(), "") << row.what;
   }
-  EXPECT_EQ(firmware.loadedPath, expectedPath);
-  EXPECT_EQ(firmware.console, "");
 }
 
-TEST_F(ZaPromShellTest, FailedMainGivesUnsupportedAndStillClosesTheRun) {
-  firmware.mainResult = false;
-  EXPECT_EQ(Run(), EFI_UNSUPPORTED);
-  ASSERT_GE(firmware.calls.size(), 4u);
-  const std::vector<std::string> tail(firmware.calls.end() - 4, firmware.calls.end());
-  EXPECT_EQ(tail, (std::vector<std::string>{"ShellFlashMain", "SMI_ApHookPoint 0", "FuncOblis_16h", "UnloadImage"}));
-}
-
-TEST_F(ZaPromShellTest, DriverPathFollowsTheApplicationsOwnFilePath) {
-  struct Case {
-    std::vector<UINT8> imagePath;
+TEST(ZaPromShell, DriverPathFollowsTheApplicationsOwnFilePath) {
+  struct Row {
+    std::vector<std::u16string> imageFiles;
     std::u16string driverFile;
+  } rows[] = {
+      {{u"\\ZAPROM-S.efi"}, u"\\kobalt.efi"},
+      {{u"ZAPROM-S.efi"}, u"\\kobalt.efi"},
+      {{u"\\EFI", u"Tools\\ZAPROM-S.efi"}, u"\\EFI\\Tools\\kobalt.efi"},
+      {{u"\\EFI\\", u"ZAPROM-S.efi"}, u"\\EFI\\kobalt.efi"},
   };
-  const std::vector<Case> cases = {
-      {Join({FileNode(u"\\ZAPROM-S.efi"), EndNode()}), u"\\kobalt.efi"},
-      {Join({FileNode(u"ZAPROM-S.efi"), EndNode()}), u"\\kobalt.efi"},
-      {Join({FileNode(u"\\EFI"), FileNode(u"Tools\\ZAPROM-S.efi"), EndNode()}), u"\\EFI\\Tools\\kobalt.efi"},
-      {Join({FileNode(u"\\EFI\\"), FileNode(u"ZAPROM-S.efi"), EndNode()}), u"\\EFI\\kobalt.efi"},
-  };
-  for (const auto& c : cases) {
-    firmware.loadedPath.clear();
-    firmware.calls.clear();
-    SetImagePath(c.imagePath);
-    EXPECT_EQ(Run(), EFI_SUCCESS);
-    std::vector<UINT8> expectedPath(firmware.devicePath.begin(), firmware.devicePath.end() - 4);
-    for (const auto& node : {FileNode(c.driverFile), EndNode()}) {
-      expectedPath.insert(expectedPath.end(), node.begin(), node.end());
-    }
-    EXPECT_EQ(firmware.loadedPath, expectedPath) << Narrow(reinterpret_cast<const CHAR16*>(c.driverFile.c_str()));
+  for (const Row& row : rows) {
+    HostRun run({u"ZAPROM-S.efi"}, Path(row.imageFiles));
+    EXPECT_EQ(loadedPath, run.DriverPath(row.driverFile)) << Narrow((const CHAR16*)row.driverFile.c_str());
   }
 }
 
-TEST_F(ZaPromShellTest, WithoutShellSplitsLoadOptionsAtBlanksHonouringQuotes) {
-  firmware.hasShell = false;
-  SetLoadOptions(u"ZAPROM-S.efi  \"new bios.fd\"\t-dbg -o\"a b\"  ");
-  EXPECT_EQ(Run(), EFI_SUCCESS);
-  EXPECT_EQ(firmware.receivedArguments, (std::vector<std::string>{"ZAPROM-S.efi", "new bios.fd", "-dbg", "-oa b"}));
-  EXPECT_NE(std::find(firmware.calls.begin(), firmware.calls.end(), "SetCurrentDirectory []"), firmware.calls.end());
-}
+TEST(ZaPromShell, FailuresAreReportedAndTheRunStillCloses) {
+  {
+  mainResult = false;
+  HostRun failedMain({u"ZAPROM-S.efi"});
+  mainResult = true;
+  EXPECT_EQ(failedMain.status, EFI_UNSUPPORTED);
+  EXPECT_EQ(std::vector<std::string>(calls.end() - 4, calls.end()),
+            (std::vector<std::string>{"ShellFlashMain", "Hook 0", "FuncOblis_16h", "unloaded"}));
 
-TEST_F(ZaPromShellTest, EmptyLoadOptionsGiveNoArguments) {
-  SetLoadOptions(u"");
-  firmware.loadedImage.LoadOptions = nullptr;
-  EXPECT_EQ(Run(), EFI_SUCCESS);
-  EXPECT_NE(std::find(firmware.calls.begin(), firmware.calls.end(), "SetCommandLineArgument 0"), firmware.calls.end());
-}
-
-TEST_F(ZaPromShellTest, FailedLoadImageIsReportedAndReturnedWithoutCallingTheDriver) {
-  firmware.loadImageStatus = EFI_NOT_FOUND;
-  EXPECT_EQ(Run(), EFI_NOT_FOUND);
-  EXPECT_EQ(firmware.calls, (std::vector<std::string>{"LoadImage"}));
-  const std::string expected =
-      sizeof(EFI_STATUS) == 8 ? "0x800000000000000E" : "0x8000000E";
-  EXPECT_EQ(firmware.console, "ZAPROM-S: LoadImage of kobalt.efi failed - " + expected + "\r\n");
-}
-
-TEST_F(ZaPromShellTest, ExecuteCallbackRunsTheCommandInTheShellAndReturnsItsStatus) {
-  firmware.commandStatus = EFI_ABORTED;
-  EXPECT_EQ(Run(), EFI_SUCCESS);
-  ASSERT_NE(firmware.callback, nullptr);
-  EXPECT_EQ(firmware.callback(u"FwUpdLcl.efi -f me.bin"), EFI_ABORTED);
-  EXPECT_EQ(firmware.executedCommand, "FwUpdLcl.efi -f me.bin");
-  EXPECT_EQ(firmware.executeParent, kImage);
+  ASSERT_NE(callback, nullptr);
+  failedMain.environment.SetShellExecuteHandler([](const std::u16string&) -> EFI_STATUS { return EFI_ABORTED; });
+  EXPECT_EQ(callback(u"FwUpdLcl.efi -f me.bin"), EFI_ABORTED) << "the execute callback runs the command in the shell";
+  EXPECT_EQ(failedMain.environment.ExecutedCommands(), (std::vector<std::u16string>{u"FwUpdLcl.efi -f me.bin"}));
+  }
+  HostRun noDriver({u"ZAPROM-S.efi"}, Path({u"\\EFI\\Tools\\ZAPROM-S.efi"}), nullptr, false);
+  EXPECT_EQ(noDriver.status, EFI_NOT_FOUND);
+  EXPECT_TRUE(calls.empty());
+  EXPECT_EQ(noDriver.environment.ConsoleTranscript(), "ZAPROM-S: LoadImage of kobalt.efi failed - 0x800000000000000E\r\n");
 }
 
 }  // namespace

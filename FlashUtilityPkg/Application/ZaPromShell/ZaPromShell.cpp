@@ -221,7 +221,7 @@ Bool IsBlank(CHAR16 c) { return c == u' ' || c == u'\t'; }
 
 // Without the shell's parameters protocol: the load options cut at blanks; a double-quoted
 // stretch stays one argument, without its quotes. Text and vector are one pool block that lives
-// for the run, since the driver reads and blanks arguments in place.
+// for the run, since the driver reads and blanks arguments in place; the vector is its start.
 Bool SplitLoadOptions(const EFI_LOADED_IMAGE_PROTOCOL* loadedImage, UINT32* count, CHAR16*** vector) {
   UINTN characters = loadedImage->LoadOptions != nullptr ? loadedImage->LoadOptionsSize / sizeof(CHAR16) : 0;
   UINTN maxArguments = characters / 2 + 1;
@@ -266,8 +266,10 @@ Bool SplitLoadOptions(const EFI_LOADED_IMAGE_PROTOCOL* loadedImage, UINT32* coun
   return true;
 }
 
+// The shell's own vector when it gives one; otherwise the split load options, whose block
+// *splitBlock then holds for the caller to free.
 Bool GetArguments(EFI_HANDLE imageHandle, const EFI_LOADED_IMAGE_PROTOCOL* loadedImage, UINT32* count,
-                  CHAR16*** vector) {
+                  CHAR16*** vector, VOID** splitBlock) {
   EFI_SHELL_PARAMETERS_PROTOCOL* parameters = nullptr;
   if (!EFI_ERROR(gHost.bootServices->HandleProtocol(imageHandle, &kShellParametersProtocolGuid,
                                                   reinterpret_cast<VOID**>(&parameters))) &&
@@ -276,7 +278,11 @@ Bool GetArguments(EFI_HANDLE imageHandle, const EFI_LOADED_IMAGE_PROTOCOL* loade
     *vector = parameters->Argv;
     return true;
   }
-  return SplitLoadOptions(loadedImage, count, vector);
+  if (!SplitLoadOptions(loadedImage, count, vector)) {
+    return false;
+  }
+  *splitBlock = *vector;
+  return true;
 }
 
 EFI_STATUS EFIAPI ExecuteThroughShell(const CHAR16* commandLine) {
@@ -336,35 +342,11 @@ EFI_STATUS RunDriver(EFI_HANDLE imageHandle, UINT32 argumentCount, CHAR16** argu
   return updated ? EFI_SUCCESS : EFI_UNSUPPORTED;
 }
 
-}  // namespace
-
-EFI_STATUS EFIAPI ZaPromShellEntry(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable) {
-  if (systemTable == nullptr || systemTable->BootServices == nullptr) {
-    return EFI_INVALID_PARAMETER;
-  }
-  gHost.systemTable = systemTable;
-  gHost.bootServices = systemTable->BootServices;
-  gHost.imageHandle = imageHandle;
-  gHost.shell = nullptr;
-
-  EFI_LOADED_IMAGE_PROTOCOL* loadedImage = nullptr;
-  EFI_STATUS status = gHost.bootServices->HandleProtocol(imageHandle, &kLoadedImageProtocolGuid,
-                                                       reinterpret_cast<VOID**>(&loadedImage));
-  if (EFI_ERROR(status) || loadedImage == nullptr) {
-    return ReportFailure(u"HandleProtocol of its own loaded image", EFI_ERROR(status) ? status : EFI_NOT_FOUND);
-  }
-  if (EFI_ERROR(gHost.bootServices->LocateProtocol(&kShellProtocolGuid, nullptr, reinterpret_cast<VOID**>(&gHost.shell)))) {
-    gHost.shell = nullptr;
-  }
-
-  UINT32 argumentCount = 0;
-  CHAR16** argumentVector = nullptr;
-  if (!GetArguments(imageHandle, loadedImage, &argumentCount, &argumentVector)) {
-    return ReportFailure(u"Reading the command line", EFI_OUT_OF_RESOURCES);
-  }
-
+// Loads kobalt.efi beside this application, starts it, runs it and unloads it again.
+EFI_STATUS LoadAndRunDriver(EFI_HANDLE imageHandle, EFI_LOADED_IMAGE_PROTOCOL* loadedImage, UINT32 argumentCount,
+                            CHAR16** argumentVector) {
   EFI_DEVICE_PATH_PROTOCOL* driverPath = nullptr;
-  status = BuildDriverDevicePath(loadedImage, &driverPath);
+  EFI_STATUS status = BuildDriverDevicePath(loadedImage, &driverPath);
   if (EFI_ERROR(status)) {
     return ReportFailure(u"Device path of kobalt.efi", status);
   }
@@ -388,6 +370,39 @@ EFI_STATUS EFIAPI ZaPromShellEntry(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* sys
     return ReportFailure(u"UnloadImage of kobalt.efi", status);
   }
   return result;
+}
+
+}  // namespace
+
+EFI_STATUS EFIAPI ZaPromShellEntry(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable) {
+  if (systemTable == nullptr || systemTable->BootServices == nullptr) {
+    return EFI_INVALID_PARAMETER;
+  }
+  gHost.systemTable = systemTable;
+  gHost.bootServices = systemTable->BootServices;
+  gHost.imageHandle = imageHandle;
+  gHost.shell = nullptr;
+
+  EFI_LOADED_IMAGE_PROTOCOL* loadedImage = nullptr;
+  EFI_STATUS status = gHost.bootServices->HandleProtocol(imageHandle, &kLoadedImageProtocolGuid,
+                                                       reinterpret_cast<VOID**>(&loadedImage));
+  if (EFI_ERROR(status) || loadedImage == nullptr) {
+    return ReportFailure(u"HandleProtocol of its own loaded image", EFI_ERROR(status) ? status : EFI_NOT_FOUND);
+  }
+  if (EFI_ERROR(gHost.bootServices->LocateProtocol(&kShellProtocolGuid, nullptr, reinterpret_cast<VOID**>(&gHost.shell)))) {
+    gHost.shell = nullptr;
+  }
+
+  UINT32 argumentCount = 0;
+  CHAR16** argumentVector = nullptr;
+  VOID* splitBlock = nullptr;
+  if (!GetArguments(imageHandle, loadedImage, &argumentCount, &argumentVector, &splitBlock)) {
+    return ReportFailure(u"Reading the command line", EFI_OUT_OF_RESOURCES);
+  }
+  status = LoadAndRunDriver(imageHandle, loadedImage, argumentCount, argumentVector);
+  // The driver is unloaded by now, so nothing reads the arguments any more.
+  FreeBlock(splitBlock);
+  return status;
 }
 
 VOID ResetZaPromShellState() { gHost = {}; }

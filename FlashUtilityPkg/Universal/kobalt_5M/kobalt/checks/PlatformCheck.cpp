@@ -14,6 +14,16 @@ constexpr UINTN kTextCharacters = 255;  // of a name or a version that takes par
 constexpr UINTN kTextBytes = kTextCharacters + 1;
 constexpr UINTN kIdentityCharacters = 64;  // NewImageModel, NewImageVersion: 63 and the terminator
 constexpr UINTN kBoxLineCharacters = 320;
+// The firmware hears of every key wait of a dialog, before and after.
+constexpr UINT32 kHookPointBeforeDialog = 5;
+constexpr UINT32 kHookPointAfterDialog = 6;
+
+CHAR16 DialogKey() {
+  SMI_ApHookPoint(kHookPointBeforeDialog);
+  CHAR16 key = WaitKey();
+  SMI_ApHookPoint(kHookPointAfterDialog);
+  return key;
+}
 
 // The BVDT fields, from the block's first byte; a '$' in front of a field says it is there.
 constexpr UINT32 kBvdtVersionMark = 0x0D;
@@ -220,7 +230,7 @@ Bool DellPlatformDecision(INT32 code, const PlatformInfo& platform) {
   PrintLong(kDellRefusalBox, imageLine, platformLine);
   SetConsoleAttribute(kAttributeWhiteOnBlack);
   Print(kLineEnd);
-  WaitKey();
+  DialogKey();
   return false;
 }
 
@@ -232,23 +242,23 @@ Bool DellVersionDialogue(INT32 result, const PlatformInfo& platform) {
   }
   if (result == kCheckOlder) {
     Print(kDellOlder);
-    if (IsKey(WaitKey(), u'y')) {
+    if (IsKey(DialogKey(), u'y')) {
       return true;
     }
   } else {
     Print(kDellReplace, platform.modelVersion, NewImageVersion());
-    if (IsKey(WaitKey(), u'y')) {
+    if (IsKey(DialogKey(), u'y')) {
       if (result != 0) {
         return true;
       }
       Print(kDellSameContents);
-      if (IsKey(WaitKey(), u'c')) {
+      if (IsKey(DialogKey(), u'c')) {
         return true;
       }
     }
   }
   Print(kDellCancelled);
-  WaitKey();
+  DialogKey();
   Print(kDellNotPerformed);
   return false;
 }

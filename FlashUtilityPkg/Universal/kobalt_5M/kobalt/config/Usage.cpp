@@ -1,6 +1,7 @@
 // The help text (DisplayUsage): the usage rows, the rows the firmware's filter hides, and the
 // pager that stops before a screen is full. Which options exist is the command-line reader's.
 #include "config/Config.h"
+#include "oblis/Oblis.h"
 #include "output/Output.h"
 
 namespace {
@@ -9,6 +10,9 @@ constexpr UINT8 kNoBit = 0x81;
 // The banner and its blank lines stand above the first row.
 constexpr UINT32 kFirstLine = 4;
 constexpr UINT32 kScreenLines = 24;
+// The firmware hears of every key wait of a dialog, before and after.
+constexpr UINT32 kHookPointBeforeDialog = 5;
+constexpr UINT32 kHookPointAfterDialog = 6;
 
 constexpr CHAR16 kDisplayUsageName[] = u"DisplayUsage";
 constexpr CHAR16 kTraceFilterEnabled[] = u"filter() |enable|\r\n";
@@ -99,7 +103,9 @@ VOID DisplayUsage() {
     }
     if (lines + row.lines >= kScreenLines) {
       Print(kPressKey);
+      SMI_ApHookPoint(kHookPointBeforeDialog);
       WaitKey();
+      SMI_ApHookPoint(kHookPointAfterDialog);
       lines = 0;
     }
     // The long rows do not fit one Print; PrintLong gives the same text in slices.

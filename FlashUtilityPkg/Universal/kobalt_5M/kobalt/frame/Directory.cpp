@@ -1,7 +1,7 @@
 // The function directory a host asks by name, and what the host hands in through it: arguments,
 // image handle, current directory and execute callback. The functions themselves live with the
 // mains (frame) and the firmware wrappers (oblis); the files are reached through FileLayer.cpp.
-#include "frame/Frame.h"
+#include "frame/FrameInternal.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
 

@@ -1,7 +1,7 @@
 // The driver's entry point and unload handler: keeps the firmware tables, publishes the function
 // directory and the component name on the image handle, and marks the entry slot tags. It does
 // no work of a run: no OBLIS call, no console output, no setting is read here.
-#include "frame/Frame.h"
+#include "frame/FrameInternal.h"
 #include "image/Image.h"
 
 namespace {

@@ -6,7 +6,7 @@
 // through EfiDeleteFile, and every trace here goes back through the log writer. So nothing in
 // this file may trace on the append's success path, the root is looked for only once, and the
 // append's own failure trace is guarded against coming back into itself.
-#include "frame/Frame.h"
+#include "frame/FrameInternal.h"
 #include "output/Output.h"
 
 namespace {
@@ -176,6 +176,43 @@ EFI_FILE_PROTOCOL* GetRootDirectory() {
   return gFiles.rootDirectory;
 }
 
+namespace {
+
+// The size and, when buffer is given, the bytes of an open file; the caller closes it.
+Bool ReadOpenFile(EFI_FILE_PROTOCOL* file, UINT8** buffer, UINT32* size) {
+  UINT64 position = 0;
+  file->SetPosition(file, kPositionEnd);
+  if (EFI_ERROR(file->GetPosition(file, &position))) {
+    position = 0;  // a directory has no position: it reads as empty
+  }
+  file->SetPosition(file, 0);
+  // The size travels as u32; a larger file cannot be held and is refused.
+  if (position > 0xFFFFFFFFULL) {
+    return false;
+  }
+  UINT32 fileSize = (UINT32)position;
+  if (size != nullptr) {
+    *size = fileSize;
+  }
+  if (buffer == nullptr) {
+    return true;
+  }
+  // One byte more than the file, so an empty file still gives the caller a valid block.
+  UINT8* data = static_cast<UINT8*>(AllocateZeroPool((UINTN)fileSize + 1));
+  if (data == nullptr) {
+    return false;
+  }
+  UINTN readSize = fileSize;
+  if (fileSize != 0 && (EFI_ERROR(file->Read(file, &readSize, data)) || readSize != fileSize)) {
+    FreePoolAndNull(data);
+    return false;
+  }
+  *buffer = data;
+  return true;
+}
+
+}  // namespace
+
 Bool ReadFile(const CHAR16* name, UINT8** buffer, UINT32* size) {
   EFI_FILE_PROTOCOL* root = GetRootDirectory();
   if (root == nullptr) {
@@ -189,40 +226,9 @@ Bool ReadFile(const CHAR16* name, UINT8** buffer, UINT32* size) {
     LogPrint(kLogDetail, kTraceReadOpenFail, fullName, status);
     return false;
   }
-  UINT64 position = 0;
-  file->SetPosition(file, kPositionEnd);
-  if (EFI_ERROR(file->GetPosition(file, &position))) {
-    position = 0;  // a directory has no position: it reads as empty
-  }
-  file->SetPosition(file, 0);
-  // The size travels as u32; a larger file cannot be held and is refused.
-  if (position > 0xFFFFFFFFULL) {
-    file->Close(file);
-    return false;
-  }
-  UINT32 fileSize = (UINT32)position;
-  if (size != nullptr) {
-    *size = fileSize;
-  }
-  if (buffer != nullptr) {
-    // One byte more than the file, so an empty file still gives the caller a valid block.
-    UINT8* data = static_cast<UINT8*>(AllocateZeroPool((UINTN)fileSize + 1));
-    if (data == nullptr) {
-      file->Close(file);
-      return false;
-    }
-    if (fileSize != 0) {
-      UINTN readSize = fileSize;
-      if (EFI_ERROR(file->Read(file, &readSize, data)) || readSize != fileSize) {
-        FreePoolAndNull(data);
-        file->Close(file);
-        return false;
-      }
-    }
-    *buffer = data;
-  }
+  Bool read = ReadOpenFile(file, buffer, size);
   file->Close(file);
-  return true;
+  return read;
 }
 
 Bool SaveBufferToFile(const CHAR16* name, const VOID* data, UINT32 size) {

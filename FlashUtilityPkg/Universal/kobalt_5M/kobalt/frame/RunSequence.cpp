@@ -3,7 +3,7 @@
 // failing step prints its own message, and a main only closes its trace with the reason.
 #include "checks/Checks.h"
 #include "config/Config.h"
-#include "frame/Frame.h"
+#include "frame/FrameInternal.h"
 #include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
@@ -16,6 +16,9 @@ constexpr UINTN kEcBufferBytes = 0x200000;          // 2 MiB, the staged EC imag
 constexpr UINT8 kRunModeShell = 0;
 constexpr UINT8 kRunModeUefi = 1;
 constexpr UINT32 kHookPointApLaunch = 1;
+// The firmware hears of every key wait of a dialog, before and after.
+constexpr UINT32 kHookPointBeforeDialog = 5;
+constexpr UINT32 kHookPointAfterDialog = 6;
 
 constexpr CHAR16 kFreeResource[] = u"FreeResource";
 constexpr CHAR16 kInitialize[] = u"Initialize";
@@ -64,12 +67,8 @@ constexpr CHAR16 kTwoLineEnds[] = u"\r\n\r\n";
 constexpr CHAR16 kConfirmFlash[] = u"\r\n                Dangerous! Do you want to flash BIOS? (Y/N)\r\n";
 constexpr CHAR16 kExitByUser[] = u"\r\n                Exit by user.\r\n";
 constexpr CHAR16 kLineEnd[] = u"\r\n";
-// Roads of FuncUpdate that this build does not have: the run refuses before anything is written
-// rather than sending such an image down the block writer.
-constexpr CHAR16 kRoadNotBuilt[] = u"\r\nError: %s is not supported by this build. Nothing was written.\r\n";
-constexpr CHAR16 kRoadEcOnly[] = u"The EC-only update (-ec, -ecp)";
-constexpr CHAR16 kRoadDirectWrite[] = u"The direct file write (-e:)";
-
+constexpr CHAR16 kPauseDefault[] = u"Press any key to continue...";
+constexpr CHAR16 kPausePrompt[] = u"\n                           %s ";
 constexpr CHAR16 kWarningEobWithEcb[] = u"Warning!\r\nThe command /ecbp and /eob mutually exclusive\r\n\r\n";
 constexpr CHAR16 kErrorInvalidCommand[] = u"Error command: %s (Invalid command)\n";
 constexpr CHAR16 kAlpOption[] = u"-alp";
@@ -81,7 +80,7 @@ struct RunState {
 };
 constinit RunState gRun = {};
 
-// What ShellFlashMain hands from one row to the next.
+// What ShellFlashMain hands from one step to the next.
 struct ShellRun {
   UINT32 argumentCount;
   CHAR16** arguments;
@@ -89,34 +88,47 @@ struct ShellRun {
   CHAR16 commandText[kCommandTextCharacters];
 };
 
-// A set-up step failed after something was taken: give it back, tell the user, close the trace.
-Bool FailInitialize(const CHAR16* message, const CHAR16* reason) {
-  FreeResource();
-  Print(message);
-  TraceLeave(kInitialize, reason);
-  return false;
+// How a step of a main ends: its reason closes the main's trace (null for a plain close), and the
+// result is what the main returns. A query or the help ends the run early, and still as a success.
+struct StepEnd {
+  Bool result;
+  const CHAR16* reason;
+};
+constexpr StepEnd kGoOn = {true, nullptr};
+constexpr StepEnd Stop(const CHAR16* reason) { return {false, reason}; }
+constexpr StepEnd EndEarly(const CHAR16* reason) { return {true, reason}; }
+
+// A set-up step that failed: what the user is told and why the trace closes. Everything but the
+// first allocation has something to give back first.
+struct SetUpFailure {
+  const CHAR16* message;
+  const CHAR16* reason;
+  Bool holdsResources;
+};
+constexpr SetUpFailure kSetUpDone = {nullptr, nullptr, false};
+constexpr SetUpFailure SetUpFailed(const CHAR16* message, const CHAR16* reason) { return {message, reason, true}; }
+
+// Closes a set-up function: gives back what it holds, prints the failure and closes its trace.
+Bool EndSetUp(const CHAR16* name, const SetUpFailure& failure) {
+  if (failure.reason != nullptr && failure.holdsResources) {
+    FreeResource();
+  }
+  if (failure.message != nullptr) {
+    Print(failure.message);
+  }
+  TraceLeave(name, failure.reason);
+  return failure.reason == nullptr;
 }
 
-Bool FailCallingNecessarySmi(const CHAR16* message, const CHAR16* reason) {
-  FreeResource();
-  Print(message);
-  TraceLeave(kCallingNecessarySmi, reason);
-  return false;
+// A key wait of a dialog: the firmware is told before and after.
+CHAR16 DialogKey() {
+  SMI_ApHookPoint(kHookPointBeforeDialog);
+  CHAR16 key = WaitKey();
+  SMI_ApHookPoint(kHookPointAfterDialog);
+  return key;
 }
 
-Bool StopMain(const CHAR16* mainName, const CHAR16* reason) {
-  TraceLeave(mainName, reason);
-  return false;
-}
-
-// The steps after the set-up are not part of this build. The run says so and ends as a stop,
-// so neither a host nor the firmware can take it for a finished update.
-Bool EndBeforeUpdateSteps(const CHAR16* mainName) {
-  Print(kUpdateStepsNotBuilt);
-  return StopMain(mainName, kReasonUpdateStepsNotBuilt);
-}
-
-// Row 12: the first yes makes the run a query. The order differs from RunQueryCommand's.
+// The first yes makes the run a query. The order differs from RunQueryCommand's.
 Bool IsQueryCommand() {
   const CommandFlags* flags = Flags();
   return flags->g || flags->pq || flags->pr || flags->priv || flags->help || flags->extrFD || flags->edtCount != 0 ||
@@ -126,7 +138,7 @@ Bool IsQueryCommand() {
 // -u: the user has the last word before the first block is written.
 Bool ConfirmFlash() {
   Print(kConfirmFlash);
-  CHAR16 key = WaitKey();
+  CHAR16 key = DialogKey();
   if (key == u'Y' || key == u'y') {
     return true;
   }
@@ -134,82 +146,242 @@ Bool ConfirmFlash() {
   return false;
 }
 
-Bool RefuseRoad(const CHAR16* road) {
-  Print(kRoadNotBuilt, road);
-  TraceLeave(kFuncUpdate, road);
-  return false;
+// [FlashComplete] Pause: the user sees the end of a finished update before the run goes on.
+VOID FlashCompletePause() {
+  if (!Settings()->flashComplete.pause) {
+    return;
+  }
+  const CHAR16* text = GetMessageText(Settings()->flashComplete.pauseWarning, kPauseDefault);
+  Print(kPausePrompt, text);
+  FreeMessageText(text, kPauseDefault);
+  DialogKey();
 }
 
-// The update of the image named on the command line: read it, learn what it is, and send it down
-// the road that fits. The image buffer stays with the road to the end of the run.
+// Roads of FuncUpdate that this build does not have. A run that asks for one is refused before
+// anything is written rather than sent down the block writer, at the point where the road would
+// branch off. What else each road brings when it is built:
+// - EC only: the update of the EC after the BIOS, so that a merged file's EC part is written
+//   instead of refused before the BIOS write;
+// - direct write: nothing more;
+// - not in the table, since no option asks for them yet: the OEM road with its secure probe before
+//   the analysis, the PFAT and RBU roads with their analysis after the image kind check and their
+//   place in the choice of road, and the package work (the application and package status at the
+//   start of the shell run; until then no run is in package mode).
+enum class RoadBranch { BeforeAnalysis, AfterImageKind };
+struct AbsentRoad {
+  RoadBranch branch;
+  Bool (*asked)(const CommandFlags& flags);
+  const CHAR16* name;
+};
+constexpr CHAR16 kRoadNotBuilt[] = u"\r\nError: %s is not supported by this build. Nothing was written.\r\n";
+constexpr AbsentRoad kAbsentRoads[] = {
+    {RoadBranch::BeforeAnalysis, [](const CommandFlags& f) -> Bool { return f.ec || f.ecp; },
+     u"The EC-only update (-ec, -ecp)"},
+    {RoadBranch::AfterImageKind, [](const CommandFlags& f) -> Bool { return f.e; }, u"The direct file write (-e:)"},
+};
+
+// The road the flags ask for at this branch when this build lacks it: refused with its message,
+// and its name closes the trace. Null when the run goes on.
+const CHAR16* RefuseAbsentRoad(RoadBranch branch) {
+  for (const AbsentRoad& road : kAbsentRoads) {
+    if (road.branch == branch && road.asked(*Flags())) {
+      Print(kRoadNotBuilt, road.name);
+      return road.name;
+    }
+  }
+  return nullptr;
+}
+
+// The update steps once the image is read: learn what it is and send it down the road that fits.
+// The image stays with the caller, which frees it; a road only reads it.
+StepEnd UpdateWithImage(const UINT8* image, UINT32 size) {
+  SetStatus_region();
+  ShowAcWarning(Settings()->acAdapter.launcherAcWarning);
+  PrintBanner(true);
+  // An EC file must never go down the BIOS road.
+  if (const CHAR16* road = RefuseAbsentRoad(RoadBranch::BeforeAnalysis)) {
+    return Stop(road);
+  }
+  SetViaEsp(Settings()->secureUpdate.viaEsp ? 1 : 0);
+  // The platform's kind is kept for the image check and the capsule road.
+  SMI_IsSecurePlatform();
+  // The analysis is kept for the choice of road.
+  AnalyzeImage(image, size);
+  if (!CheckImageKind()) {
+    Print(kLineEnd);
+    return Stop(nullptr);
+  }
+  if (const CHAR16* road = RefuseAbsentRoad(RoadBranch::AfterImageKind)) {
+    return Stop(road);
+  }
+  if (!ReadImageBvdtInfo(image, size)) {
+    Print(kErrorImagePlatformInfo);
+    return Stop(nullptr);
+  }
+  // Both identities are on the screen before any check can refuse them.
+  ShowImageVersionInfo();
+  Print(kTwoLineEnds);
+  // The check prints its own refusal.
+  if (Func_PlatformCheck(image, size) < 0) {
+    return Stop(nullptr);
+  }
+  if (Flags()->u && !ConfirmFlash()) {
+    return Stop(nullptr);
+  }
+  if (!SMI_OemOdmCustom2(1, 0)) {
+    return Stop(nullptr);
+  }
+  // The secure image test comes first.
+  Bool updated = IsSecureImage(nullptr) ? FuncUpdate_via48h(image, size) : FuncUpdate_via15h(image, size);
+  return {updated, nullptr};
+}
+
+// The update of the image named on the command line. The image is read here and freed here, on
+// every way out; the steps and the road only borrow it.
 Bool FuncUpdate(const CHAR16* imageName) {
   TraceEnter(kFuncUpdate);
-  // Step 1: package mode does not exist yet, so the image is always the named file. An empty
-  // name names no file (the file layer would open the directory itself).
   UINT8* image = nullptr;
   UINT32 size = 0;
+  StepEnd end = Stop(nullptr);
+  // Package mode does not exist yet, so the image is always the named file. An empty name names
+  // no file (the file layer would open the directory itself).
   if (imageName[0] == 0 || !ReadFile(imageName, &image, &size)) {
     PrintBanner(false);
     Print(kErrorFdNotFound, imageName);
-    TraceLeave(kFuncUpdate, nullptr);
-    return false;
+  } else {
+    end = UpdateWithImage(image, size);
   }
-  // Step 2.
-  SetStatus_region();
-  // Step 3.
-  ShowAcWarning(Settings()->acAdapter.launcherAcWarning);
-  PrintBanner(true);
-  // Step 4, the EC-only road, is not built: an EC file must never go down the BIOS road.
-  if (Flags()->ec || Flags()->ecp) {
-    return RefuseRoad(kRoadEcOnly);
+  FreePoolAndNull(image);
+  TraceLeave(kFuncUpdate, end.reason);
+  return end.result;
+}
+
+// ShellFlashMain once its trace is open, step by step; a refused step has printed its own message.
+StepEnd RunShellSteps(ShellRun& run) {
+  gRun.runMode = kRunModeShell;
+  // -dbg turns the trace on at the detail level.
+  ScanDebugOption(run.argumentCount, run.arguments);
+  // Settings a shell run left behind are gone before this run starts; a failure is traced.
+  ClearCfg_variable();
+  InitialIniStructure();
+  if (!ParseCommandLine(run.imageName, run.commandText)) {
+    return Stop(kReasonArgumentCheck);
   }
-  // Step 5.
-  SetViaEsp(Settings()->secureUpdate.viaEsp ? 1 : 0);
-  // Step 6: the platform's kind is kept for the image check and the capsule road.
-  SMI_IsSecurePlatform();
-  // Step 7, the OEM secure probe, comes with the OEM road.
-  // Step 8: the analysis is kept for the choice of road.
-  AnalyzeImage(image, size);
-  // Step 9.
-  if (!CheckImageKind()) {
-    Print(kLineEnd);
-    TraceLeave(kFuncUpdate, nullptr);
-    return false;
+  if (!Initialize()) {
+    return Stop(kReasonShellInitialize);
   }
-  // Steps 10 and 11 (PFAT and RBU analysis) come with those roads.
-  // Step 12, the direct write of -e:, is not built.
-  if (Flags()->e) {
-    return RefuseRoad(kRoadDirectWrite);
+  if (!CallingNecessarySmi()) {
+    return Stop(kReasonNecessarySmi);
   }
-  // Step 13.
-  if (!ReadImageBvdtInfo(image, size)) {
-    Print(kErrorImagePlatformInfo);
-    FreePoolAndNull(image);
-    TraceLeave(kFuncUpdate, nullptr);
-    return false;
+  if (!ChkFilterArg(run.commandText)) {
+    return Stop(kReasonFilterCheck);
   }
-  // Step 14: both identities are on the screen before any check can refuse them.
-  ShowImageVersionInfo();
-  Print(kTwoLineEnds);
-  // Step 15: the check prints its own refusal.
-  if (Func_PlatformCheck(image, size) < 0) {
-    TraceLeave(kFuncUpdate, nullptr);
-    return false;
+  if (IsQueryCommand()) {
+    PrintBanner(false);
+    RunQueryCommand(run.imageName);
+    return EndEarly(kReasonQueryCommand);
   }
-  // Step 16.
-  if (Flags()->u && !ConfirmFlash()) {
-    TraceLeave(kFuncUpdate, nullptr);
-    return false;
+  // Tested after the query, so the same options with a query make a query.
+  if (Flags()->eob && (Flags()->ecb || Flags()->ecbp)) {
+    PrintBanner(false);
+    Print(kWarningEobWithEcb);
+    return Stop(kReasonCommandFailed);
   }
-  // Step 17.
-  if (!SMI_OemOdmCustom2(1, 0)) {
-    TraceLeave(kFuncUpdate, nullptr);
-    return false;
+  if (Flags()->alp && !AllowAlpCommand()) {
+    PrintBanner(true);
+    Print(kErrorInvalidCommand, kAlpOption);
+    return Stop(kReasonNoAlp);
   }
-  // Step 18: the secure image test comes first. The RBU and PFAT rows come with their roads.
-  Bool updated = IsSecureImage(nullptr) ? FuncUpdate_via48h(image, size) : FuncUpdate_via15h(image, size);
-  TraceLeave(kFuncUpdate, nullptr);
-  return updated;
+  // The first settings text of the run.
+  if (!LoadConfiguration(run.imageName)) {
+    return Stop(kReasonConfiguration);
+  }
+  // A bare run shows the help. Package mode does not exist yet, so "no package" holds; the
+  // argument count is asked first, so a run with options never asks for the multi-image mode.
+  if (run.argumentCount == 1 && !IsMultiFdMode()) {
+    PrintBanner(true);
+    DisplayUsage();
+    return EndEarly(kReasonShowHelp);
+  }
+  // The firmware only hears of the parameters; a failure is traced and the run goes on.
+  SendOemParameters();
+  // The exchange's own result is not looked at; without an answer the gate stays off.
+  if (Settings()->commonFlash.present) {
+    CommonFlashExchange();
+    if (!CommonFlashGate()) {
+      return Stop(kReasonCommonFlash);
+    }
+  }
+  if (!CheckPowerStatus()) {
+    return Stop(kReasonPowerCheck);
+  }
+  if (!FuncUpdate(run.imageName)) {
+    return Stop(kReasonBiosUpdate);
+  }
+  // Whether the alarm was set changes nothing for the run.
+  if (Settings()->autoWakeup.flag) {
+    ArmAutoWakeup((UINT32)Settings()->autoWakeup.interval);
+  }
+  // This main pauses first and prints the completion line after.
+  FlashCompletePause();
+  Print(kUpdateCompleted);
+  return kGoOn;
+}
+
+// Initialize's steps; the first failure ends them.
+SetUpFailure InitializeSteps() {
+  // A second Initialize reuses the blocks it already holds.
+  if (gRun.imageWorkBuffer == nullptr) {
+    gRun.imageWorkBuffer = static_cast<UINT8*>(AllocateZeroPool(kImageWorkBufferBytes));
+    if (gRun.imageWorkBuffer == nullptr) {
+      return {kErrorAllocate16M, kReasonAllocate16M, false};
+    }
+  }
+  if (gRun.ecBuffer == nullptr) {
+    gRun.ecBuffer = static_cast<UINT8*>(AllocateZeroPool(kEcBufferBytes));
+    if (gRun.ecBuffer == nullptr) {
+      return SetUpFailed(kErrorAllocate2M, kReasonAllocate2M);
+    }
+  }
+  // The command port and the SMI number.
+  if (!InitialSmi()) {
+    return SetUpFailed(kErrorFindSmiPort, kReasonInitialSmi);
+  }
+  // Function 10h: the firmware's permission to run.
+  if (!SMI_IsSupport()) {
+    return SetUpFailed(kErrorOblis10h, kReasonIsSupport);
+  }
+  // A failed hook point stops nothing.
+  SMI_ApHookPoint(kHookPointApLaunch);
+  // Function 11h: model and policy.
+  if (!FuncOblis_11h()) {
+    return SetUpFailed(kErrorOblis11h, kReasonPlatformInformation);
+  }
+  // Function 1Eh fills the whole ROM map that the Secure Boot gate counts next.
+  SMI_GetWholeRomMap(nullptr, nullptr);
+  // The Secure Boot gate prints its own refusal.
+  if (IsSecureBootSupport() && !SecureBootProtectionCheck()) {
+    return SetUpFailed(nullptr, kReasonSecureBoot);
+  }
+  // The anti-theft gate over function 1Ch.
+  if (!FuncOblis_1Ch()) {
+    return SetUpFailed(kErrorOblis1Ch, kReasonAntiTheft);
+  }
+  // The tag constants are built here, by their owner, rather than before the allocations.
+  InitSlotTags();
+  return kSetUpDone;
+}
+
+SetUpFailure NecessarySmiSteps() {
+  // Function 12h: the protection and private maps.
+  if (!SMI_GetPlatformRomMap()) {
+    return SetUpFailed(kErrorOblis12h, kReasonPlatformRomMap);
+  }
+  // Function 13h: the flash part and its block table.
+  if (!FuncOblis_13h()) {
+    return SetUpFailed(kErrorOblis13h, kReasonFlashPart);
+  }
+  return kSetUpDone;
 }
 
 }  // namespace
@@ -226,179 +398,39 @@ VOID FreeResource() {
 }
 
 Bool Initialize() {
-  // Step 1: the tag constants are built at step 11 by InitSlotTags, which owns them.
   TraceEnter(kInitialize);
-
-  // Steps 2 and 3: a second Initialize reuses the blocks it already holds.
-  if (gRun.imageWorkBuffer == nullptr) {
-    gRun.imageWorkBuffer = static_cast<UINT8*>(AllocateZeroPool(kImageWorkBufferBytes));
-    if (gRun.imageWorkBuffer == nullptr) {
-      // Nothing is held yet, so there is nothing to free.
-      Print(kErrorAllocate16M);
-      TraceLeave(kInitialize, kReasonAllocate16M);
-      return false;
-    }
-  }
-  if (gRun.ecBuffer == nullptr) {
-    gRun.ecBuffer = static_cast<UINT8*>(AllocateZeroPool(kEcBufferBytes));
-    if (gRun.ecBuffer == nullptr) {
-      return FailInitialize(kErrorAllocate2M, kReasonAllocate2M);
-    }
-  }
-
-  // Step 4: the command port and the SMI number.
-  if (!InitialSmi()) {
-    return FailInitialize(kErrorFindSmiPort, kReasonInitialSmi);
-  }
-  // Step 5: function 10h, the permission to run.
-  if (!SMI_IsSupport()) {
-    return FailInitialize(kErrorOblis10h, kReasonIsSupport);
-  }
-  // Step 6: a failed hook point stops nothing.
-  SMI_ApHookPoint(kHookPointApLaunch);
-  // Step 7: function 11h, model and policy.
-  if (!FuncOblis_11h()) {
-    return FailInitialize(kErrorOblis11h, kReasonPlatformInformation);
-  }
-  // Step 8: function 1Eh fills the whole ROM map that the Secure Boot gate counts next.
-  SMI_GetWholeRomMap(nullptr, nullptr);
-  // Step 9: the Secure Boot gate prints its own refusal.
-  if (IsSecureBootSupport() && !SecureBootProtectionCheck()) {
-    FreeResource();
-    TraceLeave(kInitialize, kReasonSecureBoot);
-    return false;
-  }
-  // Step 10: the anti-theft gate over function 1Ch.
-  if (!FuncOblis_1Ch()) {
-    return FailInitialize(kErrorOblis1Ch, kReasonAntiTheft);
-  }
-  // Step 11.
-  InitSlotTags();
-  TraceLeave(kInitialize, nullptr);
-  return true;
+  return EndSetUp(kInitialize, InitializeSteps());
 }
 
 Bool CallingNecessarySmi() {
   TraceEnter(kCallingNecessarySmi);
-  // Step 1: function 12h, the protection and private maps.
-  if (!SMI_GetPlatformRomMap()) {
-    return FailCallingNecessarySmi(kErrorOblis12h, kReasonPlatformRomMap);
-  }
-  // Step 2: function 13h, the flash part and its block table.
-  if (!FuncOblis_13h()) {
-    return FailCallingNecessarySmi(kErrorOblis13h, kReasonFlashPart);
-  }
-  TraceLeave(kCallingNecessarySmi, nullptr);
-  return true;
+  return EndSetUp(kCallingNecessarySmi, NecessarySmiSteps());
 }
 
 Bool EFIAPI ShellFlashMain() {
   ShellRun run = {};
-
-  // Row 1: the argument vector the host handed in, and the trace.
   run.argumentCount = GetArgumentCount();
   run.arguments = GetArgumentVector();
   TraceEnter(kShellFlashMain);
-  // Row 2.
-  gRun.runMode = kRunModeShell;
-  // Row 3: -dbg turns the trace on at level 4.
-  ScanDebugOption();
-  // Rows 4 and 5 (SetApplication with argument 0, SetPackageStatus) come with the package
-  // work; until then no run is in package mode.
-  // Row 6: settings a shell run left behind are gone before this run starts; a failure is traced.
-  ClearCfg_variable();
-  // Row 7: the settings' start values.
-  InitialIniStructure();
-  // Row 8: the refused option has printed its own message.
-  if (!ParseCommandLine(run.imageName, run.commandText)) {
-    return StopMain(kShellFlashMain, kReasonArgumentCheck);
-  }
-  // Row 9.
-  if (!Initialize()) {
-    return StopMain(kShellFlashMain, kReasonShellInitialize);
-  }
-  // Row 10.
-  if (!CallingNecessarySmi()) {
-    return StopMain(kShellFlashMain, kReasonNecessarySmi);
-  }
-  // Row 11: the firmware's filter prints its own refusal.
-  if (!ChkFilterArg(run.commandText)) {
-    return StopMain(kShellFlashMain, kReasonFilterCheck);
-  }
-  // Row 12.
-  if (IsQueryCommand()) {
-    PrintBanner(false);
-    RunQueryCommand(run.imageName);
-    TraceLeave(kShellFlashMain, kReasonQueryCommand);
-    return true;
-  }
-  // Row 13: runs after the query test, so the same options with a query make a query.
-  if (Flags()->eob && (Flags()->ecb || Flags()->ecbp)) {
-    PrintBanner(false);
-    Print(kWarningEobWithEcb);
-    return StopMain(kShellFlashMain, kReasonCommandFailed);
-  }
-  // Row 14.
-  if (Flags()->alp && !AllowAlpCommand()) {
-    PrintBanner(true);
-    Print(kErrorInvalidCommand, kAlpOption);
-    return StopMain(kShellFlashMain, kReasonNoAlp);
-  }
-  // Row 15: the first settings text of the run.
-  if (!LoadConfiguration(run.imageName)) {
-    return StopMain(kShellFlashMain, kReasonConfiguration);
-  }
-  // Row 16: a bare run shows the help. Package mode does not exist yet, so "no package" holds;
-  // the argument count is asked first, so a run with options never asks for the multi-image mode.
-  if (run.argumentCount == 1 && !IsMultiFdMode()) {
-    PrintBanner(true);
-    DisplayUsage();
-    TraceLeave(kShellFlashMain, kReasonShowHelp);
-    return true;
-  }
-  // Row 17: the firmware only hears of the parameters; a failure is traced and the run goes on.
-  SendOemParameters();
-  // Row 18: the exchange's own result is not looked at; without an answer the gate stays off.
-  if (Settings()->commonFlash.present) {
-    CommonFlashExchange();
-    if (!CommonFlashGate()) {
-      return StopMain(kShellFlashMain, kReasonCommonFlash);
-    }
-  }
-  // Row 19: the check shows its own box.
-  if (!CheckPowerStatus()) {
-    return StopMain(kShellFlashMain, kReasonPowerCheck);
-  }
-  // Row 20.
-  if (!FuncUpdate(run.imageName)) {
-    return StopMain(kShellFlashMain, kReasonBiosUpdate);
-  }
-  // Row 21, UpdateEcAfterBios, comes with the EC update; until then a merged file's EC part is
-  // refused before the BIOS write.
-  // Row 22: whether the alarm was set changes nothing for the run.
-  if (Settings()->autoWakeup.flag) {
-    ArmAutoWakeup((UINT32)Settings()->autoWakeup.interval);
-  }
-  // Rows 23 to 25: this main pauses first and prints the completion line after.
-  FlashCompletePause();
-  Print(kUpdateCompleted);
-  TraceLeave(kShellFlashMain, nullptr);
-  return true;
+  StepEnd end = RunShellSteps(run);
+  TraceLeave(kShellFlashMain, end.reason);
+  return end.result;
 }
 
 Bool EFIAPI UefiFlashMain() {
-  // Row 1.
   TraceEnter(kUefiFlashMain);
-  // Row 2.
   gRun.runMode = kRunModeUefi;
-  // Row 3.
   InitialIniStructure();
-  // Row 4.
-  if (!Initialize()) {
-    return StopMain(kUefiFlashMain, kReasonUefiInitialize);
+  StepEnd end = Stop(kReasonUefiInitialize);
+  if (Initialize()) {
+    // The UEFI run's later steps (settings sources, maps, checks, the block writer, the EC) are
+    // not built: the run says so and ends as a stop, so neither a host nor the firmware can take
+    // it for a finished update.
+    Print(kUpdateStepsNotBuilt);
+    end = Stop(kReasonUpdateStepsNotBuilt);
   }
-  // Rows 5 to 29 (settings sources, maps, checks, the block writer, EC) are not built yet.
-  return EndBeforeUpdateSteps(kUefiFlashMain);
+  TraceLeave(kUefiFlashMain, end.reason);
+  return end.result;
 }
 
 VOID ResetRunSequenceState() {

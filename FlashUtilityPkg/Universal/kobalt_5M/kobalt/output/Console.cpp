@@ -1,9 +1,7 @@
 // What the user sees on the text console: Print and PrintLong with their limits, the banners,
 // the message table lookup, the red warning bar and the key wait. The format dialect lives in
 // PrintFormat.cpp; the message table text itself is read by the config folder.
-#include "config/Config.h"
-#include "oblis/Oblis.h"
-#include "output/Output.h"
+#include "output/OutputInternal.h"
 
 namespace {
 
@@ -20,10 +18,7 @@ constexpr CHAR16 kBannerTitle[] = u"\n\n                Dovrin ZAPROM (Flash Fir
 constexpr CHAR16 kBannerRights[] = u"         Copyright (c) 2026 Dovrin Systems. All rights reserved.";
 constexpr CHAR16 kBannerEnd[] = u"\n\n\n";
 
-constexpr CHAR8 kMessageSection[] = "MessageStringTable";
 constexpr CHAR16 kAcWarningDefault[] = u"Please do not remove the AC power!";
-constexpr CHAR16 kPauseDefault[] = u"Press any key to continue...";
-constexpr CHAR16 kPausePrompt[] = u"\n                           %s ";
 
 constexpr UINTN kBarRowsBelow = 6;
 // The bar's edges: 79 blanks and a line end.
@@ -31,13 +26,11 @@ constexpr CHAR16 kBarEdge[] =
     u"                                                                               \n";
 static_assert(sizeof(kBarEdge) / sizeof(CHAR16) == 79 + 2, "the bar edge is 79 blanks and LF");
 
-constexpr UINT32 kHookBeforeDialog = 5;
-constexpr UINT32 kHookAfterDialog = 6;
 constexpr UINTN kScreenWidth = 80;
 
 struct ConsoleState {
   // The value of a [MessageStringTable] key; a message longer than the text field does not fit.
-  CHAR8 messageValue[kIniTextBytes];
+  CHAR8 messageValue[kMessageTextBytes];
 };
 constinit ConsoleState gConsole = {};
 
@@ -138,7 +131,7 @@ const CHAR16* GetMessageText(const CHAR8* key, const CHAR16* defaultText) {
   if (key == nullptr || key[0] == 0) {
     return defaultText;
   }
-  if (!GetIniString(kMessageSection, key, gConsole.messageValue, sizeof(gConsole.messageValue)) || gConsole.messageValue[0] == 0) {
+  if (!ReadMessageTable(key, gConsole.messageValue, sizeof(gConsole.messageValue)) || gConsole.messageValue[0] == 0) {
     return defaultText;
   }
   // platform.ini writes line ends as backslash-r and backslash-n.
@@ -241,7 +234,6 @@ VOID ShowAcWarning(const CHAR8* key) {
 }
 
 CHAR16 WaitKey() {
-  SMI_ApHookPoint(kHookBeforeDialog);
   EFI_INPUT_KEY key = {0, 0};
   if (gST != nullptr && gST->ConIn != nullptr) {
     EFI_STATUS status;
@@ -249,18 +241,7 @@ CHAR16 WaitKey() {
       status = gST->ConIn->ReadKeyStroke(gST->ConIn, &key);
     } while (status == EFI_NOT_READY);
   }
-  SMI_ApHookPoint(kHookAfterDialog);
   return key.UnicodeChar;
-}
-
-VOID FlashCompletePause() {
-  if (!Settings()->flashComplete.pause) {
-    return;
-  }
-  const CHAR16* text = GetMessageText(Settings()->flashComplete.pauseWarning, kPauseDefault);
-  Print(kPausePrompt, text);
-  FreeMessageText(text, kPauseDefault);
-  WaitKey();
 }
 
 VOID ResetConsoleState() {

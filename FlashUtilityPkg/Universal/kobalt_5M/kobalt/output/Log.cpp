@@ -1,9 +1,8 @@
 // The trace log ZAPROM.Log: LogPrint and its on/level rules, the function trace, time stamps,
-// hex dumps and the -dbg scan. Opening, appending and deleting the file is the frame's file
-// layer; the [Log_file] values come from the settings record.
-#include "config/Config.h"
-#include "frame/Frame.h"
-#include "output/Output.h"
+// hex dumps and the -dbg scan. Opening, appending and deleting the file is the file layer;
+// the [Log_file] values are asked of the settings.
+#include "frame/FileLayer.h"
+#include "output/OutputInternal.h"
 
 namespace {
 
@@ -43,7 +42,7 @@ struct LogState {
 constinit LogState gLog = {};
 
 Bool LevelPasses(UINT8 level) {
-  return level <= gLog.debugLevel || (INT32)level <= Settings()->logFile.level;
+  return level <= gLog.debugLevel || (INT32)level <= LogFileLevel();
 }
 
 // Keeps the low byte of each character, in place: byte i is written only after character i,
@@ -58,7 +57,7 @@ UINT32 NarrowInPlace(CHAR16* text, UINTN length) {
 
 }  // namespace
 
-Bool IsLogEnabled() { return gLog.debugEnabled || Settings()->logFile.flag != 0; }
+Bool IsLogEnabled() { return gLog.debugEnabled || LogFileFlag() != 0; }
 
 VOID LogPrint(UINT8 level, const CHAR16* format, ...) {
   if (gLog.writing) {
@@ -164,9 +163,7 @@ VOID HexDumpFramed(const CHAR16* label, const VOID* data, UINT32 length) {
   LogPrint(kLogDetail, u"%s", label);
 }
 
-VOID ScanDebugOption() {
-  UINT32 count = GetArgumentCount();
-  CHAR16** arguments = GetArgumentVector();
+VOID ScanDebugOption(UINT32 count, CHAR16** arguments) {
   if (arguments == nullptr) {
     return;
   }

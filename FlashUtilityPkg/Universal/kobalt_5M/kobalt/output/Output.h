@@ -1,10 +1,9 @@
-// What the output folder offers: the print dialect, console messages and the trace log.
-// Console text goes only through Print/PrintLong; log lines only through LogPrint.
+// What the output folder offers the folders above it: the print dialect, console messages and
+// the trace log. Console text goes only through Print/PrintLong; log lines only through LogPrint.
+// Output is the lowest folder: it includes no header of a folder above it (the build checks it).
 #pragma once
 
 #include "KobaltBase.h"
-
-constexpr UINTN kPrintLimit = 320;
 
 // Formats in the print dialect into buffer (capacity in characters, terminator included).
 // Returns the characters written, not counting the terminator; the rest of a long text falls away.
@@ -15,19 +14,16 @@ UINTN FormatText(CHAR16* buffer, UINTN capacity, const CHAR16* format, ...);
 UINTN Print(const CHAR16* format, ...);
 VOID PrintLong(const CHAR16* format, ...);
 VOID PrintBanner(Bool longBanner);
-VOID PrintSecureBanner();
 // A new pool text owned by the caller when the key gave one, else defaultText itself.
 // FreeMessageText frees only what GetMessageText allocated.
 const CHAR16* GetMessageText(const CHAR8* key, const CHAR16* defaultText);
 VOID FreeMessageText(const CHAR16* text, const CHAR16* defaultText);
 VOID ShowAcWarning(const CHAR8* key);
-VOID PrintWarningBar(const CHAR16* text);
 // A console without attributes still shows the text, in its normal colours.
 VOID SetConsoleAttribute(UINTN attribute);
-// Reads text without changing it; a line longer than width is cut to width.
-CHAR16* CenterLines(UINT16 width, const CHAR16* text);
+// Waits for a key and gives its character. The firmware's dialog hook points around a wait are
+// the caller's: only it knows the wait is a dialog.
 CHAR16 WaitKey();
-VOID FlashCompletePause();
 
 // Trace and log.
 constexpr UINT8 kLogSettings = 0;
@@ -66,15 +62,38 @@ VOID HexDump(const VOID* data, UINT32 length);
 // Dumps data between two label lines, as every "===== ... =====" dump of the trace does. The
 // label is a whole line with its CR LF; it is written as it is, at level 4 like the dump.
 VOID HexDumpFramed(const CHAR16* label, const VOID* data, UINT32 length);
-VOID ScanDebugOption();
-Bool IsLogEnabled();
-// A new 64-byte pool text owned by the caller.
-CHAR16* TimeStamp(Bool date, Bool time);
+// Turns the trace on at the detail level when the arguments (the program's name first) hold -dbg.
+VOID ScanDebugOption(UINT32 count, CHAR16** arguments);
 
 // Progress of the block writer: the bar on row 21 and the block map in the trace.
 VOID StartProgressTimer();
 VOID ShowProgress(UINT8 percent);
-VOID AddBlockMark(UINT32 address, UINT16 mark);
+// What the block writer knows of a block when it marks it; the block map only formats it.
+constexpr UINT8 kNoExternalRegion = 0xFF;
+struct BlockMapEntry {
+  UINT32 address;
+  UINT32 offset;  // from the start of the ROM
+  UINT16 mark;    // the writer's mark character; 0 ends the marks column of its line there
+  Bool protectedBlock;  // flagged in the part's block table
+  Bool inProtectionRegion;
+  UINT8 protectionType;  // of the first protection region that holds the block
+  Bool inPrivateRegion;
+  Bool externalRegionsKnown;  // the platform has any external region at all
+  UINT8 externalType;         // the external region that holds the block, or kNoExternalRegion
+  const CHAR16* externalName;
+  UINT32 blocksInPart;  // sizes the map at the first mark
+};
+VOID AddBlockMark(const BlockMapEntry& entry);
+
+// ---- asked by output, answered by the config folder ----
+// The settings and the message table belong to config, a folder above this one. Config answers
+// these (config/OutputSettings.cpp), so output never sees the settings record or the INI text.
+constexpr UINTN kMessageTextBytes = 1024;  // one [MessageStringTable] value with its terminator
+INT32 LogFileFlag();         // [Log_file] Flag
+INT32 LogFileLevel();        // [Log_file] Level
+Bool ElapsedTimeShown();     // [UI] Elapse: the seconds behind the percentage
+// The value of a [MessageStringTable] key as the INI reader gives it; false when there is none.
+Bool ReadMessageTable(const CHAR8* key, CHAR8* value, UINTN capacity);
 
 // State. Each file of the folder keeps its state in one record; ResetOutputState() puts them
 // all back as a fresh load leaves them. Host builds and tests only: the firmware loads the

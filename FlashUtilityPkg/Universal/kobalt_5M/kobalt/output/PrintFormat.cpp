@@ -1,7 +1,7 @@
 // The print dialect of every console and log text: 16-bit formats with %s, %a, %c, %d, %u, %x,
 // %X, %p, %r, the l forms for 64 bits, widths, '0' fill and '-' justification, and the line-end
 // normalisation of the format. Where the text goes is left to Console.cpp and Log.cpp.
-#include "output/Output.h"
+#include "output/OutputInternal.h"
 
 namespace {
 

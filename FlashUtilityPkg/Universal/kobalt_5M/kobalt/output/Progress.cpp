@@ -1,11 +1,8 @@
 // The progress of the block writer: the bar on screen row 21 with its percentage and elapsed
-// time, and the block map in the trace. What a block's mark means is the block writer's business;
-// the maps the block map shows are read from the oblis and update folders.
+// time, and the block map in the trace. What a block's mark means and which regions hold it is
+// the block writer's business: it hands each block's facts in, and the map only formats them.
 #include "PlatformSeams.h"
-#include "config/Config.h"
-#include "oblis/Oblis.h"
-#include "output/Output.h"
-#include "update/Update.h"
+#include "output/OutputInternal.h"
 
 namespace {
 
@@ -36,15 +33,8 @@ constexpr CHAR16 kMapLine[] = u"[ %8x ] %08x:              %s    %s    %s    %s\
 constexpr CHAR16 kRegionColumn[] = u"[ %-16s]";
 constexpr CHAR16 kEmptyLine[] = u"\r\n";
 
-// The external region types a block can lie in, in the order their names are looked up.
-constexpr UINT8 kExternalTypes[] = {0x00, 0x01, 0x02, 0x03, 0x04, 0x20};
 // A private region carries no type of its own; its blocks show this character.
 constexpr CHAR16 kPrivateRegionDigit = u'#';
-
-struct BlockMapEntry {
-  UINT32 address;
-  UINT16 mark;
-};
 
 struct ProgressState {
   UINT8 lastPercent;
@@ -100,45 +90,12 @@ CHAR16 Base32Digit(UINT8 value) {
   return value < 10 ? (CHAR16)(u'0' + value) : (CHAR16)(u'a' + value - 10);
 }
 
-// Column 3: the type of the protection region, or the private mark, that holds the address.
-CHAR16 MapRegionCharacter(UINT32 address) {
-  UINT32 privateCount = 0;
-  UINT32 protectionCount = 0;
-  OblisPrivateRecord* privateList = nullptr;
-  OblisProtectionRecord* protectionList = nullptr;
-  SelectRomMap(&privateCount, &privateList, &protectionCount, &protectionList);
-  for (UINT32 i = 0; protectionList != nullptr && i < protectionCount; i++) {
-    UINT32 start = protectionList[i].address;
-    if (protectionList[i].size != 0 && address >= start && address - start < protectionList[i].size) {
-      return Base32Digit(protectionList[i].type);
-    }
+// Column 3: the type of the protection region, or the private mark, that holds the block.
+CHAR16 MapRegionCharacter(const BlockMapEntry& entry) {
+  if (entry.inProtectionRegion) {
+    return Base32Digit(entry.protectionType);
   }
-  for (UINT32 i = 0; privateList != nullptr && i < privateCount; i++) {
-    UINT32 start = privateList[i].address;
-    if (privateList[i].size != 0 && address >= start && address - start < privateList[i].size) {
-      return kPrivateRegionDigit;
-    }
-  }
-  return u'.';
-}
-
-// Column 4: the external region that holds the address, or 0xFF for none.
-UINT8 ExternalTypeAt(UINT32 address, Bool* anyRegion) {
-  UINT32 base = GetRomBase();
-  for (UINT8 type : kExternalTypes) {
-    UINT32 offset = 0;
-    UINT32 size = 0;
-    UINT8 access = 0;
-    if (!FindCurrentRegion(type, &offset, &size, &access)) {
-      continue;
-    }
-    *anyRegion = true;
-    UINT32 start = base + offset;
-    if (size != 0 && address >= start && address - start < size) {
-      return type;
-    }
-  }
-  return 0xFF;
+  return entry.inPrivateRegion ? kPrivateRegionDigit : u'.';
 }
 
 VOID EmptyColumn(CHAR16* column) {
@@ -166,22 +123,19 @@ VOID WriteMapLine(CHAR16* text, UINT32 capacity, const BlockMapEntry* first) {
   EmptyColumn(regions);
   Bool anyRegion = false;
   Bool sameRegion = true;
-  UINT8 firstType = 0xFF;
   for (UINT32 i = 0; i < kMapLineBlocks; i++) {
-    UINT32 address = first[i].address;
+    const BlockMapEntry& entry = first[i];
     UINT32 place = ColumnPlace(i);
-    if (BlockFlagAt(address) != 0) {
+    if (entry.protectedBlock) {
       protect[place] = u'R';
     }
-    types[place] = MapRegionCharacter(address);
-    UINT8 type = ExternalTypeAt(address, &anyRegion);
-    if (type != 0xFF) {
-      const CHAR16* name = ExternalRegionName(type);
+    types[place] = MapRegionCharacter(entry);
+    anyRegion = anyRegion || entry.externalRegionsKnown;
+    if (entry.externalType != kNoExternalRegion) {
+      const CHAR16* name = entry.externalName;
       regions[place] = (name != nullptr && name[0] != 0) ? name[0] : u'?';
     }
-    if (i == 0) {
-      firstType = type;
-    } else if (type != firstType) {
+    if (entry.externalType != first[0].externalType) {
       sameRegion = false;
     }
   }
@@ -191,11 +145,10 @@ VOID WriteMapLine(CHAR16* text, UINT32 capacity, const BlockMapEntry* first) {
   }
   if (!anyRegion) {
     regions[0] = 0;
-  } else if (sameRegion && firstType != 0xFF) {
-    FormatText(regions, sizeof(regions) / sizeof(regions[0]), kRegionColumn, ExternalRegionName(firstType));
+  } else if (sameRegion && first[0].externalType != kNoExternalRegion) {
+    FormatText(regions, sizeof(regions) / sizeof(regions[0]), kRegionColumn, first[0].externalName);
   }
-  UINT32 base = GetRomBase();
-  FormatText(text, capacity, kMapLine, first[0].address - base, first[0].address, protect, marks, types, regions);
+  FormatText(text, capacity, kMapLine, first[0].offset, first[0].address, protect, marks, types, regions);
 }
 
 // The last full group of 128 entries, as one text at level 4.
@@ -244,7 +197,7 @@ VOID ShowProgress(UINT8 percent) {
   if (percent > 100) {
     percent = 100;
   }
-  Bool withTime = Settings()->ui.elapse;
+  Bool withTime = ElapsedTimeShown();
   UINT32 width = withTime ? kBarWidthWithTime : kBarWidth;
   CHAR16 bar[kBarWidth + 2];
   CHAR16 filled[kBarWidth + 2];
@@ -273,22 +226,21 @@ VOID ShowProgress(UINT8 percent) {
   SetConsoleAttribute(kAttributeWhiteOnBlack);
 }
 
-VOID AddBlockMark(UINT32 address, UINT16 mark) {
+VOID AddBlockMark(const BlockMapEntry& entry) {
   if (!IsLogEnabled()) {
     return;
   }
   if (!progress.blockMapTried) {
     // One array for the run, filled once; if it cannot be had the marks are dropped.
     progress.blockMapTried = true;
-    progress.blockMapCapacity = GetBlockCount() + 1;
+    progress.blockMapCapacity = entry.blocksInPart + 1;
     progress.blockMap = static_cast<BlockMapEntry*>(AllocateZeroPool(progress.blockMapCapacity * sizeof(BlockMapEntry)));
     LogPrint(kLogDetail, kLegend);
   }
   if (progress.blockMap == nullptr || progress.blockMapCount >= progress.blockMapCapacity) {
     return;
   }
-  progress.blockMap[progress.blockMapCount].address = address;
-  progress.blockMap[progress.blockMapCount].mark = mark;
+  progress.blockMap[progress.blockMapCount] = entry;
   progress.blockMapCount++;
   if (progress.blockMapCount % kMapGroup == 0) {
     WriteMapGroup();

@@ -341,13 +341,13 @@ Bool WriteBlocks(UINT8* buffer) {
     offset += block.size;
     ShowProgress(BlockPercent(i, count));
     if (block.protectedFlag != 0) {
-      AddBlockMark(block.address, kMarkProtected);
+      AddBlockMark(DescribeBlock(block.address, kMarkProtected));
       continue;
     }
     UINT32 blockLast = block.address + block.size - 1;
     if (bvdtPass && (InRange(block.address, bvdtAddress, bvdtLast) || InRange(blockLast, bvdtAddress, bvdtLast))) {
       gWriter.heldBack[i] = kHeldBackYes;
-      AddBlockMark(block.address, kMarkHeldBack);
+      AddBlockMark(DescribeBlock(block.address, kMarkHeldBack));
       continue;
     }
     if (!SMI_WriteRom(block.address, buffer + blockOffset, block.size)) {
@@ -355,7 +355,7 @@ Bool WriteBlocks(UINT8* buffer) {
       TraceLeave(kWriteBlocks, kReasonWrite);
       return false;
     }
-    AddBlockMark(block.address, TakeBlockMark());
+    AddBlockMark(DescribeBlock(block.address, TakeBlockMark()));
   }
 
   if (bvdtPass) {
@@ -378,7 +378,7 @@ Bool WriteBlocks(UINT8* buffer) {
 
   ShowProgress(100);
   if (count != 0) {
-    AddBlockMark(table[count - 1].address, kMarkProtected);
+    AddBlockMark(DescribeBlock(table[count - 1].address, kMarkProtected));
   }
   FreePoolAndNull(table);
   TraceLeave(kWriteBlocks, nullptr);

@@ -6,6 +6,8 @@
 #include "KobaltBase.h"
 #include "OblisWire.h"
 
+struct BlockMapEntry;
+
 // ---- ROM read and queries ----
 // data may be null: the read then only has its effect on the ME lock.
 Bool SMI_ReadRom(UINT32 address, UINT32 size, UINT8* data);
@@ -46,6 +48,8 @@ Bool SMI_WriteRom(UINT32 address, const UINT8* data, UINT32 size);
 Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data);
 VOID SetBlockMark(UINT16 mark);
 UINT16 TakeBlockMark();
+// The block map entry of a block the writer has just marked: the facts the trace shows of it.
+BlockMapEntry DescribeBlock(UINT32 address, UINT16 mark);
 // The EC part in front of a BIOS image: its size check and where it is kept.
 Bool FuncChk_SizeEC(UINT32 ecSize);
 VOID KeepEcImage(const UINT8* data, UINT32 size);

@@ -1,6 +1,7 @@
 // A scratch machine for the frame's tests: host directories as volumes in the emulated UEFI
 // environment, optionally a simulated firmware behind the platform seams, and readers for what
 // an engineer looks at afterwards (console transcript, ZAPROM.Log, files on the volumes).
+// Kept for the config, image and command-line tests until they move to the driver test bed.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -111,7 +112,7 @@ class FrameHarness {
   // Turns the trace on at level 4, as -dbg on the command line does.
   void EnableLog() {
     SetArguments({u"ZAPROM.efi", u"-dbg"});
-    ScanDebugOption();
+    ScanDebugOption((UINT32)argumentPointers_.size(), argumentPointers_.data());
   }
 
   emu::Environment& Environment() { return *environment_; }

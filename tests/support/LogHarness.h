@@ -1,6 +1,7 @@
 // A volume in the emulated environment for tests that read ZAPROM.Log: a scratch host directory
 // as the only volume, the driver's tables pointed at the environment, a fixed clock, and the
 // command line and [Log_file] values a run would bring.
+// Kept for the config, image and command-line tests until they move to the driver test bed.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -53,7 +54,7 @@ class LogVolume {
     pointers_.clear();
     for (auto& argument : arguments_) pointers_.push_back(argument.data());
     SetCommandLineArgument((UINT32)pointers_.size(), pointers_.data());
-    ScanDebugOption();
+    ScanDebugOption((UINT32)pointers_.size(), pointers_.data());
   }
 
   // [Log_file] as a loaded text would leave it; only the config folder writes the record in
