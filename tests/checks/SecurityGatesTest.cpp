@@ -3,13 +3,26 @@
 #include <gtest/gtest.h>
 
 #include "checks/Checks.h"
-#include "oblis/FakeFirmware.h"
 #include "oblis/Oblis.h"
-#include "support/Isolated.h"
-
-using namespace oblistest;
+#include "support/DriverBed.h"
 
 namespace {
+
+using bed::Answer;
+using bed::At;
+
+class SecurityGates : public bed::DriverBed {
+ protected:
+  bed::BedSetup Layout() const override {
+    bed::BedSetup setup;
+    setup.firmware = bed::Firmware::Scripted;
+    return setup;
+  }
+};
+
+void PutU32(uint8_t* p, uint32_t v) {
+  for (int i = 0; i < 4; i++) p[i] = (uint8_t)(v >> (8 * i));
+}
 
 const char kStolen[] = "The system is in stolen mode. BIOS update is aborted!\r\n";
 const char kProtected[] =
@@ -18,7 +31,7 @@ const char kProtected[] =
     "Defense Service) before perform BIOS update.\r\n";
 const char kTimer[] = "The timer is not enough to program image!\r\nClient must rendezvous server then update image later.\r\n";
 
-TEST(SecurityGates, AntiTheftStatusByte) {
+TEST_F(SecurityGates, AntiTheftStatusByte) {
   struct Row {
     uint8_t status;
     bool pass;
@@ -31,43 +44,37 @@ TEST(SecurityGates, AntiTheftStatusByte) {
       {0xC3, false, false, kTimer},  {0xC7, true, true, ""},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(0, RunIsolated([&] {
-                FakeFirmware fw;
-                ASSERT_TRUE(InitialSmi());
-                // Form C: the status byte comes back in CL and is handed over as AH.
-                fw.handlers[0x1C] = [&](OblisRegisters& r) {
-                  r.ecx = row.status;
-                  Answer(r, 0, 0x5A);
-                };
-                EXPECT_EQ(FuncOblis_1Ch(), row.pass);
-                EXPECT_EQ(AntiTheftMarkerRequired(), row.marker);
-                EXPECT_EQ(fw.Console(), row.console);
-              }))
-        << std::hex << (int)row.status;
+    Install(Layout());
+    ASSERT_TRUE(InitialSmi());
+    // Form C: the status byte comes back in CL and is handed over as AH.
+    answers[0x1C] = [&](OblisRegisters& r) {
+      r.ecx = row.status;
+      Answer(r, 0, 0x5A);
+    };
+    EXPECT_EQ(FuncOblis_1Ch(), row.pass) << std::hex << (int)row.status;
+    EXPECT_EQ(AntiTheftMarkerRequired(), row.marker) << std::hex << (int)row.status;
+    EXPECT_EQ(Console(), row.console) << std::hex << (int)row.status;
   }
 }
 
-TEST(SecurityGates, FailedAntiTheftCallRefuses) {
-  FakeFirmware fw;
-  FakeFirmware::MutableSettings().others.smiErrorRetry = 0;
+TEST_F(SecurityGates, FailedAntiTheftCallRefuses) {
+  LoadSettings("[Others]\nSMIErrorRetry=0\nSMIErrorRetryDelay=1\n");
   ASSERT_TRUE(InitialSmi());
-  fw.AnswerCodes(0x1C, {0xEF});
+  AnswerCodes(0x1C, {0xEF});
   EXPECT_FALSE(FuncOblis_1Ch());
   EXPECT_FALSE(AntiTheftMarkerRequired());
-  EXPECT_EQ(fw.Console(), "\r\n\r\nError: OBLIS 1Ch failed.\r\nInternal Error EF\r\nFunction not supported.\r\n");
+  EXPECT_EQ(Console(), "\r\n\r\nError: OBLIS 1Ch failed.\r\nInternal Error EF\r\nFunction not supported.\r\n");
 }
 
-TEST(SecurityGates, SecureBootSupportIsThePresenceOfSetupMode) {
+TEST_F(SecurityGates, SecureBootSupportIsThePresenceOfSetupMode) {
   for (bool present : {false, true}) {
-    EXPECT_EQ(0, RunIsolated([&] {
-                FakeFirmware fw;
-                if (present) {
-                  fw.Environment().PresetVariable(u"SetupMode", kGlobalVariableGuid, 6, {0x00});
-                }
-                EXPECT_EQ(IsSecureBootSupport(), present);
-                EXPECT_NE(fw.Log().find(present ? "<=== IsSecureBootSupport (Support)" : "<=== IsSecureBootSupport (Not support)"),
-                          std::string::npos);
-              }));
+    Install(Layout());
+    if (present) {
+      Environment().PresetVariable(u"SetupMode", kGlobalVariableGuid, 6, {0x00});
+    }
+    EXPECT_EQ(IsSecureBootSupport(), present);
+    EXPECT_NE(Log().find(present ? "<=== IsSecureBootSupport (Support)" : "<=== IsSecureBootSupport (Not support)"),
+              std::string::npos);
   }
 }
 
@@ -79,7 +86,7 @@ const char kSecureBootMessage[] =
     "ignore this error.\r\nCommand:\r\n        -skipsbp\r\nplatform.ini:\r\n        "
     "[EngineeringErrorDisable]\r\n        SkipSecureBootProtectionCheck=1\r\n\r\n";
 
-TEST(SecurityGates, SecureBootProtectionNeedsAWholeMapOrASkip) {
+TEST_F(SecurityGates, SecureBootProtectionNeedsAWholeMapOrASkip) {
   struct Row {
     const char* what;
     bool record;
@@ -94,25 +101,22 @@ TEST(SecurityGates, SecureBootProtectionNeedsAWholeMapOrASkip) {
       {"setting passes", false, false, true, true},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(0, RunIsolated([&] {
-                FakeFirmware fw;
-                ASSERT_TRUE(InitialSmi());
-                fw.handlers[0x1E] = [&](OblisRegisters& r) {
-                  if (row.record) {
-                    At(r.edi)[0] = 0x03;
-                    PutU32(At(r.edi) + 1, 0xFFC00000);
-                    PutU32(At(r.edi) + 5, 0x1000);
-                  }
-                  At(r.edi)[13] = 0xFF;
-                  At(r.edi)[14] = 0x01;
-                };
-                SMI_GetWholeRomMap(nullptr, nullptr);
-                FakeFirmware::MutableFlags().skipSbp = row.skipOption;
-                FakeFirmware::MutableSettings().engineeringErrorDisable.skipSecureBootProtectionCheck = row.skipSetting;
-                EXPECT_EQ(SecureBootProtectionCheck(), row.pass) << row.what;
-                EXPECT_EQ(fw.Console(), row.pass ? "" : kSecureBootMessage) << row.what;
-              }))
-        << row.what;
+    Install(Layout());
+    if (row.skipSetting) LoadSettings("[EngineeringErrorDisable]\nSkipSecureBootProtectionCheck=1\n");
+    if (row.skipOption) ASSERT_TRUE(Options({u"-skipsbp"}));
+    ASSERT_TRUE(InitialSmi());
+    answers[0x1E] = [&](OblisRegisters& r) {
+      if (row.record) {
+        At(r.edi)[0] = 0x03;
+        PutU32(At(r.edi) + 1, 0xFFC00000);
+        PutU32(At(r.edi) + 5, 0x1000);
+      }
+      At(r.edi)[13] = 0xFF;
+      At(r.edi)[14] = 0x01;
+    };
+    SMI_GetWholeRomMap(nullptr, nullptr);
+    EXPECT_EQ(SecureBootProtectionCheck(), row.pass) << row.what;
+    EXPECT_EQ(Console(), row.pass ? "" : kSecureBootMessage) << row.what;
   }
 }
 

@@ -22,7 +22,7 @@ constexpr uint32_t kRsdp20 = 0xF2100;
 constexpr uint32_t kRsdt = 0x7E00000;
 constexpr uint32_t kFacp = 0x7E01000;
 constexpr uint32_t kDsdt = 0x7E03000;
-constexpr const char* kLogSettings = "[Log_file]\nFlag=1\nLevel=4\n[Others]\nSmiErrorRetryDelay=1\n";
+constexpr const char* kLogSettings = "[Log_file]\nFlag=1\nLevel=4\n[Others]\nSMIErrorRetryDelay=1\n";
 
 void PutU32(std::vector<uint8_t>& b, size_t at, uint32_t v) {
   if (b.size() < at + 4) b.resize(at + 4);

@@ -19,11 +19,8 @@
 
 #include "KobaltBase.h"
 #include "OblisWire.h"
+#include "simulator/Simulator.h"
 #include "uefi-emu/UefiEmu.h"
-
-namespace sim {
-class Simulator;
-}
 
 namespace bed {
 

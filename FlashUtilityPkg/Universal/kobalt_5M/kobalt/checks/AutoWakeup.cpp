@@ -52,69 +52,63 @@ VOID WriteCmos(UINT8 index, UINT8 value) {
 
 UINT8 ToBcd(UINT32 value) { return (UINT8)(((value / 10) << 4) | (value % 10)); }
 
-Bool Refuse(const CHAR16* reason) {
-  TraceLeave(kArmAutoWakeup, reason);
-  return false;
-}
-
 }  // namespace
 
 Bool ArmAutoWakeup(UINT32 interval) {
-  TraceEnter(kArmAutoWakeup);
-  // Step 1: the sum is made of the firmware's time, the registers are only shown.
+  TraceScope trace(kArmAutoWakeup);
+  // The sum is made of the firmware's time; the clock's registers are only shown.
   EFI_TIME now;
   ZeroMem(&now, sizeof(now));
   EFI_STATUS status = gRT != nullptr ? gRT->GetTime(&now, nullptr) : EFI_UNSUPPORTED;
   if (EFI_ERROR(status)) {
     LogPrint(kLogDetail, kTraceNoTime, status);
-    return Refuse(kReasonNoTime);
+    return trace.Fail(kReasonNoTime);
   }
   LogPrint(kLogDetail, kTraceEnable, (UINT32)now.Hour, (UINT32)now.Minute, (UINT32)now.Second);
 
-  // Step 2: a machine that reboots or stays on needs no wake-up.
+  // A machine that reboots or stays on needs no wake-up.
   if (Settings()->flashComplete.action != kFinishActionShutdown && !OptionShutdown()) {
     LogPrint(kLogDetail, kTraceNotShutdown);
-    return Refuse(kReasonNotShutdown);
+    return trace.Fail(kReasonNotShutdown);
   }
 
   // A firmware time that is no time of day would give alarm values the clock cannot match.
   if (now.Hour > 23 || now.Minute > 59 || now.Second > 59) {
     LogPrint(kLogDetail, kTraceBadTime, (UINT32)now.Hour, (UINT32)now.Minute, (UINT32)now.Second);
-    return Refuse(kReasonNoTime);
+    return trace.Fail(kReasonNoTime);
   }
 
   // The alarm has no date: an interval of more than a day cannot be honoured, and reducing it
   // would wake the machine earlier than asked. Refused before the clock is touched.
   if (interval > kSecondsPerDay) {
     LogPrint(kLogSettings, kTraceIntervalTooLong, interval);
-    return Refuse(kReasonInterval);
+    return trace.Fail(kReasonInterval);
   }
 
-  // Step 3.
+  // The clock as it stands, for the trace; the time of day in seconds.
   UINT8 rtcHours = ReadCmos(kRegisterHours);
   UINT8 rtcMinutes = ReadCmos(kRegisterMinutes);
   UINT8 rtcSeconds = ReadCmos(kRegisterSeconds);
   UINT32 seconds = (UINT32)now.Hour * 3600 + (UINT32)now.Minute * 60 + (UINT32)now.Second;
   LogPrint(kLogDetail, kTraceRtc, (UINT32)rtcHours, (UINT32)rtcMinutes, (UINT32)rtcSeconds, seconds);
 
-  // Step 4: at most one day to take off, since both parts are below a day.
+  // The alarm's time of day: at most one day to take off, since both parts are below a day.
   seconds += interval;
   if (seconds >= kSecondsPerDay) {
     seconds -= kSecondsPerDay;
     LogPrint(kLogDetail, kTraceNextDay, seconds);
   }
 
-  // Step 5.
   UINT32 hours = seconds / 3600;
   UINT32 minutes = (seconds % 3600) / 60;
   UINT32 secondsOfMinute = seconds % 60;
   LogPrint(kLogDetail, kTraceSet, hours, minutes, secondsOfMinute, seconds);
 
-  // Step 6: reading status C clears a stale alarm flag, so the new alarm is the one that counts.
+  // Reading status C clears a stale alarm flag, so the new alarm is the one that counts.
   ReadCmos(kRegisterStatusC);
   UINT8 statusB = ReadCmos(kRegisterStatusB);
 
-  // Step 7.
+  // The alarm registers take the clock's own number format, BCD unless status B says binary.
   UINT8 alarmHours = (UINT8)hours;
   UINT8 alarmMinutes = (UINT8)minutes;
   UINT8 alarmSeconds = (UINT8)secondsOfMinute;
@@ -125,13 +119,12 @@ Bool ArmAutoWakeup(UINT32 interval) {
     LogPrint(kLogDetail, kTraceBcd, (UINT32)alarmHours, (UINT32)alarmMinutes, (UINT32)alarmSeconds);
   }
 
-  // Step 8: the clock's updates are halted while the three alarm registers change, so that it
+  // The clock's updates are halted while the three alarm registers change, so that it
   // never compares against a half-written alarm.
   WriteCmos(kRegisterStatusB, (UINT8)(statusB | kStatusBHaltUpdates));
   WriteCmos(kRegisterAlarmSeconds, alarmSeconds);
   WriteCmos(kRegisterAlarmMinutes, alarmMinutes);
   WriteCmos(kRegisterAlarmHours, alarmHours);
   WriteCmos(kRegisterStatusB, (UINT8)((statusB | kStatusBAlarmInterrupt) & ~kStatusBHaltUpdates));
-  TraceLeave(kArmAutoWakeup, nullptr);
   return true;
 }

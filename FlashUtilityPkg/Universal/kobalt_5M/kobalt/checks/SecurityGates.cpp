@@ -46,17 +46,14 @@ const CHAR16 kMessageSecureBootProtection[] =
 }  // namespace
 
 Bool FuncOblis_1Ch() {
-  const CHAR16* name = u"FuncOblis_1Ch";
-  TraceEnter(name);
+  TraceScope trace(u"FuncOblis_1Ch");
   UINT8 status = 0;
   if (!Oblis_1Ch(&status)) {
-    TraceLeave(name, u"OBLIS 1Ch failed");
-    return false;
+    return trace.Fail(u"OBLIS 1Ch failed");
   }
   // The order of the tests matters: a stolen machine is told so even when its timer has run out.
   const CHAR16* refusal = nullptr;
   if ((status & kAtValid) == 0) {
-    TraceLeave(name, nullptr);
     return true;
   }
   if ((status & kAtEnrolled) == 0) {
@@ -72,44 +69,38 @@ Bool FuncOblis_1Ch() {
   }
   if (refusal != nullptr) {
     Print(refusal);
-    TraceLeave(name, u"Anti-Theft refused");
-    return false;
+    return trace.Fail(u"Anti-Theft refused");
   }
-  TraceLeave(name, nullptr);
   return true;
 }
 
 Bool AntiTheftMarkerRequired() { return gGates.antiTheftMarkerRequired; }
 
 Bool IsSecureBootSupport() {
-  const CHAR16* name = u"IsSecureBootSupport";
-  TraceEnter(name);
+  TraceScope trace(u"IsSecureBootSupport");
   UINT8 data[kSetupModeBufferBytes];
   UINTN size = sizeof(data);
   UINT32 attributes = 0;
   // The variable's presence is the answer, whatever its value.
   EFI_STATUS status = gRT->GetVariable(u"SetupMode", &kGlobalVariableGuid, &attributes, &size, data);
   Bool supported = !EFI_ERROR(status);
-  TraceLeave(name, supported ? u"Support" : u"Not support");
+  trace.SetReason(supported ? u"Support" : u"Not support");
   return supported;
 }
 
 Bool SecureBootProtectionCheck() {
-  const CHAR16* name = u"SecureBootProtectionCheck";
-  TraceEnter(name);
+  TraceScope trace(u"SecureBootProtectionCheck");
   if (Flags()->skipSbp || Settings()->engineeringErrorDisable.skipSecureBootProtectionCheck) {
-    TraceLeave(name, u"Skip");
+    trace.SetReason(u"Skip");
     return true;
   }
   UINT32 count = 0;
   GetWholeRomMapRecords(&count, nullptr);
   if (count != 0) {
-    TraceLeave(name, nullptr);
     return true;
   }
   PrintLong(u"%s", kMessageSecureBootProtection);
-  TraceLeave(name, u"No NV storage location from OBLIS");
-  return false;
+  return trace.Fail(u"No NV storage location from OBLIS");
 }
 
 VOID ResetSecurityGatesState() {

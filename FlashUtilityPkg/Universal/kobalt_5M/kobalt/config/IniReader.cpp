@@ -83,7 +83,7 @@ Bool FindSection(const CHAR8* section, const CHAR8* text, UINT32 size, UINT32* s
   return true;
 }
 
-// Step 1 of the normal form: drops every line whose very first byte is ';'. The text stays as
+// The normal form, first pass: drops every line whose very first byte is ';'. The text stays as
 // it is when it holds no such line, or when no copy can be had.
 VOID RemoveComments(CHAR8* text, UINT32* size) {
   Bool anyComment = false;
@@ -151,7 +151,7 @@ UINT32 NormaliseLine(const CHAR8* line, UINT32 length, CHAR8* out) {
   return written;
 }
 
-// Step 2 of the normal form. A last line without LF is dropped. False if no copy can be had; the
+// The normal form, second pass. A last line without LF is dropped. False if no copy can be had; the
 // text then stays as it is.
 Bool NormaliseText(CHAR8* text, UINT32* size) {
   CHAR8* result = static_cast<CHAR8*>(AllocateZeroPool(*size + 1));
