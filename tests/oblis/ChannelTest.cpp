@@ -140,13 +140,13 @@ TEST(Channel, EachWrapperPutsItsFrameOnTheWire) {
   };
   static std::vector<uint8_t> out(0x10000), out2(0x10000);
   const Row rows[] = {
-      {"10h", [] { Oblis_10h(out.data(), 0x80); }, 0x10, kZero, kBuf, kZero, 0},
-      {"11h", [] { UINT8 ah; UINT32 ecx; Oblis_11h(out.data(), &ah, &ecx); }, 0x11, kZero, kBuf, kZero, 0},
-      {"12h", [] { Oblis_12h(out.data(), out2.data()); }, 0x12, kZero, kBuf, kBuf2, 0},
-      {"13h", [] { Oblis_13h(out.data(), out2.data()); }, 0x13, kZero, kBuf, kBuf2, 0},
+      {"10h", [] { Oblis_10h({out.data(), 0x80}); }, 0x10, kZero, kBuf, kZero, 0},
+      {"11h", [] { UINT8 ah; UINT32 ecx; Oblis_11h({out.data(), 0x10000}, &ah, &ecx); }, 0x11, kZero, kBuf, kZero, 0},
+      {"12h", [] { Oblis_12h({out.data(), 0x10000}, {out2.data(), 0x10000}); }, 0x12, kZero, kBuf, kBuf2, 0},
+      {"13h", [] { Oblis_13h({out.data(), 0x10000}, {out2.data(), 0x10000}); }, 0x13, kZero, kBuf, kBuf2, 0},
       {"16h", [] { Oblis_16h(0x01, 0x02, 1); }, 0x16, kValue, kZero, kBuf, 0x0102},
       {"1Ch", [] { UINT8 s; Oblis_1Ch(&s); }, 0x1C, kZero, kZero, kZero, 0},
-      {"1Eh", [] { Oblis_1Eh(out.data()); }, 0x1E, kZero, kBuf, kZero, 0},
+      {"1Eh", [] { Oblis_1Eh({out.data(), 0x1000}); }, 0x1E, kZero, kBuf, kZero, 0},
       {"1Fh", [] { Oblis_1Fh(9); }, 0x1F, kValue, kZero, kZero, 9},
   };
   for (const Row& row : rows) {
@@ -206,7 +206,7 @@ TEST(Channel, RetryLoopAttemptsDelaysAndVerdict) {
                 static UINT8 out[0x1000];
                 if (row.function == 0x1F) result = Oblis_1Fh(3);
                 if (row.function == 0x16) result = Oblis_16h(0, 2, 1);
-                if (row.function == 0x1E) result = Oblis_1Eh(out);
+                if (row.function == 0x1E) result = Oblis_1Eh({out, sizeof out});
                 EXPECT_EQ(result, row.result) << row.what;
                 EXPECT_EQ(fw.FramesOf(row.function).size(), row.attempts) << row.what;
                 EXPECT_EQ(fw.StallCount(), row.stalls) << row.what;

@@ -18,6 +18,7 @@ constexpr UINT32 k17hDumpBytes = 0x40;
 const CHAR16 kReasonAllocateOblis[] = u"Allocate OBLIS memory failed";
 const CHAR16 kReasonNullInput[] = u"Input buffer is NULL";
 const CHAR16 kReasonReadTooLarge[] = u"Read size over OBLIS buffer";
+const CHAR16 kReasonShortBuffer[] = u"Output buffer too short";
 const CHAR16 kTraceMeLocked[] = u"Read failed because ME is locked\r\n";
 const CHAR16 kTraceWriteAddress[] = u" Oblis_15h(->) %X\r\n";
 const CHAR16 kTraceSkipBlock[] = u"Skip this write block\r\n";
@@ -33,7 +34,7 @@ struct FlashCall {
 
 }  // namespace
 
-Bool Oblis_14h(UINT32 address, UINT32 size, UINT8* data, UINT8* status) {
+Bool Oblis_14h(UINT32 address, UINT32 size, ImageView data, UINT8* status) {
   const CHAR16* name = u"Oblis_14h";
   if (status != nullptr) {
     *status = kOblisNoAttempt;
@@ -41,6 +42,10 @@ Bool Oblis_14h(UINT32 address, UINT32 size, UINT8* data, UINT8* status) {
   // The answer lands in the shared buffer: a larger read would have the firmware write past it.
   if (size > kOblisBufferSize) {
     TraceLeave(name, kReasonReadTooLarge);
+    return false;
+  }
+  if (!ViewHolds(data, size)) {
+    TraceLeave(name, kReasonShortBuffer);
     return false;
   }
   UINT8* buffer = nullptr;
@@ -67,8 +72,8 @@ Bool Oblis_14h(UINT32 address, UINT32 size, UINT8* data, UINT8* status) {
   if (last == kOblisLockedMe) {
     LogPrint(kLogDetail, kTraceMeLocked);
   }
-  if (data != nullptr) {
-    CopyMem(data, buffer, size);
+  if (data.data != nullptr) {
+    CopyMem(data.data, buffer, size);
   }
   return true;
 }
@@ -101,10 +106,14 @@ Bool Oblis_15h(const UINT8* data, UINT32 size, UINT32 address, UINT8* status) {
   return success;
 }
 
-Bool Oblis_17h(const UINT8* imageHead, UINT8* answer) {
+Bool Oblis_17h(const UINT8* imageHead, ImageView answer) {
   const CHAR16* name = u"Oblis_17h";
-  if (answer == nullptr) {
+  if (answer.data == nullptr) {
     TraceLeave(name, kReasonNullInput);
+    return false;
+  }
+  if (answer.length < kExternalMapBytes) {
+    TraceLeave(name, kReasonShortBuffer);
     return false;
   }
   UINT8* buffer = nullptr;
@@ -132,7 +141,7 @@ Bool Oblis_17h(const UINT8* imageHead, UINT8* answer) {
   LogPrint(kLogDetail, u"\r\n");
   HexDump(buffer + kExternalNewListOffset, k17hDumpBytes);
   LogPrint(kLogDetail, kLabel17hInfo);
-  CopyMem(answer, buffer, kExternalMapBytes);
+  CopyMem(answer.data, buffer, kExternalMapBytes);
   return true;
 }
 

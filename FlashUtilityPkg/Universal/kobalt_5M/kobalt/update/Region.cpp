@@ -179,7 +179,7 @@ Bool GetExternalMaps(const UINT8* image, UINT32 length) {
   if (image != nullptr) {
     CopyMem(in, image, length < kExternalMapBytes ? length : kExternalMapBytes);
   }
-  Bool answered = Oblis_17h(in, out);
+  Bool answered = Oblis_17h(in, {out, kExternalMapBytes});
   FreePoolAndNull(in);
   if (!answered) {
     FreePoolAndNull(out);

@@ -50,7 +50,7 @@ Bool SMI_ReadRom(UINT32 address, UINT32 size, UINT8* data) {
   do {
     UINT32 piece = size - done < kOblisBufferSize ? size - done : kOblisBufferSize;
     UINT8 status = kOblisNoAttempt;
-    if (!Oblis_14h(address + done, piece, buffer + done, &status)) {
+    if (!Oblis_14h(address + done, piece, {buffer + done, size - done}, &status)) {
       FreePoolAndNull(buffer);
       TraceLeave(kSmiReadRom, kReasonOblis14h);
       return false;
