@@ -70,24 +70,23 @@ struct WriteRow {
   int verifyErrorRetry;
   std::vector<uint8_t> writeCodes;
   int corruptWrites;
-  bool ok;
-  uint16_t mark;
+  BlockResult result;
   size_t writes;
   size_t readsAfterFirstWrite;
 };
 
 TEST(BlockWriter, SmiWriteRomComparesWritesAndVerifies) {
   const WriteRow rows[] = {
-      {"equal block", 0x11, false, 0, 3, {}, 0, true, 'S', 0, 0},
-      {"-dc writes an equal block", 0x11, true, 0, 3, {}, 0, true, 'V', 1, 1},
-      {"different block", 0xFF, false, 0, 3, {}, 0, true, 'V', 1, 1},
-      {"verify fails once", 0xFF, false, 0, 3, {}, 1, true, 'V', 2, 2},
-      {"0x29: skipped, no read back", 0xFF, false, 0, 3, {kOblisBlockSkipped}, 0, true, 'W', 1, 0},
-      {"DisableVerify writes once", 0xFF, false, 1, 3, {}, 1, true, 'W', 1, 0},
-      {"verify failure, then 0x29", 0xFF, false, 0, 3, {0, kOblisBlockSkipped}, 1, false, 'W', 2, 1},
-      {"verify fails in every attempt", 0xFF, false, 0, 3, {}, 3, false, 'W', 3, 3},
-      {"retry 0 still writes once", 0xFF, false, 0, 0, {}, 0, true, 'V', 1, 1},
-      {"retry 0, verify fails", 0xFF, false, 0, 0, {}, 1, false, 'W', 1, 1},
+      {"equal block", 0x11, false, 0, 3, {}, 0, BlockResult::Compared, 0, 0},
+      {"-dc writes an equal block", 0x11, true, 0, 3, {}, 0, BlockResult::Verified, 1, 1},
+      {"different block", 0xFF, false, 0, 3, {}, 0, BlockResult::Verified, 1, 1},
+      {"verify fails once", 0xFF, false, 0, 3, {}, 1, BlockResult::Verified, 2, 2},
+      {"0x29: skipped, no read back", 0xFF, false, 0, 3, {kOblisBlockSkipped}, 0, BlockResult::Written, 1, 0},
+      {"DisableVerify writes once", 0xFF, false, 1, 3, {}, 1, BlockResult::Written, 1, 0},
+      {"verify failure, then 0x29", 0xFF, false, 0, 3, {0, kOblisBlockSkipped}, 1, BlockResult::Failed, 2, 1},
+      {"verify fails in every attempt", 0xFF, false, 0, 3, {}, 3, BlockResult::Failed, 3, 3},
+      {"retry 0 still writes once", 0xFF, false, 0, 0, {}, 0, BlockResult::Verified, 1, 1},
+      {"retry 0, verify fails", 0xFF, false, 0, 0, {}, 1, BlockResult::Failed, 1, 1},
   };
   for (const WriteRow& row : rows) {
     int code = RunIsolated([&] {
@@ -99,14 +98,12 @@ TEST(BlockWriter, SmiWriteRomComparesWritesAndVerifies) {
                 FakeFirmware::MutableSettings().others.disableVerify = row.disableVerify;
                 FakeFirmware::MutableSettings().others.verifyErrorRetry = row.verifyErrorRetry;
                 std::vector<uint8_t> data = bed.Block(0x11);
-                EXPECT_EQ(SMI_WriteRom(kBase + kBlock, data.data(), kBlock), row.ok) << row.what;
-                EXPECT_EQ(TakeBlockMark(), row.mark) << row.what;
-                EXPECT_EQ(TakeBlockMark(), 0) << "taking the mark clears it";
+                EXPECT_EQ(SMI_WriteRom(kBase + kBlock, {data.data(), kBlock}), row.result) << row.what;
                 EXPECT_EQ(bed.writes.size(), row.writes) << row.what;
                 for (uint32_t w : bed.writes) EXPECT_EQ(w, kBase + kBlock) << row.what;
                 size_t compareReads = row.dc ? 0 : 1;
                 EXPECT_EQ(bed.reads.size(), compareReads + row.readsAfterFirstWrite) << row.what;
-                if (!row.ok && row.corruptWrites > 0) {
+                if (row.result == BlockResult::Failed && row.corruptWrites > 0) {
                   EXPECT_NE(bed.fw.Log().find("Verify failed (0)\r\n"), std::string::npos) << row.what;
                   EXPECT_NE(bed.fw.Log().find("<=== SMI_WriteRom (Verify failed)"), std::string::npos) << row.what;
                 }
@@ -142,7 +139,7 @@ TEST(BlockWriter, WriteBlocksHoldsBackTheBvdtBlocksForLast) {
                 FakeFirmware::MutableFlags().dc = true;  // every block is written
                 std::vector<uint8_t> image(kRomSize + 0x1000);
                 for (uint32_t i = 0; i < kRomSize; i++) image[i] = (uint8_t)(i / kBlock + 1);
-                ASSERT_TRUE(WriteBlocks(image.data())) << row.what;
+                ASSERT_TRUE(WriteBlocks({image.data(), (UINT32)image.size()})) << row.what;
                 std::vector<uint32_t> expected;
                 for (uint32_t i = 0; i < kBlocks; i++)
                   if (std::find(row.heldBack.begin(), row.heldBack.end(), i) == row.heldBack.end())
@@ -168,7 +165,7 @@ TEST(BlockWriter, AllProtectedTableWritesNothingAndShows100) {
               SMI_GetWholeRomMap(nullptr, nullptr);
               MarkBlocks(kBase, kBase + kRomSize - 1, 1);
               std::vector<uint8_t> image(kRomSize + 0x1000, 0x22);
-              EXPECT_TRUE(WriteBlocks(image.data())) << bed.fw.Log();
+              EXPECT_TRUE(WriteBlocks({image.data(), (UINT32)image.size()})) << bed.fw.Log();
               EXPECT_TRUE(bed.writes.empty());
               EXPECT_NE(bed.fw.Console().find("100%"), std::string::npos);
             });
@@ -183,7 +180,7 @@ TEST(BlockWriter, StopsAtTheFirstFailingBlockAndLeavesTheBvdtBlock) {
               SMI_GetWholeRomMap(nullptr, nullptr);
               bed.corruptWrites = 100;  // every verify of block 0 fails
               std::vector<uint8_t> image(kRomSize + 0x1000, 0x33);
-              EXPECT_FALSE(WriteBlocks(image.data()));
+              EXPECT_FALSE(WriteBlocks({image.data(), (UINT32)image.size()}));
               EXPECT_EQ(bed.writes, std::vector<uint32_t>(3, kBase)) << "three attempts at block 0, nothing behind";
               EXPECT_EQ(bed.rom[12 * kBlock], '$') << "the BVDT block keeps the old identity";
             });
@@ -200,7 +197,7 @@ TEST(BlockWriter, SingleBlockFlashShowsZeroThenHundred) {
               SMI_GetWholeRomMap(nullptr, nullptr);
               fw.handlers[0x14] = [](OblisRegisters& r) { std::memset(At(r.esi), 0x44, r.ecx); };
               std::vector<uint8_t> image(0x11000, 0x44);
-              EXPECT_TRUE(WriteBlocks(image.data()));
+              EXPECT_TRUE(WriteBlocks({image.data(), (UINT32)image.size()}));
               std::string console = fw.Console();
               size_t zero = console.find("  0%");
               EXPECT_NE(zero, std::string::npos);

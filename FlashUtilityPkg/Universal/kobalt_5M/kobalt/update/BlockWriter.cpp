@@ -12,9 +12,6 @@
 namespace {
 
 constexpr UINT32 kUpdateBufferSlack = 0x1000;
-constexpr UINT32 kHeldBackBytes = 0x1000;  // one byte a block, as many as the block table holds
-constexpr UINT8 kHeldBackNo = 1;
-constexpr UINT8 kHeldBackYes = 0;
 constexpr UINT32 kHookPointStartWriteRom = 3;
 constexpr UINT8 kExternalBios = 1;
 constexpr UINT8 kExternalMe = 2;
@@ -26,9 +23,6 @@ constexpr UINT8 kOdmStatusGood = 1;
 constexpr UINT8 kOdmStatusBad = 2;
 constexpr UINT8 kFinishCompleteSuccess = 1;
 
-constexpr UINT16 kMarkCompared = 'S';
-constexpr UINT16 kMarkWritten = 'W';
-constexpr UINT16 kMarkVerified = 'V';
 constexpr UINT16 kMarkProtected = '.';
 constexpr UINT16 kMarkHeldBack = 'X';
 
@@ -45,6 +39,7 @@ constexpr CHAR16 kTraceEfiUpdate[] = u" Efi update via15h\r\n-----+------------\
 constexpr CHAR16 kTraceEntireLegacy[] = u" entire Legacy\r\n-----+------\r\n  13h  0x%x\r\n   FD  0x%x\r\n   EC  %dK";
 constexpr CHAR16 kTraceRegionLegacy[] = u" region Legacy\r\n-----+------\r\n  17h  0x%x\r\n   FD  0x%x\r\n   EC  %dK";
 constexpr CHAR16 kErrorBlocksPastRom[] = u"ERROR!\r\nThe flash blocks reach past the ROM size. (0x%x)\r\n";
+constexpr CHAR16 kErrorBlocksPastBuffer[] = u"ERROR!\r\nThe flash blocks reach past the update buffer. (0x%x)\r\n";
 constexpr CHAR16 kLabelBlockTable[] = u"===== Rom Block Protect Table =====\r\n";
 constexpr CHAR16 kTraceWriteBvdt[] = u"Write BVDT block 0x%08x size 0x%x\r\n";
 constexpr CHAR16 kTraceVerifyFailed[] = u"Verify failed (%d)\r\n";
@@ -65,8 +60,6 @@ constexpr CHAR16 kReasonVerify[] = u"Verify failed";
 
 constinit UINT8* updateBuffer = nullptr;
 constinit UINT32 updateBufferBytes = 0;
-constinit UINT16 blockMark = 0;
-constinit UINT8 heldBack[kHeldBackBytes] = {};
 
 // One allocation for the run, whichever entry comes first; a later entry reuses it if it fits.
 Bool TakeUpdateBuffer(UINT32 romSize) {
@@ -101,14 +94,14 @@ UINT32 WriteAttempts() {
   return attempts == 0 ? 1 : attempts;
 }
 
-// The blocks must lie within the update buffer's ROM image; a part whose blocks add up to more
-// than the ROM is refused before anything is written.
-Bool BlocksFitRom(const FlashBlock* table, UINT32 count) {
+// The blocks are laid end to end from the start of the buffer; a part whose blocks add up to
+// more than bytes is refused before anything is written.
+Bool BlocksFit(const FlashBlock* table, UINT32 count, UINT32 bytes) {
   UINT64 total = 0;
   for (UINT32 i = 0; i < count; i++) {
     total += table[i].size;
   }
-  return total <= GetRomSize();
+  return total <= bytes;
 }
 
 // The bar's position for block index of count: integer percent; a single-block flash shows 0
@@ -121,6 +114,23 @@ UINT8 BlockPercent(UINT32 index, UINT32 count) {
 }
 
 Bool InRange(UINT32 address, UINT32 first, UINT32 last) { return address >= first && address <= last; }
+
+// The flash range that holds the BVDT; a zero size means no block is held back for last.
+struct BvdtRange {
+  UINT32 address;
+  UINT32 size;
+};
+
+// A block is held back for the second pass exactly when its first or last byte lies in the
+// BVDT range.
+Bool OverlapsBvdt(const FlashBlock& block, BvdtRange bvdt) {
+  if (bvdt.size == 0) {
+    return false;
+  }
+  UINT32 bvdtLast = bvdt.address + bvdt.size - 1;
+  UINT32 blockLast = block.address + block.size - 1;
+  return InRange(block.address, bvdt.address, bvdtLast) || InRange(blockLast, bvdt.address, bvdtLast);
+}
 
 // On the launcher path a locked ME region is found by reading it once: the firmware answers
 // such a read with 0x2A, and the update then leaves the region alone instead of failing in it.
@@ -166,14 +176,6 @@ Bool LayOutImage(const UINT8* image, UINT32 size, UINT32 romSize, const CHAR16* 
 
 }  // namespace
 
-VOID SetBlockMark(UINT16 mark) { blockMark = mark; }
-
-UINT16 TakeBlockMark() {
-  UINT16 mark = blockMark;
-  blockMark = 0;
-  return mark;
-}
-
 Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
   UINT32 romSize = GetRomSize();
   TraceEnter(kFuncUpdateVia15h);
@@ -196,7 +198,7 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
     TraceLeave(kFuncUpdateVia15h, kReasonOemMe);
     return false;
   }
-  Bool written = WriteBlocks(updateBuffer);
+  Bool written = WriteBlocks({updateBuffer, updateBufferBytes});
   SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
   if (!written) {
     TraceLeave(kFuncUpdateVia15h, kReasonWrite);
@@ -224,7 +226,7 @@ Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
   if (!LayOutImage(image, size, romSize, kEfiUpdateVia15h, true)) {
     return false;
   }
-  Bool written = WriteBlocks(updateBuffer);
+  Bool written = WriteBlocks({updateBuffer, updateBufferBytes});
   SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
   gBS->Stall(kLauncherResultStall);
   if (!written) {
@@ -301,11 +303,11 @@ Bool UpdateRegionLegacy(const UINT8* image, UINT32 size) {
   return true;
 }
 
-Bool WriteBlocks(UINT8* buffer) {
+Bool WriteBlocks(ImageView buffer) {
   TraceEnter(kWriteBlocks);
   FlashBlock* table = CopyBlockTable();
   UINT32 count = GetBlockCount();
-  if (table == nullptr || buffer == nullptr) {
+  if (table == nullptr || buffer.data == nullptr) {
     FreePoolAndNull(table);
     TraceLeave(kWriteBlocks, kReasonBlockTable);
     return false;
@@ -313,8 +315,14 @@ Bool WriteBlocks(UINT8* buffer) {
   if (count > kFlashBlockEntries) {
     count = kFlashBlockEntries;
   }
-  if (!BlocksFitRom(table, count)) {
+  if (!BlocksFit(table, count, GetRomSize())) {
     Print(kErrorBlocksPastRom, GetRomSize());
+    FreePoolAndNull(table);
+    TraceLeave(kWriteBlocks, kReasonBlockTable);
+    return false;
+  }
+  if (!BlocksFit(table, count, buffer.length)) {
+    Print(kErrorBlocksPastBuffer, buffer.length);
     FreePoolAndNull(table);
     TraceLeave(kWriteBlocks, kReasonBlockTable);
     return false;
@@ -325,51 +333,47 @@ Bool WriteBlocks(UINT8* buffer) {
 
   // The block or blocks that hold the BVDT go after all others, so that a stopped update
   // leaves the old identity in place and the firmware still knows what it runs.
-  SetMem(heldBack, sizeof(heldBack), kHeldBackNo);
-  UINT32 bvdtAddress = 0;
-  UINT32 bvdtSize = 0;
-  Bool bvdtPass = FindBvdtBlock(&bvdtAddress, &bvdtSize) && bvdtSize != 0;
-  UINT32 bvdtLast = bvdtAddress + bvdtSize - 1;
+  BvdtRange bvdt = {0, 0};
+  if (!FindBvdtBlock(&bvdt.address, &bvdt.size)) {
+    bvdt.size = 0;
+  }
 
   UINT32 offset = 0;
   for (UINT32 i = 0; i < count; i++) {
     const FlashBlock& block = table[i];
-    UINT32 blockOffset = offset;
+    ImageView data = {buffer.data + offset, block.size};
     offset += block.size;
     ShowProgress(BlockPercent(i, count));
     if (block.protectedFlag != 0) {
       AddBlockMark(block.address, kMarkProtected);
       continue;
     }
-    UINT32 blockLast = block.address + block.size - 1;
-    if (bvdtPass && (InRange(block.address, bvdtAddress, bvdtLast) || InRange(blockLast, bvdtAddress, bvdtLast))) {
-      heldBack[i] = kHeldBackYes;
+    if (OverlapsBvdt(block, bvdt)) {
       AddBlockMark(block.address, kMarkHeldBack);
       continue;
     }
-    if (!SMI_WriteRom(block.address, buffer + blockOffset, block.size)) {
+    BlockResult result = SMI_WriteRom(block.address, data);
+    if (result == BlockResult::Failed) {
       FreePoolAndNull(table);
       TraceLeave(kWriteBlocks, kReasonWrite);
       return false;
     }
-    AddBlockMark(block.address, TakeBlockMark());
+    AddBlockMark(block.address, (UINT16)result);
   }
 
-  if (bvdtPass) {
-    offset = 0;
-    for (UINT32 i = 0; i < count; i++) {
-      const FlashBlock& block = table[i];
-      UINT32 blockOffset = offset;
-      offset += block.size;
-      if (heldBack[i] == kHeldBackNo) {
-        continue;
-      }
-      LogPrint(kLogDetail, kTraceWriteBvdt, block.address, block.size);
-      if (!SMI_WriteRom(block.address, buffer + blockOffset, block.size)) {
-        FreePoolAndNull(table);
-        TraceLeave(kWriteBlocks, kReasonWrite);
-        return false;
-      }
+  offset = 0;
+  for (UINT32 i = 0; i < count; i++) {
+    const FlashBlock& block = table[i];
+    ImageView data = {buffer.data + offset, block.size};
+    offset += block.size;
+    if (block.protectedFlag != 0 || !OverlapsBvdt(block, bvdt)) {
+      continue;
+    }
+    LogPrint(kLogDetail, kTraceWriteBvdt, block.address, block.size);
+    if (SMI_WriteRom(block.address, data) == BlockResult::Failed) {
+      FreePoolAndNull(table);
+      TraceLeave(kWriteBlocks, kReasonWrite);
+      return false;
     }
   }
 
@@ -382,24 +386,22 @@ Bool WriteBlocks(UINT8* buffer) {
   return true;
 }
 
-Bool SMI_WriteRom(UINT32 address, const UINT8* data, UINT32 size) {
+BlockResult SMI_WriteRom(UINT32 address, ImageView block) {
   TraceEnter(kSmiWriteRom);
   Bool verify = Settings()->others.disableVerify == 0;
   UINT32 attempts = WriteAttempts();
-  if (CompareEnabled() && CompareCurrentFD(address, size, data)) {
-    SetBlockMark(kMarkCompared);
+  if (CompareEnabled() && CompareCurrentFD(address, block.length, block.data)) {
     TraceLeave(kSmiWriteRom, nullptr);
-    return true;
+    return BlockResult::Compared;
   }
   Bool verifyFailed = false;
   for (UINT32 attempt = 0; attempt < attempts; attempt++) {
     UINT8 status = 0;
     // The channel has already retried a failing call; a refused write is not tried again here.
-    if (!Oblis_15h(data, size, address, &status)) {
+    if (!Oblis_15h(block.data, block.length, address, &status)) {
       TraceLeave(kSmiWriteRom, kReasonWrite);
-      return false;
+      return BlockResult::Failed;
     }
-    SetBlockMark(kMarkWritten);
     if (status == kOblisBlockSkipped) {
       // The firmware skipped this block: there is nothing of ours to read back.
       verify = false;
@@ -407,20 +409,19 @@ Bool SMI_WriteRom(UINT32 address, const UINT8* data, UINT32 size) {
     if (!verify) {
       break;
     }
-    if (CompareCurrentFD(address, size, data)) {
-      SetBlockMark(kMarkVerified);
+    if (CompareCurrentFD(address, block.length, block.data)) {
       TraceLeave(kSmiWriteRom, nullptr);
-      return true;
+      return BlockResult::Verified;
     }
     verifyFailed = true;
     LogPrint(kLogDetail, kTraceVerifyFailed, attempt);
   }
   if (verifyFailed) {
     TraceLeave(kSmiWriteRom, kReasonVerify);
-    return false;
+    return BlockResult::Failed;
   }
   TraceLeave(kSmiWriteRom, nullptr);
-  return true;
+  return BlockResult::Written;
 }
 
 Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data) {

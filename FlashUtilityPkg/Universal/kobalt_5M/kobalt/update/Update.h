@@ -41,11 +41,13 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size);
 Bool EfiUpdate_via15h(const UINT8* image, UINT32 size);
 Bool UpdateEntireLegacy(const UINT8* image, UINT32 size);
 Bool UpdateRegionLegacy(const UINT8* image, UINT32 size);
-Bool WriteBlocks(UINT8* buffer);
-Bool SMI_WriteRom(UINT32 address, const UINT8* data, UINT32 size);
+// Writes the blocks of the table that buffer holds, laid end to end; a table that reaches past
+// the ROM or past buffer is refused before the first write.
+Bool WriteBlocks(ImageView buffer);
+// What SMI_WriteRom did to a block; the values are the block map's letters.
+enum class BlockResult : UINT16 { Failed = 0, Compared = 'S', Written = 'W', Verified = 'V' };
+BlockResult SMI_WriteRom(UINT32 address, ImageView block);
 Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data);
-VOID SetBlockMark(UINT16 mark);
-UINT16 TakeBlockMark();
 // The EC part in front of a BIOS image: its size check and where it is kept.
 Bool FuncChk_SizeEC(UINT32 ecSize);
 VOID KeepEcImage(const UINT8* data, UINT32 size);
