@@ -34,6 +34,44 @@ inline VOID FreePoolAndNull(T*& pointer) {
   }
 }
 
+// The owner of one pool block: freed with FreePoolAndNull when the owner goes out of scope, so
+// every return of a function frees it in one place. Release() hands the block on to a new owner.
+// Stack-only: no copies, no heap.
+class PoolBuffer {
+ public:
+  PoolBuffer() : data_(nullptr), length_(0) {}
+  // A zeroed block of length bytes; empty (false) when the pool has none.
+  explicit PoolBuffer(UINT32 length)
+      : data_(static_cast<UINT8*>(AllocateZeroPool(length))), length_(data_ != nullptr ? length : 0) {}
+  ~PoolBuffer() { FreePoolAndNull(data_); }
+  PoolBuffer(const PoolBuffer&) = delete;
+  PoolBuffer& operator=(const PoolBuffer&) = delete;
+  static void* operator new(decltype(sizeof(0))) = delete;
+
+  explicit operator bool() const { return data_ != nullptr; }
+  UINT8* Data() const { return data_; }
+  UINT32 Length() const { return length_; }
+  ImageView View() const { return {data_, length_}; }
+  // Takes over a block that another function allocated (a file read, a copied answer); the block
+  // held before is freed.
+  VOID Adopt(UINT8* data, UINT32 length) {
+    FreePoolAndNull(data_);
+    data_ = data;
+    length_ = data != nullptr ? length : 0;
+  }
+  // Hands the block on: the caller owns it from now on and this owner is empty.
+  UINT8* Release() {
+    UINT8* data = data_;
+    data_ = nullptr;
+    length_ = 0;
+    return data;
+  }
+
+ private:
+  UINT8* data_;
+  UINT32 length_;
+};
+
 // Bytes.
 VOID CopyMem(VOID* destination, const VOID* source, UINTN length);
 VOID SetMem(VOID* destination, UINTN length, UINT8 value);

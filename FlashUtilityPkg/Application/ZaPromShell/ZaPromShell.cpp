@@ -9,10 +9,13 @@
 // the driver, so no name may clash with the driver's own tables and helpers.
 namespace {
 
-constinit EFI_SYSTEM_TABLE* hostSystemTable = nullptr;
-constinit EFI_BOOT_SERVICES* hostBootServices = nullptr;
-constinit EFI_HANDLE hostImageHandle = nullptr;
-constinit EFI_SHELL_PROTOCOL* hostShell = nullptr;
+struct ShellHostState {
+  EFI_SYSTEM_TABLE* systemTable;
+  EFI_BOOT_SERVICES* bootServices;
+  EFI_HANDLE imageHandle;
+  EFI_SHELL_PROTOCOL* shell;
+};
+constinit ShellHostState gHost = {};
 
 constexpr const CHAR16 kDriverFileName[] = u"kobalt.efi";
 constexpr UINTN kLineCapacity = 160;
@@ -61,8 +64,8 @@ VOID AppendStatus(CHAR16* line, UINTN capacity, EFI_STATUS status) {
 }
 
 VOID ShowText(const CHAR16* text) {
-  if (hostSystemTable != nullptr && hostSystemTable->ConOut != nullptr) {
-    hostSystemTable->ConOut->OutputString(hostSystemTable->ConOut, text);
+  if (gHost.systemTable != nullptr && gHost.systemTable->ConOut != nullptr) {
+    gHost.systemTable->ConOut->OutputString(gHost.systemTable->ConOut, text);
   }
 }
 
@@ -81,7 +84,7 @@ EFI_STATUS ReportFailure(const CHAR16* step, EFI_STATUS status) {
 
 VOID* AllocateZeroed(UINTN size) {
   VOID* block = nullptr;
-  if (EFI_ERROR(hostBootServices->AllocatePool(EfiBootServicesData, size, &block)) || block == nullptr) {
+  if (EFI_ERROR(gHost.bootServices->AllocatePool(EfiBootServicesData, size, &block)) || block == nullptr) {
     return nullptr;
   }
   UINT8* bytes = static_cast<UINT8*>(block);
@@ -93,7 +96,7 @@ VOID* AllocateZeroed(UINTN size) {
 
 VOID FreeBlock(VOID* block) {
   if (block != nullptr) {
-    hostBootServices->FreePool(block);
+    gHost.bootServices->FreePool(block);
   }
 }
 
@@ -180,7 +183,7 @@ CHAR16* DriverFilePathText(const EFI_DEVICE_PATH_PROTOCOL* imagePath) {
 // The device of this application's image, then one file path node naming kobalt.efi beside it.
 EFI_STATUS BuildDriverDevicePath(EFI_LOADED_IMAGE_PROTOCOL* loadedImage, EFI_DEVICE_PATH_PROTOCOL** path) {
   EFI_DEVICE_PATH_PROTOCOL* devicePath = nullptr;
-  EFI_STATUS status = hostBootServices->HandleProtocol(loadedImage->DeviceHandle, &kDevicePathProtocolGuid,
+  EFI_STATUS status = gHost.bootServices->HandleProtocol(loadedImage->DeviceHandle, &kDevicePathProtocolGuid,
                                                        reinterpret_cast<VOID**>(&devicePath));
   if (EFI_ERROR(status) || devicePath == nullptr) {
     return EFI_ERROR(status) ? status : EFI_NOT_FOUND;
@@ -266,7 +269,7 @@ Bool SplitLoadOptions(const EFI_LOADED_IMAGE_PROTOCOL* loadedImage, UINT32* coun
 Bool GetArguments(EFI_HANDLE imageHandle, const EFI_LOADED_IMAGE_PROTOCOL* loadedImage, UINT32* count,
                   CHAR16*** vector) {
   EFI_SHELL_PARAMETERS_PROTOCOL* parameters = nullptr;
-  if (!EFI_ERROR(hostBootServices->HandleProtocol(imageHandle, &kShellParametersProtocolGuid,
+  if (!EFI_ERROR(gHost.bootServices->HandleProtocol(imageHandle, &kShellParametersProtocolGuid,
                                                   reinterpret_cast<VOID**>(&parameters))) &&
       parameters != nullptr) {
     *count = (UINT32)parameters->Argc;
@@ -277,11 +280,11 @@ Bool GetArguments(EFI_HANDLE imageHandle, const EFI_LOADED_IMAGE_PROTOCOL* loade
 }
 
 EFI_STATUS EFIAPI ExecuteThroughShell(const CHAR16* commandLine) {
-  if (hostShell == nullptr || hostShell->Execute == nullptr) {
+  if (gHost.shell == nullptr || gHost.shell->Execute == nullptr) {
     return EFI_UNSUPPORTED;
   }
   EFI_STATUS commandStatus = EFI_SUCCESS;
-  EFI_STATUS status = hostShell->Execute(&hostImageHandle, const_cast<CHAR16*>(commandLine), nullptr, &commandStatus);
+  EFI_STATUS status = gHost.shell->Execute(&gHost.imageHandle, const_cast<CHAR16*>(commandLine), nullptr, &commandStatus);
   return EFI_ERROR(status) ? status : commandStatus;
 }
 
@@ -301,7 +304,7 @@ VOID* Lookup(FunctionDirectoryProtocol* directory, const CHAR16* name) {
 // closing calls go out whatever the main returned: the firmware decides there what comes next.
 EFI_STATUS RunDriver(EFI_HANDLE imageHandle, UINT32 argumentCount, CHAR16** argumentVector) {
   FunctionDirectoryProtocol* directory = nullptr;
-  EFI_STATUS status = hostBootServices->LocateProtocol(&kFunctionDirectoryProtocolGuid, nullptr,
+  EFI_STATUS status = gHost.bootServices->LocateProtocol(&kFunctionDirectoryProtocolGuid, nullptr,
                                                        reinterpret_cast<VOID**>(&directory));
   if (EFI_ERROR(status) || directory == nullptr || directory->LookupFunction == nullptr) {
     return ReportFailure(u"LocateProtocol of the function directory", EFI_ERROR(status) ? status : EFI_NOT_FOUND);
@@ -319,8 +322,8 @@ EFI_STATUS RunDriver(EFI_HANDLE imageHandle, UINT32 argumentCount, CHAR16** argu
   }
 
   const CHAR16* currentDirectory = nullptr;
-  if (hostShell != nullptr && hostShell->GetCurDir != nullptr) {
-    currentDirectory = hostShell->GetCurDir(nullptr);
+  if (gHost.shell != nullptr && gHost.shell->GetCurDir != nullptr) {
+    currentDirectory = gHost.shell->GetCurDir(nullptr);
   }
   setArguments(argumentCount, argumentVector);
   setImage(imageHandle);
@@ -339,19 +342,19 @@ EFI_STATUS EFIAPI ZaPromShellEntry(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* sys
   if (systemTable == nullptr || systemTable->BootServices == nullptr) {
     return EFI_INVALID_PARAMETER;
   }
-  hostSystemTable = systemTable;
-  hostBootServices = systemTable->BootServices;
-  hostImageHandle = imageHandle;
-  hostShell = nullptr;
+  gHost.systemTable = systemTable;
+  gHost.bootServices = systemTable->BootServices;
+  gHost.imageHandle = imageHandle;
+  gHost.shell = nullptr;
 
   EFI_LOADED_IMAGE_PROTOCOL* loadedImage = nullptr;
-  EFI_STATUS status = hostBootServices->HandleProtocol(imageHandle, &kLoadedImageProtocolGuid,
+  EFI_STATUS status = gHost.bootServices->HandleProtocol(imageHandle, &kLoadedImageProtocolGuid,
                                                        reinterpret_cast<VOID**>(&loadedImage));
   if (EFI_ERROR(status) || loadedImage == nullptr) {
     return ReportFailure(u"HandleProtocol of its own loaded image", EFI_ERROR(status) ? status : EFI_NOT_FOUND);
   }
-  if (EFI_ERROR(hostBootServices->LocateProtocol(&kShellProtocolGuid, nullptr, reinterpret_cast<VOID**>(&hostShell)))) {
-    hostShell = nullptr;
+  if (EFI_ERROR(gHost.bootServices->LocateProtocol(&kShellProtocolGuid, nullptr, reinterpret_cast<VOID**>(&gHost.shell)))) {
+    gHost.shell = nullptr;
   }
 
   UINT32 argumentCount = 0;
@@ -366,23 +369,25 @@ EFI_STATUS EFIAPI ZaPromShellEntry(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* sys
     return ReportFailure(u"Device path of kobalt.efi", status);
   }
   EFI_HANDLE driver = nullptr;
-  status = hostBootServices->LoadImage(false, imageHandle, driverPath, nullptr, 0, &driver);
+  status = gHost.bootServices->LoadImage(false, imageHandle, driverPath, nullptr, 0, &driver);
   FreeBlock(driverPath);
   if (EFI_ERROR(status)) {
     return ReportFailure(u"LoadImage of kobalt.efi", status);
   }
-  status = hostBootServices->StartImage(driver, nullptr, nullptr);
+  status = gHost.bootServices->StartImage(driver, nullptr, nullptr);
   if (EFI_ERROR(status)) {
     ReportFailure(u"StartImage of kobalt.efi", status);
-    hostBootServices->UnloadImage(driver);
+    gHost.bootServices->UnloadImage(driver);
     return status;
   }
 
   EFI_STATUS result = RunDriver(imageHandle, argumentCount, argumentVector);
 
-  status = hostBootServices->UnloadImage(driver);
+  status = gHost.bootServices->UnloadImage(driver);
   if (EFI_ERROR(status)) {
     return ReportFailure(u"UnloadImage of kobalt.efi", status);
   }
   return result;
 }
+
+VOID ResetZaPromShellState() { gHost = {}; }

@@ -9,3 +9,6 @@
 // EFI_SUCCESS when ShellFlashMain returned true, EFI_UNSUPPORTED when it returned false, or the
 // status of the load step that failed.
 EFI_STATUS EFIAPI ZaPromShellEntry(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable);
+
+// The host as a fresh load leaves it (host builds and tests only).
+VOID ResetZaPromShellState();

@@ -63,3 +63,14 @@ Bool FuncOblis_1Bh(const UINT8* image, UINT32 size);
 
 // ---- auto wakeup ----
 Bool ArmAutoWakeup(UINT32 interval);
+
+// State. Each file of the folder keeps its state in one record; ResetChecksState() puts them
+// all back as a fresh load leaves them. Host builds and tests only: the firmware loads the
+// driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
+// takes them back.
+VOID ResetChecksState();
+VOID ResetCommonFlashState();
+VOID ResetConditionalState();
+VOID ResetPlatformCheckState();
+VOID ResetPowerState();
+VOID ResetSecurityGatesState();

@@ -280,3 +280,7 @@ VOID CommonFlashFinishAction(UINT8* action) {
 }
 
 Bool IsCommonFlashActive() { return gCommonFlash.active; }
+
+VOID ResetCommonFlashState() {
+  gCommonFlash = {false, false, 0, 0};
+}

@@ -38,12 +38,15 @@ constexpr UINT32 kChainEcSizeField = 0x14 + 20;
 constexpr UINT32 kPieceBytes = 0x1000;
 constexpr UINT32 kEcBufferBytes = 0x200000;
 
-constinit CHAR8 gOemParameterList[kOemListBytes] = {};
 struct OemAnswerList {
   UINT32 count;
   CHAR8 (*words)[kAnswerWordBytes];
 };
-constinit OemAnswerList gOemAnswerList = {0, nullptr};
+struct ConditionalState {
+  CHAR8 oemParameterList[kOemListBytes];
+  OemAnswerList oemAnswerList;
+};
+constinit ConditionalState gConditional = {};
 
 constexpr CHAR16 kCheckConditionalData[] = u"SMI_CheckConditionalData";
 constexpr CHAR16 kOblis45h[] = u"Oblis_45h";
@@ -110,7 +113,7 @@ Bool EcCommandInForce() {
 // end in a zero anywhere, so the count stops at the list's end.
 UINTN OemListLength() {
   UINTN length = 0;
-  while (length < kOemListBytes && gOemParameterList[length] != 0) {
+  while (length < kOemListBytes && gConditional.oemParameterList[length] != 0) {
     ++length;
   }
   return length;
@@ -124,10 +127,10 @@ VOID CloseOemList() {
     length = kOemListTextLimit;
   }
   UINTN end = length == 0 ? 1 : length;
-  gOemParameterList[end] = (CHAR8)kListEnd;
+  gConditional.oemParameterList[end] = (CHAR8)kListEnd;
   for (UINTN i = 0; i < end; ++i) {
-    if (gOemParameterList[i] == kWordMark) {
-      gOemParameterList[i] = 0;
+    if (gConditional.oemParameterList[i] == kWordMark) {
+      gConditional.oemParameterList[i] = 0;
     }
   }
 }
@@ -136,39 +139,39 @@ VOID CloseOemList() {
 // the answer holds none. Each word is kept in a 32-byte slot, longer ones cut to 31 characters.
 Bool KeepOemAnswer() {
   UINT32 limit = 0;
-  while (limit < kOemListBytes && (UINT8)gOemParameterList[limit] != kListEnd) {
+  while (limit < kOemListBytes && (UINT8)gConditional.oemParameterList[limit] != kListEnd) {
     ++limit;
   }
   UINT32 count = 0;
   for (UINT32 i = 0; i < limit; ++i) {
-    if (gOemParameterList[i] == 0) {
+    if (gConditional.oemParameterList[i] == 0) {
       ++count;
     }
   }
-  FreePoolAndNull(gOemAnswerList.words);
-  gOemAnswerList.count = 0;
+  FreePoolAndNull(gConditional.oemAnswerList.words);
+  gConditional.oemAnswerList.count = 0;
   if (count == 0) {
     return true;
   }
-  gOemAnswerList.words = (CHAR8(*)[kAnswerWordBytes])AllocateZeroPool((UINTN)count * kAnswerWordBytes);
-  if (gOemAnswerList.words == nullptr) {
+  gConditional.oemAnswerList.words = (CHAR8(*)[kAnswerWordBytes])AllocateZeroPool((UINTN)count * kAnswerWordBytes);
+  if (gConditional.oemAnswerList.words == nullptr) {
     return false;
   }
   UINT32 at = 0;
   for (UINT32 word = 0; word < count; ++word) {
     UINT32 length = 0;
-    while (at < limit && gOemParameterList[at] != 0) {
+    while (at < limit && gConditional.oemParameterList[at] != 0) {
       if (length < kAnswerWordBytes - 1) {
-        gOemAnswerList.words[word][length++] = gOemParameterList[at];
+        gConditional.oemAnswerList.words[word][length++] = gConditional.oemParameterList[at];
       }
       ++at;
     }
     ++at;  // the word's zero
   }
-  gOemAnswerList.count = count;
+  gConditional.oemAnswerList.count = count;
   LogPrint(kLogDetail, kTraceAnswerHead);
   for (UINT32 word = 0; word < count; ++word) {
-    LogPrint(kLogDetail, kTraceAnswerWord, gOemAnswerList.words[word]);
+    LogPrint(kLogDetail, kTraceAnswerWord, gConditional.oemAnswerList.words[word]);
   }
   return true;
 }
@@ -271,10 +274,10 @@ VOID AddOemParameter(CHAR16* word) {
     return;
   }
   for (UINTN i = 0; i < length; ++i) {
-    gOemParameterList[used + i] = (CHAR8)word[i];
+    gConditional.oemParameterList[used + i] = (CHAR8)word[i];
   }
-  gOemParameterList[used + length] = kWordMark;
-  gOemParameterList[used + length + 1] = 0;
+  gConditional.oemParameterList[used + length] = kWordMark;
+  gConditional.oemParameterList[used + length + 1] = 0;
 }
 
 Bool Oblis_19h(UINT8* record) {
@@ -309,9 +312,9 @@ Bool SendOemParameters() {
     return false;
   }
   ZeroMem(buffer, kOblisBufferSize);
-  CopyMem(buffer, gOemParameterList, kOemListBytes);
+  CopyMem(buffer, gConditional.oemParameterList, kOemListBytes);
   UINT32 end = 0;
-  while (end < kOemListBytes && (UINT8)gOemParameterList[end] != kListEnd) {
+  while (end < kOemListBytes && (UINT8)gConditional.oemParameterList[end] != kListEnd) {
     ++end;
   }
   UINT32 dump = end + 1 + kAlphaDumpExtra;
@@ -320,8 +323,8 @@ Bool SendOemParameters() {
     TraceLeave(kSendOemParameters, kReasonNotSuccess);
     return false;
   }
-  CopyMem(gOemParameterList, buffer, kOemListBytes);
-  HexDumpFramed(kLabel19hInfo, gOemParameterList, kInfoDumpBytes);
+  CopyMem(gConditional.oemParameterList, buffer, kOemListBytes);
+  HexDumpFramed(kLabel19hInfo, gConditional.oemParameterList, kInfoDumpBytes);
   if (!KeepOemAnswer()) {
     TraceLeave(kSendOemParameters, kReasonAllocate);
     return false;
@@ -408,4 +411,8 @@ Bool FuncOblis_1Bh(const UINT8* image, UINT32 size) {
   LogPrint(kLogDetail, kTrace1BhLast, last);
   TraceLeave(kFuncOblis1Bh, nullptr);
   return true;
+}
+
+VOID ResetConditionalState() {
+  gConditional = {};
 }

@@ -511,3 +511,15 @@ VOID ShowUefiVersionInfo() {
   }
   Print(kShowUefiIdentities, platform.modelName, newModel, platform.modelVersion, newVersion);
 }
+
+VOID ResetPlatformCheckState() {
+  gCheck = {};
+}
+
+VOID ResetChecksState() {
+  ResetCommonFlashState();
+  ResetConditionalState();
+  ResetPlatformCheckState();
+  ResetPowerState();
+  ResetSecurityGatesState();
+}

@@ -140,8 +140,11 @@ static_assert(IsWholeBox(kBoxDellNoAc) && IsWholeBox(kBoxDellNoBattery) && IsWho
 // What the shared test of the vendor rules found first.
 enum class PowerFault : UINT8 { None, NoAc, NoBattery, LowBattery };
 
-// The box's lines joined into one format; 81 characters a line at most, and the terminator.
-constinit CHAR16 boxFormat[kBoxLinesMax * (kBoxColumns + 1) + 1] = {};
+struct PowerState {
+  // The box's lines joined into one format; 81 characters a line at most, and the terminator.
+  CHAR16 boxFormat[kBoxLinesMax * (kBoxColumns + 1) + 1];
+};
+constinit PowerState gPower = {};
 
 UINT8 FirmwareBound() {
   UINT8 status[kPlatformStatusBytes];
@@ -155,12 +158,12 @@ VOID ShowPowerBox(const PowerBox& box) {
   if (!uefiRun) {
     PrintBanner(false);
   }
-  boxFormat[0] = 0;
+  gPower.boxFormat[0] = 0;
   for (UINTN i = 0; i < box.count; i++) {
-    StrCat16(boxFormat, sizeof(boxFormat) / sizeof(boxFormat[0]), box.lines[i]);
+    StrCat16(gPower.boxFormat, sizeof(gPower.boxFormat) / sizeof(gPower.boxFormat[0]), box.lines[i]);
   }
   SetConsoleAttribute(kAttributeWhiteOnRed);
-  PrintLong(boxFormat, (UINT32)GetBatteryBound());
+  PrintLong(gPower.boxFormat, (UINT32)GetBatteryBound());
   SetConsoleAttribute(kAttributeWhiteOnBlack);
   Print(u"\r\n");
   if (uefiRun && gBS != nullptr) {
@@ -330,4 +333,8 @@ Bool CheckPowerStatus() {
   }
   TraceLeave(kCheckPowerStatus, rule);
   return pass;
+}
+
+VOID ResetPowerState() {
+  gPower = {};
 }

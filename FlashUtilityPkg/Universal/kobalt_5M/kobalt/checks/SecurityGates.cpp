@@ -8,7 +8,10 @@
 
 namespace {
 
-constinit Bool gAntiTheftMarkerRequired = false;
+struct SecurityGatesState {
+  Bool antiTheftMarkerRequired;
+};
+constinit SecurityGatesState gGates = {};
 
 constexpr UINT8 kAtValid = 0x80;       // bit 7 clear: the byte means nothing
 constexpr UINT8 kAtEnrolled = 0x01;    // bit 0 clear: no protection in force
@@ -57,7 +60,7 @@ Bool FuncOblis_1Ch() {
     return true;
   }
   if ((status & kAtEnrolled) == 0) {
-    gAntiTheftMarkerRequired = true;
+    gGates.antiTheftMarkerRequired = true;
   } else if ((status & kAtNotStolen) == 0) {
     refusal = kMessageStolen;
   } else if ((status & kAtUpdateAllowed) == 0) {
@@ -65,7 +68,7 @@ Bool FuncOblis_1Ch() {
   } else if ((status & kAtTimerEnough) == 0) {
     refusal = kMessageTimer;
   } else {
-    gAntiTheftMarkerRequired = true;
+    gGates.antiTheftMarkerRequired = true;
   }
   if (refusal != nullptr) {
     Print(refusal);
@@ -76,7 +79,7 @@ Bool FuncOblis_1Ch() {
   return true;
 }
 
-Bool AntiTheftMarkerRequired() { return gAntiTheftMarkerRequired; }
+Bool AntiTheftMarkerRequired() { return gGates.antiTheftMarkerRequired; }
 
 Bool IsSecureBootSupport() {
   const CHAR16* name = u"IsSecureBootSupport";
@@ -107,4 +110,8 @@ Bool SecureBootProtectionCheck() {
   PrintLong(u"%s", kMessageSecureBootProtection);
   TraceLeave(name, u"No NV storage location from OBLIS");
   return false;
+}
+
+VOID ResetSecurityGatesState() {
+  gGates = {};
 }

@@ -57,3 +57,14 @@ Bool AddEdtEntry(const CHAR16* text) {
   commandFlags.edtCount++;
   return true;
 }
+
+VOID ResetCommandFlagsState() {
+  commandFlags = StartFlags();
+}
+
+VOID ResetConfigState() {
+  ResetCommandFlagsState();
+  ResetIniReaderState();
+  ResetMultiImageState();
+  ResetSettingsState();
+}

@@ -299,3 +299,13 @@ VOID SetCommand_rt(UINT8 count, UINT32 delay);
 VOID SetCommand_vrt(UINT32 count);
 // False when the list is full or the text does not fit an entry; nothing is written then.
 Bool AddEdtEntry(const CHAR16* text);
+
+// State. Each file of the folder keeps its state in one record; ResetConfigState() puts them
+// all back as a fresh load leaves them. Host builds and tests only: the firmware loads the
+// driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
+// takes them back.
+VOID ResetConfigState();
+VOID ResetCommandFlagsState();
+VOID ResetIniReaderState();
+VOID ResetMultiImageState();
+VOID ResetSettingsState();

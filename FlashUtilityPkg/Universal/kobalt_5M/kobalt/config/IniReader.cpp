@@ -17,11 +17,15 @@ constexpr CHAR16 kAllocateFailedReason[] = u"Allocate memory failed";
 constexpr CHAR16 kIntChangedFormat[] = u" [%a] %a=%d\r\n";
 constexpr CHAR16 kStringChangedFormat[] = u" [%a] %a=%a\r\n";
 
-constinit CHAR8* IniText = nullptr;
-constinit UINT32 IniTextSize = 0;
-// Bytes IniText can hold, its terminator included; a longer later text makes it grow.
-constinit UINT32 iniTextCapacity = 0;
-constinit CHAR8 IniValue[kIniTextBytes] = {};
+// The working text, and the value of the last lookup.
+struct IniState {
+  CHAR8* text;
+  UINT32 size;
+  // Bytes text can hold, its terminator included; a longer later text makes it grow.
+  UINT32 capacity;
+  CHAR8 value[kIniTextBytes];
+};
+constinit IniState gIni = {};
 
 CHAR8 LowerCase(CHAR8 c) { return (c >= 'A' && c <= 'Z') ? (CHAR8)(c - 'A' + 'a') : c; }
 
@@ -172,19 +176,19 @@ Bool NormaliseText(CHAR8* text, UINT32* size) {
 
 // Keeps the normal form as the working text; the block grows when a later text is longer.
 Bool StoreIniText(const CHAR8* text, UINT32 size) {
-  if (IniText == nullptr || iniTextCapacity < size + 1) {
-    FreePoolAndNull(IniText);
-    iniTextCapacity = 0;
-    IniText = static_cast<CHAR8*>(AllocateZeroPool(size + 1));
-    if (IniText == nullptr) {
-      IniTextSize = 0;
+  if (gIni.text == nullptr || gIni.capacity < size + 1) {
+    FreePoolAndNull(gIni.text);
+    gIni.capacity = 0;
+    gIni.text = static_cast<CHAR8*>(AllocateZeroPool(size + 1));
+    if (gIni.text == nullptr) {
+      gIni.size = 0;
       return false;
     }
-    iniTextCapacity = size + 1;
+    gIni.capacity = size + 1;
   }
-  CopyMem(IniText, text, size);
-  IniText[size] = 0;
-  IniTextSize = size;
+  CopyMem(gIni.text, text, size);
+  gIni.text[size] = 0;
+  gIni.size = size;
   return true;
 }
 
@@ -207,8 +211,8 @@ Bool NextValueToken(const CHAR8* line, UINT32 length, UINT32* at, UINT32* start,
 
 }  // namespace
 
-const CHAR8* GetIniText() { return IniText; }
-UINT32 GetIniTextSize() { return IniTextSize; }
+const CHAR8* GetIniText() { return gIni.text; }
+UINT32 GetIniTextSize() { return gIni.size; }
 
 INT32 ParseDecimal(const CHAR8* text) {
   if (text == nullptr) {
@@ -337,10 +341,10 @@ Bool GetIniRaw(const CHAR8* section, const CHAR8* key, const CHAR8* text, UINT32
 }
 
 INT32 GetIniInt(const CHAR8* section, const CHAR8* key, INT32 defaultValue) {
-  ZeroMem(IniValue, sizeof(IniValue));
+  ZeroMem(gIni.value, sizeof(gIni.value));
   INT32 result = defaultValue;
-  if (GetIniRaw(section, key, IniText, IniTextSize, IniValue, sizeof(IniValue))) {
-    result = ParseDecimal(IniValue);
+  if (GetIniRaw(section, key, gIni.text, gIni.size, gIni.value, sizeof(gIni.value))) {
+    result = ParseDecimal(gIni.value);
   }
   if (result != defaultValue) {
     LogPrint(kLogSettings, kIntChangedFormat, section, key, result);
@@ -349,10 +353,10 @@ INT32 GetIniInt(const CHAR8* section, const CHAR8* key, INT32 defaultValue) {
 }
 
 INT32 GetIniHex(const CHAR8* section, const CHAR8* key, INT32 defaultValue) {
-  ZeroMem(IniValue, sizeof(IniValue));
+  ZeroMem(gIni.value, sizeof(gIni.value));
   INT32 result = defaultValue;
-  if (GetIniRaw(section, key, IniText, IniTextSize, IniValue, sizeof(IniValue))) {
-    result = ParseHex8(IniValue);
+  if (GetIniRaw(section, key, gIni.text, gIni.size, gIni.value, sizeof(gIni.value))) {
+    result = ParseHex8(gIni.value);
   }
   if (result != defaultValue) {
     LogPrint(kLogSettings, kIntChangedFormat, section, key, result);
@@ -361,15 +365,15 @@ INT32 GetIniHex(const CHAR8* section, const CHAR8* key, INT32 defaultValue) {
 }
 
 Bool GetIniString(const CHAR8* section, const CHAR8* key, CHAR8* out, UINTN capacity) {
-  ZeroMem(IniValue, sizeof(IniValue));
-  Bool found = GetIniRaw(section, key, IniText, IniTextSize, IniValue, sizeof(IniValue));
+  ZeroMem(gIni.value, sizeof(gIni.value));
+  Bool found = GetIniRaw(section, key, gIni.text, gIni.size, gIni.value, sizeof(gIni.value));
   if (out == nullptr || capacity == 0) {
     return found;
   }
   // The field's old value is compared within its capacity only; it need not be terminated.
   Bool differs = false;
-  for (UINTN i = 0; i < capacity && i < sizeof(IniValue); i++) {
-    if (LowerCase(out[i]) != LowerCase(IniValue[i])) {
+  for (UINTN i = 0; i < capacity && i < sizeof(gIni.value); i++) {
+    if (LowerCase(out[i]) != LowerCase(gIni.value[i])) {
       differs = true;
       break;
     }
@@ -378,12 +382,16 @@ Bool GetIniString(const CHAR8* section, const CHAR8* key, CHAR8* out, UINTN capa
     }
   }
   if (differs) {
-    LogPrint(kLogSettings, kStringChangedFormat, section, key, IniValue);
+    LogPrint(kLogSettings, kStringChangedFormat, section, key, gIni.value);
   }
   UINTN i = 0;
-  for (; i + 1 < capacity && i < sizeof(IniValue) && IniValue[i] != 0; i++) {
-    out[i] = IniValue[i];
+  for (; i + 1 < capacity && i < sizeof(gIni.value) && gIni.value[i] != 0; i++) {
+    out[i] = gIni.value[i];
   }
   out[i] = 0;
   return found;
+}
+
+VOID ResetIniReaderState() {
+  gIni = {};
 }

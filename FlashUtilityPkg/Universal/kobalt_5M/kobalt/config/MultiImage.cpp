@@ -76,14 +76,17 @@ constexpr UINTN kIdStart = 3;
 constexpr UINTN kMemoryStart = 7;
 
 // ---- state of the walk ----
-constinit CHAR8 gMatchedImageName[kFileNameBytes] = {};
-constinit CHAR8 gMatchedMeName[kFileNameBytes] = {};
-constinit CHAR8 gMatchedIniName[kFileNameBytes] = {};
-constinit CHAR8 gRuleAsWritten[kIniTextBytes] = {};
-constinit CHAR8 gRule[kIniTextBytes] = {};
-constinit CHAR8 gConditions[kMaxConditions][kConditionBytes] = {};
-constinit CHAR16 gWideText[kIniTextBytes] = {};
-constinit PlatformInfo gInfo = {};
+struct MultiImageState {
+  CHAR8 matchedImageName[kFileNameBytes];
+  CHAR8 matchedMeName[kFileNameBytes];
+  CHAR8 matchedIniName[kFileNameBytes];
+  CHAR8 ruleAsWritten[kIniTextBytes];
+  CHAR8 rule[kIniTextBytes];
+  CHAR8 conditions[kMaxConditions][kConditionBytes];
+  CHAR16 wideText[kIniTextBytes];
+  PlatformInfo info;
+};
+constinit MultiImageState gMulti = {};
 
 enum class Field : UINT8 { Missing, Read, TooLong };
 
@@ -169,8 +172,8 @@ UINT8 WidthOfValue(const CHAR8* value) {
 
 // For the %s items of the trace, which take 16-bit text.
 const CHAR16* Wide(const CHAR8* text) {
-  AsciiToUnicode(gWideText, kIniTextBytes, text);
-  return gWideText;
+  AsciiToUnicode(gMulti.wideText, kIniTextBytes, text);
+  return gMulti.wideText;
 }
 
 Bool ReadPhysicalValue(UINT32 address, UINT8 width, UINT32* data) {
@@ -194,19 +197,19 @@ Bool KeepFileNames(RuleCursor& cursor) {
   ini[0] = 0;
   const Field imageRead = ReadField(cursor, image, sizeof(image));
   if (imageRead == Field::Missing) {
-    Print(kMessageNoImageFile, gRuleAsWritten);
+    Print(kMessageNoImageFile, gMulti.ruleAsWritten);
     return false;
   }
   Field meRead = ReadField(cursor, me, sizeof(me));
   Field iniRead = meRead == Field::Missing ? Field::Missing : ReadField(cursor, ini, sizeof(ini));
   if (imageRead == Field::TooLong || meRead == Field::TooLong || iniRead == Field::TooLong) {
-    LogPrint(kLogDetail, kTraceFileNameTooLong, gRuleAsWritten);
+    LogPrint(kLogDetail, kTraceFileNameTooLong, gMulti.ruleAsWritten);
     return false;
   }
-  CopyMem(gMatchedImageName, image, sizeof(image));
-  CopyMem(gMatchedMeName, me, sizeof(me));
-  CopyMem(gMatchedIniName, ini, sizeof(ini));
-  LogPrint(kLogDetail, kTraceMatched, gMatchedImageName, gMatchedMeName, gMatchedIniName);
+  CopyMem(gMulti.matchedImageName, image, sizeof(image));
+  CopyMem(gMulti.matchedMeName, me, sizeof(me));
+  CopyMem(gMulti.matchedIniName, ini, sizeof(ini));
+  LogPrint(kLogDetail, kTraceMatched, gMulti.matchedImageName, gMulti.matchedMeName, gMulti.matchedIniName);
   return true;
 }
 
@@ -217,19 +220,19 @@ struct RuleType {
   RuleTest test;
 };
 
-// gRule holds the working copy of the rule, gRuleAsWritten the text as platform.ini wrote it.
+// rule holds the working copy of the rule, ruleAsWritten the text as platform.ini wrote it.
 Bool EvaluateRule() {
   static constexpr RuleType kTypes[] = {
       {"PCI", IsMatch_PCI}, {"IO", IsMatch_IO}, {"MPCIIO", IsMatch_MPCIIO}, {"ID", IsMatch_ID}, {"MEMORY", IsMatch_MEMORY},
   };
-  RuleCursor cursor = CursorAt(gRule, kIniTextBytes, 0);
+  RuleCursor cursor = CursorAt(gMulti.rule, kIniTextBytes, 0);
   CHAR8 type[kTypeBytes];
   if (ReadField(cursor, type, sizeof(type)) != Field::Read) return false;
   for (const RuleType& known : kTypes) {
     if (!EqualNoCase(type, known.name)) continue;
     UINTN position = 0;
-    if (!known.test(gRule, &position)) return false;
-    RuleCursor files = CursorAt(gRule, kIniTextBytes, position);
+    if (!known.test(gMulti.rule, &position)) return false;
+    RuleCursor files = CursorAt(gMulti.rule, kIniTextBytes, position);
     return KeepFileNames(files);
   }
   return false;  // any other type, such as OS, never holds
@@ -267,17 +270,17 @@ Bool IsMultiFdMode() { return Settings()->multiFd.flag == 1; }
 Bool IsCondi_match() { return WalkMultiFdRules(ReadSettingsRule); }
 
 Bool WalkMultiFdRules(MultiFdRuleReader reader) {
-  ZeroMem(gMatchedImageName, sizeof(gMatchedImageName));
-  ZeroMem(gMatchedMeName, sizeof(gMatchedMeName));
-  ZeroMem(gMatchedIniName, sizeof(gMatchedIniName));
+  ZeroMem(gMulti.matchedImageName, sizeof(gMulti.matchedImageName));
+  ZeroMem(gMulti.matchedMeName, sizeof(gMulti.matchedMeName));
+  ZeroMem(gMulti.matchedIniName, sizeof(gMulti.matchedIniName));
   // No ranking: the lowest number that holds wins, wherever it stands in the file.
   for (UINTN number = kFirstRule; number <= kLastRule; number++) {
-    ZeroMem(gRuleAsWritten, sizeof(gRuleAsWritten));
-    if (!reader(number, gRuleAsWritten, sizeof(gRuleAsWritten))) continue;
-    gRuleAsWritten[sizeof(gRuleAsWritten) - 1] = 0;
-    if (gRuleAsWritten[0] == 0) continue;
-    LogPrint(kLogDetail, kTraceWalkRule, (INT32)number, gRuleAsWritten);
-    CopyMem(gRule, gRuleAsWritten, sizeof(gRule));
+    ZeroMem(gMulti.ruleAsWritten, sizeof(gMulti.ruleAsWritten));
+    if (!reader(number, gMulti.ruleAsWritten, sizeof(gMulti.ruleAsWritten))) continue;
+    gMulti.ruleAsWritten[sizeof(gMulti.ruleAsWritten) - 1] = 0;
+    if (gMulti.ruleAsWritten[0] == 0) continue;
+    LogPrint(kLogDetail, kTraceWalkRule, (INT32)number, gMulti.ruleAsWritten);
+    CopyMem(gMulti.rule, gMulti.ruleAsWritten, sizeof(gMulti.rule));
     if (EvaluateRule()) return true;
   }
   return false;
@@ -285,7 +288,7 @@ Bool WalkMultiFdRules(MultiFdRuleReader reader) {
 
 VOID GetMatchedImageName(CHAR16* name) {
   if (name == nullptr) return;
-  AsciiToUnicode(name, kFileNameBytes, gMatchedImageName);
+  AsciiToUnicode(name, kFileNameBytes, gMulti.matchedImageName);
 }
 
 Bool IsMatch_IO(CHAR8* rule, UINTN* position) {
@@ -397,16 +400,16 @@ Bool IsMatch_ID(CHAR8* rule, UINTN* position) {
   }
   *position = cursor.position;
 
-  GetPlatformInfo(&gInfo);
-  constexpr UINTN kNameCharacters = sizeof(gInfo.modelName) / sizeof(gInfo.modelName[0]);
-  gInfo.modelName[kNameCharacters - 1] = 0;
-  LogPrint(kLogDetail, kTraceId, Wide(model), gInfo.modelName);
+  GetPlatformInfo(&gMulti.info);
+  constexpr UINTN kNameCharacters = sizeof(gMulti.info.modelName) / sizeof(gMulti.info.modelName[0]);
+  gMulti.info.modelName[kNameCharacters - 1] = 0;
+  LogPrint(kLogDetail, kTraceId, Wide(model), gMulti.info.modelName);
   UINTN i = 0;
   for (; model[i] != 0; i++) {
-    const CHAR16 theirs = gInfo.modelName[i];
+    const CHAR16 theirs = gMulti.info.modelName[i];
     if (theirs > 0x7F || Upper((CHAR8)theirs) != Upper(model[i])) return false;
   }
-  return gInfo.modelName[i] == 0;
+  return gMulti.info.modelName[i] == 0;
 }
 
 Bool IsMatch_MPCIIO(CHAR8* rule, UINTN* position) {
@@ -427,7 +430,7 @@ Bool IsMatch_MPCIIO(CHAR8* rule, UINTN* position) {
 
   // All conditions are read before any is tested, so the position lands behind the last one.
   for (UINT32 i = 0; i < count; i++) {
-    if (ReadField(cursor, gConditions[i], kConditionBytes) != Field::Read) {
+    if (ReadField(cursor, gMulti.conditions[i], kConditionBytes) != Field::Read) {
       LogPrint(kLogDetail, kTraceMpciioFormatError);
       return false;
     }
@@ -436,7 +439,7 @@ Bool IsMatch_MPCIIO(CHAR8* rule, UINTN* position) {
 
   // Conditions are alternatives: the first that holds decides.
   for (UINT32 i = 0; i < count; i++) {
-    CHAR8* condition = gConditions[i];
+    CHAR8* condition = gMulti.conditions[i];
     for (UINTN k = 0; k < kConditionBytes && condition[k] != 0; k++) condition[k] = Upper(condition[k]);
     if (ConditionHolds(condition)) return true;
   }
@@ -465,4 +468,8 @@ Bool CpuIoRead(UINT8 width, UINT16 port, UINT32* data) {
     case 4: *data = IoRead32(port); return true;
     default: return false;
   }
+}
+
+VOID ResetMultiImageState() {
+  gMulti = {};
 }

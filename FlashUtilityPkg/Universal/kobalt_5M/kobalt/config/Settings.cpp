@@ -456,3 +456,7 @@ VOID LoadAllSections(Bool withMultiFd) {
     }
   }
 }
+
+VOID ResetSettingsState() {
+  flashSettings = {};
+}

@@ -33,12 +33,16 @@ constinit const DirectoryEntry directoryTable[] = {
     {u"", nullptr},
 };
 
-constinit CHAR16 currentDirectory[kCurrentDirectoryCharacters] = {};
-constinit CHAR16 pathCopy[kPathCopyCharacters] = {};
-constinit EFI_HANDLE hostImageHandle = nullptr;
-constinit UINT32 argumentCount = 0;
-constinit CHAR16** argumentVector = nullptr;
-constinit ShellExecuteCallback shellExecuteCallback = nullptr;
+// What the host handed in.
+struct DirectoryState {
+  CHAR16 currentDirectory[kCurrentDirectoryCharacters];
+  CHAR16 pathCopy[kPathCopyCharacters];
+  EFI_HANDLE hostImageHandle;
+  UINT32 argumentCount;
+  CHAR16** argumentVector;
+  ShellExecuteCallback shellExecuteCallback;
+};
+constinit DirectoryState gDirectory = {};
 
 // The warning's key wait talks to the console itself: it must not raise hook points, since the
 // host that asked for a missing name may not have set anything up yet.
@@ -67,41 +71,45 @@ VOID* EFIAPI LookupFunction(const CHAR16* name) {
 }
 
 VOID EFIAPI SetCurrentDirectory(const CHAR16* path) {
-  StrCopy16(pathCopy, kPathCopyCharacters, path);
+  StrCopy16(gDirectory.pathCopy, kPathCopyCharacters, path);
   UINTN colon = 0;
-  while (pathCopy[colon] != 0 && pathCopy[colon] != u':') {
+  while (gDirectory.pathCopy[colon] != 0 && gDirectory.pathCopy[colon] != u':') {
     colon++;
   }
-  if (pathCopy[colon] == 0) {
-    StrCopy16(currentDirectory, kCurrentDirectoryCharacters, pathCopy);
+  if (gDirectory.pathCopy[colon] == 0) {
+    StrCopy16(gDirectory.currentDirectory, kCurrentDirectoryCharacters, gDirectory.pathCopy);
     return;
   }
   // The volume name falls away: "fs0:\efi\tool" becomes ".\efi\tool\".
-  StrCopy16(currentDirectory, kCurrentDirectoryCharacters, u".");
-  StrCat16(currentDirectory, kCurrentDirectoryCharacters, pathCopy + colon + 1);
-  StrCat16(currentDirectory, kCurrentDirectoryCharacters, u"\\");
+  StrCopy16(gDirectory.currentDirectory, kCurrentDirectoryCharacters, u".");
+  StrCat16(gDirectory.currentDirectory, kCurrentDirectoryCharacters, gDirectory.pathCopy + colon + 1);
+  StrCat16(gDirectory.currentDirectory, kCurrentDirectoryCharacters, u"\\");
 }
 
-const CHAR16* GetCurrentDirectory() { return currentDirectory; }
+const CHAR16* GetCurrentDirectory() { return gDirectory.currentDirectory; }
 
 VOID EFIAPI SetCommandLineArgument(UINT32 count, CHAR16** vector) {
   // The vector stays the host's; options are read and blanked in place during the run.
-  argumentCount = count;
-  argumentVector = vector;
+  gDirectory.argumentCount = count;
+  gDirectory.argumentVector = vector;
 }
 
-UINT32 GetArgumentCount() { return argumentCount; }
-CHAR16** GetArgumentVector() { return argumentVector; }
+UINT32 GetArgumentCount() { return gDirectory.argumentCount; }
+CHAR16** GetArgumentVector() { return gDirectory.argumentVector; }
 
-VOID EFIAPI SetImageHandle(EFI_HANDLE imageHandle) { hostImageHandle = imageHandle; }
-EFI_HANDLE GetHostImageHandle() { return hostImageHandle; }
+VOID EFIAPI SetImageHandle(EFI_HANDLE imageHandle) { gDirectory.hostImageHandle = imageHandle; }
+EFI_HANDLE GetHostImageHandle() { return gDirectory.hostImageHandle; }
 
-VOID EFIAPI SetShellExecuteCallback(ShellExecuteCallback callback) { shellExecuteCallback = callback; }
+VOID EFIAPI SetShellExecuteCallback(ShellExecuteCallback callback) { gDirectory.shellExecuteCallback = callback; }
 
 EFI_STATUS RunShellCommand(const CHAR16* text) {
   // Without a host callback there is no shell to run the command: refuse rather than pretend.
-  if (shellExecuteCallback == nullptr) {
+  if (gDirectory.shellExecuteCallback == nullptr) {
     return EFI_UNSUPPORTED;
   }
-  return shellExecuteCallback(text);
+  return gDirectory.shellExecuteCallback(text);
+}
+
+VOID ResetDirectoryState() {
+  gDirectory = {};
 }

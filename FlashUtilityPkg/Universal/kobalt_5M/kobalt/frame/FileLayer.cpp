@@ -36,9 +36,12 @@ constexpr CHAR16 kTraceDelete[] = u"EfiDeleteFile (%s)\r\n";
 constexpr CHAR16 kTraceMakeDirectory[] = u"  Str - (%s)\r\nmkDir - (%s)\r\n";
 constexpr CHAR16 kTraceMakeDirectoryFail[] = u"Create directory |fail| (%s)\n";
 
-constinit EFI_FILE_PROTOCOL* rootDirectory = nullptr;
-constinit Bool rootLookedFor = false;
-constinit Bool appendFailureTracing = false;
+struct FileLayerState {
+  EFI_FILE_PROTOCOL* rootDirectory;
+  Bool rootLookedFor;
+  Bool appendFailureTracing;
+};
+constinit FileLayerState gFiles = {};
 
 // "%s\%s" of the current directory and the name. A name that starts with '\' is taken as it is
 // where the caller allows that (SaveBufferToFile, MakeDirectory).
@@ -117,7 +120,7 @@ EFI_FILE_PROTOCOL* OpenRootOfFirstVolume() {
   }
   // The root is kept before any of these lines is traced: a line traced while no root is known
   // cannot reach the log, and the engineer needs to see which volume was taken and why.
-  rootDirectory = root;
+  gFiles.rootDirectory = root;
   if (!usbFound) {
     LogPrint(kLogDetail, kTraceGetSubtypeFail, (INT32)count);
   }
@@ -160,17 +163,17 @@ Bool HandlePathHasNode(EFI_HANDLE handle, UINT8 type, UINT8 subtype) {
 
 EFI_FILE_PROTOCOL* GetRootDirectory() {
   // Looked for once: the traces below go through the log, which asks for the root again.
-  if (rootLookedFor || gBS == nullptr) {
-    return rootDirectory;
+  if (gFiles.rootLookedFor || gBS == nullptr) {
+    return gFiles.rootDirectory;
   }
-  rootLookedFor = true;
+  gFiles.rootLookedFor = true;
   EFI_HANDLE hostImage = GetHostImageHandle();
   if (hostImage != nullptr) {
-    rootDirectory = OpenRootOfHostImage(hostImage);
+    gFiles.rootDirectory = OpenRootOfHostImage(hostImage);
   } else {
-    rootDirectory = OpenRootOfFirstVolume();
+    gFiles.rootDirectory = OpenRootOfFirstVolume();
   }
-  return rootDirectory;
+  return gFiles.rootDirectory;
 }
 
 Bool ReadFile(const CHAR16* name, UINT8** buffer, UINT32* size) {
@@ -261,10 +264,10 @@ Bool AppendBufferToFile(const CHAR16* name, const VOID* data, UINT32 size) {
   if (EFI_ERROR(root->Open(root, &file, fullName, kOpenCreate, 0)) || file == nullptr) {
     // The trace of this failure is itself appended to the log; if that append fails too, its
     // failure is not traced again.
-    if (!appendFailureTracing) {
-      appendFailureTracing = true;
+    if (!gFiles.appendFailureTracing) {
+      gFiles.appendFailureTracing = true;
       LogPrint(kLogDetail, kTraceAppendOpenFail, fullName);
-      appendFailureTracing = false;
+      gFiles.appendFailureTracing = false;
     }
     return false;
   }
@@ -311,4 +314,8 @@ Bool MakeDirectory(const CHAR16* name) {
   }
   directory->Close(directory);
   return true;
+}
+
+VOID ResetFileLayerState() {
+  gFiles = {};
 }

@@ -44,3 +44,14 @@ Bool SaveBufferToFile(const CHAR16* name, const VOID* data, UINT32 size);
 Bool AppendBufferToFile(const CHAR16* name, const VOID* data, UINT32 size);
 Bool EfiDeleteFile(const CHAR16* name);
 Bool MakeDirectory(const CHAR16* name);
+
+// State. Each file of the folder keeps its state in one record; ResetFrameState() puts them
+// all back as a fresh load leaves them. Host builds and tests only: the firmware loads the
+// driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
+// takes them back.
+VOID ResetFrameState();
+VOID ResetDirectoryState();
+VOID ResetFileLayerState();
+VOID ResetRunSequenceState();
+// The whole driver as a fresh load leaves it, folder by folder, the firmware tables included.
+VOID ResetDriverState();

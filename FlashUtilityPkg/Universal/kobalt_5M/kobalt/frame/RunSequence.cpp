@@ -74,9 +74,12 @@ constexpr CHAR16 kWarningEobWithEcb[] = u"Warning!\r\nThe command /ecbp and /eob
 constexpr CHAR16 kErrorInvalidCommand[] = u"Error command: %s (Invalid command)\n";
 constexpr CHAR16 kAlpOption[] = u"-alp";
 
-constinit UINT8 runMode = 0;
-constinit UINT8* imageWorkBuffer = nullptr;
-constinit UINT8* ecBuffer = nullptr;
+struct RunState {
+  UINT8 runMode;
+  UINT8* imageWorkBuffer;
+  UINT8* ecBuffer;
+};
+constinit RunState gRun = {};
 
 // What ShellFlashMain hands from one row to the next.
 struct ShellRun {
@@ -211,14 +214,14 @@ Bool FuncUpdate(const CHAR16* imageName) {
 
 }  // namespace
 
-UINT8 GetRunMode() { return runMode; }
-UINT8* GetImageWorkBuffer() { return imageWorkBuffer; }
-UINT8* GetEcBuffer() { return ecBuffer; }
+UINT8 GetRunMode() { return gRun.runMode; }
+UINT8* GetImageWorkBuffer() { return gRun.imageWorkBuffer; }
+UINT8* GetEcBuffer() { return gRun.ecBuffer; }
 
 VOID FreeResource() {
   TraceEnter(kFreeResource);
-  FreePoolAndNull(imageWorkBuffer);
-  FreePoolAndNull(ecBuffer);
+  FreePoolAndNull(gRun.imageWorkBuffer);
+  FreePoolAndNull(gRun.ecBuffer);
   TraceLeave(kFreeResource, nullptr);
 }
 
@@ -227,18 +230,18 @@ Bool Initialize() {
   TraceEnter(kInitialize);
 
   // Steps 2 and 3: a second Initialize reuses the blocks it already holds.
-  if (imageWorkBuffer == nullptr) {
-    imageWorkBuffer = static_cast<UINT8*>(AllocateZeroPool(kImageWorkBufferBytes));
-    if (imageWorkBuffer == nullptr) {
+  if (gRun.imageWorkBuffer == nullptr) {
+    gRun.imageWorkBuffer = static_cast<UINT8*>(AllocateZeroPool(kImageWorkBufferBytes));
+    if (gRun.imageWorkBuffer == nullptr) {
       // Nothing is held yet, so there is nothing to free.
       Print(kErrorAllocate16M);
       TraceLeave(kInitialize, kReasonAllocate16M);
       return false;
     }
   }
-  if (ecBuffer == nullptr) {
-    ecBuffer = static_cast<UINT8*>(AllocateZeroPool(kEcBufferBytes));
-    if (ecBuffer == nullptr) {
+  if (gRun.ecBuffer == nullptr) {
+    gRun.ecBuffer = static_cast<UINT8*>(AllocateZeroPool(kEcBufferBytes));
+    if (gRun.ecBuffer == nullptr) {
       return FailInitialize(kErrorAllocate2M, kReasonAllocate2M);
     }
   }
@@ -297,7 +300,7 @@ Bool EFIAPI ShellFlashMain() {
   run.arguments = GetArgumentVector();
   TraceEnter(kShellFlashMain);
   // Row 2.
-  runMode = kRunModeShell;
+  gRun.runMode = kRunModeShell;
   // Row 3: -dbg turns the trace on at level 4.
   ScanDebugOption();
   // Rows 4 and 5 (SetApplication with argument 0, SetPackageStatus) come with the package
@@ -387,7 +390,7 @@ Bool EFIAPI UefiFlashMain() {
   // Row 1.
   TraceEnter(kUefiFlashMain);
   // Row 2.
-  runMode = kRunModeUefi;
+  gRun.runMode = kRunModeUefi;
   // Row 3.
   InitialIniStructure();
   // Row 4.
@@ -396,4 +399,25 @@ Bool EFIAPI UefiFlashMain() {
   }
   // Rows 5 to 29 (settings sources, maps, checks, the block writer, EC) are not built yet.
   return EndBeforeUpdateSteps(kUefiFlashMain);
+}
+
+VOID ResetRunSequenceState() {
+  gRun = {};
+}
+
+VOID ResetFrameState() {
+  ResetDirectoryState();
+  ResetFileLayerState();
+  ResetRunSequenceState();
+  SetFirmwareTables(nullptr, nullptr);
+}
+
+VOID ResetDriverState() {
+  ResetOutputState();
+  ResetConfigState();
+  ResetOblisState();
+  ResetImageState();
+  ResetChecksState();
+  ResetUpdateState();
+  ResetFrameState();
 }

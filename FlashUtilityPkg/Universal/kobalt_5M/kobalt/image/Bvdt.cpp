@@ -140,3 +140,7 @@ VOID SetNewImageModel(const CHAR16* model) { StrCopy16(gBvdtInfo.model, kTextCha
 VOID SetNewImageVersion(const CHAR16* version) {
   StrCopy16(gBvdtInfo.version, kTextCharacters, version != nullptr ? version : u"");
 }
+
+VOID ResetBvdtState() {
+  gBvdtInfo = {};
+}

@@ -43,3 +43,12 @@ const CHAR16* NewImageVersion();
 // list with its [PlatformVersion], or "N/A" under -mc. A text keeps at most 63 characters.
 VOID SetNewImageModel(const CHAR16* model);
 VOID SetNewImageVersion(const CHAR16* version);
+
+// State. Each file of the folder keeps its state in one record; ResetImageState() puts them
+// all back as a fresh load leaves them. Host builds and tests only: the firmware loads the
+// driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
+// takes them back.
+VOID ResetImageState();
+VOID ResetBvdtState();
+VOID ResetImageAnalysisState();
+VOID ResetSlotChainState();

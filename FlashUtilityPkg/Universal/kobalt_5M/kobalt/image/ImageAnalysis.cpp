@@ -235,3 +235,13 @@ Bool LoadImageConfig(const UINT8* image, UINT32 length) {
   FreePoolAndNull(text);
   return true;
 }
+
+VOID ResetImageAnalysisState() {
+  ImageAnalysis = {};
+}
+
+VOID ResetImageState() {
+  ResetBvdtState();
+  ResetImageAnalysisState();
+  ResetSlotChainState();
+}

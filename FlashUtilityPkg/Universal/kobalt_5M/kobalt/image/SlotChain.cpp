@@ -105,3 +105,13 @@ VOID InitSlotTags() {
 const UINT8* DriverSlotChain() { return reinterpret_cast<const UINT8*>(&driverSlotChain); }
 
 UINT32 DriverSlotChainSize() { return (UINT32)sizeof(driverSlotChain); }
+
+// The tags are marked in place; a fresh load has them as the file carries them.
+VOID ResetSlotChainState() {
+  driverSlotChain.secureImageRecord[0] = '#';
+  driverSlotChain.certificateSlot.tag[0] = '#';
+  driverSlotChain.certificate2Slot.tag[0] = '#';
+  driverSlotChain.biosImageSlot.tag[0] = '#';
+  driverSlotChain.iniSlot.tag[0] = '#';
+  driverSlotChain.ecSlot.tag[0] = '#';
+}

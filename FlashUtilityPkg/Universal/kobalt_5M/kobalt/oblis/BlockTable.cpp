@@ -248,3 +248,7 @@ VOID ShowBlockTable(const FlashBlock* table, UINT32 count) {
   }
   FreePoolAndNull(text);
 }
+
+VOID ResetBlockTableState() {
+  gFlash = {};
+}

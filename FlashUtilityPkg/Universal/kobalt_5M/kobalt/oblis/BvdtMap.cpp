@@ -262,3 +262,7 @@ Bool ExternalRegionFind(const OblisExternalRecord* list, UINT32 count, UINT8 typ
 
 VOID ShowExternalMapConsole(const OblisExternalRecord* list, UINT32 count) { ShowExternalMap(true, list, count); }
 VOID ShowExternalMapTrace(const OblisExternalRecord* list, UINT32 count) { ShowExternalMap(false, list, count); }
+
+VOID ResetBvdtMapState() {
+  gBvdt = {};
+}

@@ -391,3 +391,18 @@ UINT16 OblisCall_44h(UINT32 edi, UINT32 esi) { return FormA(RaiseOblis(0x44, 0, 
 UINT16 OblisCall_45h(UINT32 ecx) { return FormA(RaiseOblis(0x45, ecx, 0, 0)); }
 
 UINT16 OblisCall_48h(UINT32 size, UINT32 edi, UINT32 esi) { return FormC(RaiseOblis(0x48, size, edi, esi)); }
+
+VOID ResetChannelState() {
+  gChannel = {false, 0, kDefaultSmiNumber};
+  gOblisBuffer = {nullptr, 0};
+  gOblisBuffer2 = {nullptr, 0};
+}
+
+VOID ResetOblisState() {
+  ResetBlockTableState();
+  ResetBvdtMapState();
+  ResetChannelState();
+  ResetFinishState();
+  ResetMapsState();
+  ResetPlatformStatusState();
+}

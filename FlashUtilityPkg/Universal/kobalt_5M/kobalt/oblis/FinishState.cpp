@@ -130,3 +130,7 @@ UINT8 GetFinishComplete() { return gFinish.complete; }
 UINT8 GetFinishClearCmos() { return gFinish.clearCmos; }
 Bool OptionReboot() { return Flags()->reboot; }
 Bool OptionShutdown() { return Flags()->shutdown; }
+
+VOID ResetFinishState() {
+  gFinish = {0, 0, 0};
+}

@@ -328,3 +328,7 @@ VOID ShowPrivateMapConsole(const OblisPrivateRecord* list, UINT32 count) { ShowP
 VOID ShowProtectionMapConsole(const OblisProtectionRecord* list, UINT32 count) {
   ShowProtectionMap(true, list, count);
 }
+
+VOID ResetMapsState() {
+  gMaps = {};
+}

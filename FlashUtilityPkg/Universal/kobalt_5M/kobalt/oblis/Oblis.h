@@ -203,3 +203,15 @@ VOID SelectRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, UINT32
 VOID ShowBvdtMapConsole();
 VOID ShowBvdtMapTrace();
 Bool ShowBvdtMapFile(const CHAR16* name);
+
+// State. Each file of the folder keeps its state in one record; ResetOblisState() puts them
+// all back as a fresh load leaves them. Host builds and tests only: the firmware loads the
+// driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
+// takes them back.
+VOID ResetOblisState();
+VOID ResetBlockTableState();
+VOID ResetBvdtMapState();
+VOID ResetChannelState();
+VOID ResetFinishState();
+VOID ResetMapsState();
+VOID ResetPlatformStatusState();

@@ -310,3 +310,7 @@ Bool EFIAPI SMI_ApHookPoint(UINT32 point) {
   TraceLeave(name, nullptr);
   return true;
 }
+
+VOID ResetPlatformStatusState() {
+  gPlatform = {{}, kVendorNone, nullptr, 0, {}};
+}

@@ -35,8 +35,11 @@ constexpr UINT32 kHookBeforeDialog = 5;
 constexpr UINT32 kHookAfterDialog = 6;
 constexpr UINTN kScreenWidth = 80;
 
-// The value of a [MessageStringTable] key; a message longer than the text field does not fit.
-constinit CHAR8 messageValue[kIniTextBytes] = {};
+struct ConsoleState {
+  // The value of a [MessageStringTable] key; a message longer than the text field does not fit.
+  CHAR8 messageValue[kIniTextBytes];
+};
+constinit ConsoleState gConsole = {};
 
 EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* ConsoleOut() { return gST != nullptr ? gST->ConOut : nullptr; }
 
@@ -135,29 +138,29 @@ const CHAR16* GetMessageText(const CHAR8* key, const CHAR16* defaultText) {
   if (key == nullptr || key[0] == 0) {
     return defaultText;
   }
-  if (!GetIniString(kMessageSection, key, messageValue, sizeof(messageValue)) || messageValue[0] == 0) {
+  if (!GetIniString(kMessageSection, key, gConsole.messageValue, sizeof(gConsole.messageValue)) || gConsole.messageValue[0] == 0) {
     return defaultText;
   }
   // platform.ini writes line ends as backslash-r and backslash-n.
-  ReplaceEscape(messageValue, 'r', '\r');
-  ReplaceEscape(messageValue, 'n', '\n');
+  ReplaceEscape(gConsole.messageValue, 'r', '\r');
+  ReplaceEscape(gConsole.messageValue, 'n', '\n');
 
   UINTN first = 0;
-  UINTN end = StrLen8(messageValue);
-  while (first < end && messageValue[first] == '"') {
+  UINTN end = StrLen8(gConsole.messageValue);
+  while (first < end && gConsole.messageValue[first] == '"') {
     first++;
   }
-  while (end > first && messageValue[end - 1] == '"') {
+  while (end > first && gConsole.messageValue[end - 1] == '"') {
     end--;
   }
-  messageValue[end] = 0;
+  gConsole.messageValue[end] = 0;
 
   UINTN capacity = (end - first) + 3;  // the text, CR LF and the terminator
   CHAR16* text = static_cast<CHAR16*>(AllocateZeroPool(capacity * sizeof(CHAR16)));
   if (text == nullptr) {
     return defaultText;
   }
-  AsciiToUnicode(text, capacity, messageValue + first);
+  AsciiToUnicode(text, capacity, gConsole.messageValue + first);
   StrCat16(text, capacity, u"\r\n");
   return text;
 }
@@ -258,4 +261,8 @@ VOID FlashCompletePause() {
   Print(kPausePrompt, text);
   FreeMessageText(text, kPauseDefault);
   WaitKey();
+}
+
+VOID ResetConsoleState() {
+  gConsole = {};
 }

@@ -31,16 +31,19 @@ constexpr UINT32 kHexDumpBytesPerLine = 16;
 constexpr CHAR16 kDebugOptionDash[] = u"-dbg";
 constexpr CHAR16 kDebugOptionSlash[] = u"/dbg";
 
-constinit CHAR16* LogBuffer = nullptr;
-constinit Bool DebugEnabled = false;
-constinit UINT8 DebugLevel = 0;
-// Set while a line goes to the file. The file layer may trace through LogPrint itself; such a
-// line would overwrite the text being written and could call the file layer again, so it is
-// dropped.
-constinit Bool logWriting = false;
+struct LogState {
+  CHAR16* buffer;
+  Bool debugEnabled;
+  UINT8 debugLevel;
+  // Set while a line goes to the file. The file layer may trace through LogPrint itself; such a
+  // line would overwrite the text being written and could call the file layer again, so it is
+  // dropped.
+  Bool writing;
+};
+constinit LogState gLog = {};
 
 Bool LevelPasses(UINT8 level) {
-  return level <= DebugLevel || (INT32)level <= Settings()->logFile.level;
+  return level <= gLog.debugLevel || (INT32)level <= Settings()->logFile.level;
 }
 
 // Keeps the low byte of each character, in place: byte i is written only after character i,
@@ -55,15 +58,15 @@ UINT32 NarrowInPlace(CHAR16* text, UINTN length) {
 
 }  // namespace
 
-Bool IsLogEnabled() { return DebugEnabled || Settings()->logFile.flag != 0; }
+Bool IsLogEnabled() { return gLog.debugEnabled || Settings()->logFile.flag != 0; }
 
 VOID LogPrint(UINT8 level, const CHAR16* format, ...) {
-  if (logWriting) {
+  if (gLog.writing) {
     return;
   }
-  if (LogBuffer == nullptr) {
-    LogBuffer = static_cast<CHAR16*>(AllocateZeroPool(kLogBufferBytes));
-    if (LogBuffer == nullptr) {
+  if (gLog.buffer == nullptr) {
+    gLog.buffer = static_cast<CHAR16*>(AllocateZeroPool(kLogBufferBytes));
+    if (gLog.buffer == nullptr) {
       return;
     }
     // The last run's log goes at the first line of this one, whether this run logs or not.
@@ -72,20 +75,20 @@ VOID LogPrint(UINT8 level, const CHAR16* format, ...) {
     EfiDeleteFile(kLogFileName);
   }
 
-  ZeroMem(LogBuffer, kLogBufferBytes);
+  ZeroMem(gLog.buffer, kLogBufferBytes);
   va_list args;
   va_start(args, format);
-  UINTN length = FormatTextV(LogBuffer, kLogBufferCharacters, format, args);
+  UINTN length = FormatTextV(gLog.buffer, kLogBufferCharacters, format, args);
   va_end(args);
 
   if (!IsLogEnabled() || !LevelPasses(level) || length == 0) {
     return;
   }
-  UINT32 size = NarrowInPlace(LogBuffer, length);
-  logWriting = true;
+  UINT32 size = NarrowInPlace(gLog.buffer, length);
+  gLog.writing = true;
   // A failed append only loses this line.
-  AppendBufferToFile(kLogFileName, LogBuffer, size);
-  logWriting = false;
+  AppendBufferToFile(kLogFileName, gLog.buffer, size);
+  gLog.writing = false;
 }
 
 CHAR16* TimeStamp(Bool date, Bool time) {
@@ -169,8 +172,18 @@ VOID ScanDebugOption() {
   }
   for (UINT32 i = 1; i < count; i++) {
     if (StrEqualNoCase16(arguments[i], kDebugOptionDash) || StrEqualNoCase16(arguments[i], kDebugOptionSlash)) {
-      DebugEnabled = true;
-      DebugLevel = kDebugOptionLevel;
+      gLog.debugEnabled = true;
+      gLog.debugLevel = kDebugOptionLevel;
     }
   }
+}
+
+VOID ResetLogState() {
+  gLog = {};
+}
+
+VOID ResetOutputState() {
+  ResetConsoleState();
+  ResetLogState();
+  ResetProgressState();
 }

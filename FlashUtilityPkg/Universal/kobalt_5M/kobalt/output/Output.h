@@ -36,6 +36,32 @@ constexpr UINT8 kLogDetail = 4;
 VOID LogPrint(UINT8 level, const CHAR16* format, ...);
 VOID TraceEnter(const CHAR16* name);
 VOID TraceLeave(const CHAR16* name, const CHAR16* reason);
+
+// A function's trace from its first line to every return: "===> Name [time]" when it is made,
+// "<=== Name" when it goes out of scope, or "<=== Name (reason)" once a reason is set. The close
+// sits in one place, so no return can forget it and no helper needs to close its caller's trace.
+// Stack-only: no copies, no heap.
+class TraceScope {
+ public:
+  explicit TraceScope(const CHAR16* name) : name_(name), reason_(nullptr) { TraceEnter(name); }
+  ~TraceScope() { TraceLeave(name_, reason_); }
+  TraceScope(const TraceScope&) = delete;
+  TraceScope& operator=(const TraceScope&) = delete;
+  static void* operator new(decltype(sizeof(0))) = delete;
+
+  // For `return trace.Fail(reason);`: the close names the reason and the function answers false.
+  Bool Fail(const CHAR16* reason) {
+    reason_ = reason;
+    return false;
+  }
+  // The close names a reason whatever the function answers; null takes it back.
+  VOID SetReason(const CHAR16* reason) { reason_ = reason; }
+  const CHAR16* Name() const { return name_; }
+
+ private:
+  const CHAR16* name_;
+  const CHAR16* reason_;
+};
 VOID HexDump(const VOID* data, UINT32 length);
 // Dumps data between two label lines, as every "===== ... =====" dump of the trace does. The
 // label is a whole line with its CR LF; it is written as it is, at level 4 like the dump.
@@ -49,3 +75,12 @@ CHAR16* TimeStamp(Bool date, Bool time);
 VOID StartProgressTimer();
 VOID ShowProgress(UINT8 percent);
 VOID AddBlockMark(UINT32 address, UINT16 mark);
+
+// State. Each file of the folder keeps its state in one record; ResetOutputState() puts them
+// all back as a fresh load leaves them. Host builds and tests only: the firmware loads the
+// driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
+// takes them back.
+VOID ResetOutputState();
+VOID ResetConsoleState();
+VOID ResetLogState();
+VOID ResetProgressState();

@@ -41,23 +41,24 @@ constexpr UINT8 kExternalTypes[] = {0x00, 0x01, 0x02, 0x03, 0x04, 0x20};
 // A private region carries no type of its own; its blocks show this character.
 constexpr CHAR16 kPrivateRegionDigit = u'#';
 
-struct ProgressState {
-  UINT8 lastPercent;
-  UINT32 ticksPerMillisecond;
-  UINT64 startCount;
-  UINT32 elapsed;
-};
-
 struct BlockMapEntry {
   UINT32 address;
   UINT16 mark;
 };
 
-constinit ProgressState progress = {kNoPercentYet, 0, 0, 0};
-constinit BlockMapEntry* blockMap = nullptr;
-constinit UINT32 blockMapCapacity = 0;
-constinit UINT32 blockMapCount = 0;
-constinit Bool blockMapTried = false;
+struct ProgressState {
+  UINT8 lastPercent;
+  UINT32 ticksPerMillisecond;
+  UINT64 startCount;
+  UINT32 elapsed;
+  BlockMapEntry* blockMap;
+  UINT32 blockMapCapacity;
+  UINT32 blockMapCount;
+  Bool blockMapTried;
+};
+constexpr ProgressState kProgressStart = {kNoPercentYet, 0, 0, 0, nullptr, 0, 0, false};
+
+constinit ProgressState progress = kProgressStart;
 
 // 64-bit division without the compiler's runtime helpers, which a freestanding IA32 image lacks.
 UINT64 DivideU64(UINT64 dividend, UINT64 divisor) {
@@ -205,14 +206,14 @@ VOID WriteMapGroup() {
   if (text == nullptr) {
     return;
   }
-  const BlockMapEntry* group = blockMap + (blockMapCount - kMapGroup);
+  const BlockMapEntry* group = progress.blockMap + (progress.blockMapCount - kMapGroup);
   for (UINT32 line = 0; line < kLines; line++) {
     UINTN used = StrLen16(text);
     WriteMapLine(text + used, (UINT32)(kCapacity - used), group + line * kMapLineBlocks);
   }
   LogPrint(kLogDetail, kText, text);
   FreePoolAndNull(text);
-  if (blockMapCount % kMapEmptyLineEvery == 0) {
+  if (progress.blockMapCount % kMapEmptyLineEvery == 0) {
     LogPrint(kLogDetail, kEmptyLine);
   }
 }
@@ -276,20 +277,24 @@ VOID AddBlockMark(UINT32 address, UINT16 mark) {
   if (!IsLogEnabled()) {
     return;
   }
-  if (!blockMapTried) {
+  if (!progress.blockMapTried) {
     // One array for the run, filled once; if it cannot be had the marks are dropped.
-    blockMapTried = true;
-    blockMapCapacity = GetBlockCount() + 1;
-    blockMap = static_cast<BlockMapEntry*>(AllocateZeroPool(blockMapCapacity * sizeof(BlockMapEntry)));
+    progress.blockMapTried = true;
+    progress.blockMapCapacity = GetBlockCount() + 1;
+    progress.blockMap = static_cast<BlockMapEntry*>(AllocateZeroPool(progress.blockMapCapacity * sizeof(BlockMapEntry)));
     LogPrint(kLogDetail, kLegend);
   }
-  if (blockMap == nullptr || blockMapCount >= blockMapCapacity) {
+  if (progress.blockMap == nullptr || progress.blockMapCount >= progress.blockMapCapacity) {
     return;
   }
-  blockMap[blockMapCount].address = address;
-  blockMap[blockMapCount].mark = mark;
-  blockMapCount++;
-  if (blockMapCount % kMapGroup == 0) {
+  progress.blockMap[progress.blockMapCount].address = address;
+  progress.blockMap[progress.blockMapCount].mark = mark;
+  progress.blockMapCount++;
+  if (progress.blockMapCount % kMapGroup == 0) {
     WriteMapGroup();
   }
+}
+
+VOID ResetProgressState() {
+  progress = kProgressStart;
 }

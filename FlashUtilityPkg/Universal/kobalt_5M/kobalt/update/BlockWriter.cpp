@@ -58,23 +58,26 @@ constexpr CHAR16 kReasonModuleCheck[] = u"Skip model check verify failed";
 constexpr CHAR16 kReasonBlockTable[] = u"Copy block table failed";
 constexpr CHAR16 kReasonVerify[] = u"Verify failed";
 
-constinit UINT8* updateBuffer = nullptr;
-constinit UINT32 updateBufferBytes = 0;
+struct BlockWriterState {
+  UINT8* updateBuffer;
+  UINT32 updateBufferBytes;
+};
+constinit BlockWriterState gWriter = {};
 
 // One allocation for the run, whichever entry comes first; a later entry reuses it if it fits.
 Bool TakeUpdateBuffer(UINT32 romSize) {
   UINT32 wanted = romSize + kUpdateBufferSlack;
-  if (updateBuffer != nullptr && updateBufferBytes >= wanted) {
-    ZeroMem(updateBuffer, updateBufferBytes);
+  if (gWriter.updateBuffer != nullptr && gWriter.updateBufferBytes >= wanted) {
+    ZeroMem(gWriter.updateBuffer, gWriter.updateBufferBytes);
     return true;
   }
-  FreePoolAndNull(updateBuffer);
-  updateBufferBytes = 0;
-  updateBuffer = static_cast<UINT8*>(AllocateZeroPool(wanted));
-  if (updateBuffer == nullptr) {
+  FreePoolAndNull(gWriter.updateBuffer);
+  gWriter.updateBufferBytes = 0;
+  gWriter.updateBuffer = static_cast<UINT8*>(AllocateZeroPool(wanted));
+  if (gWriter.updateBuffer == nullptr) {
     return false;
   }
-  updateBufferBytes = wanted;
+  gWriter.updateBufferBytes = wanted;
   return true;
 }
 
@@ -189,7 +192,7 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
     return false;
   }
   // Without the tool's own platform name check the firmware sees the whole ROM image first.
-  if (!PlatformNameCheckNeeded() && !FuncOblis_1Bh(updateBuffer, romSize)) {
+  if (!PlatformNameCheckNeeded() && !FuncOblis_1Bh(gWriter.updateBuffer, romSize)) {
     TraceLeave(kFuncUpdateVia15h, kReasonModuleCheck);
     return false;
   }
@@ -198,7 +201,7 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
     TraceLeave(kFuncUpdateVia15h, kReasonOemMe);
     return false;
   }
-  Bool written = WriteBlocks({updateBuffer, updateBufferBytes});
+  Bool written = WriteBlocks({gWriter.updateBuffer, gWriter.updateBufferBytes});
   SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
   if (!written) {
     TraceLeave(kFuncUpdateVia15h, kReasonWrite);
@@ -226,7 +229,7 @@ Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
   if (!LayOutImage(image, size, romSize, kEfiUpdateVia15h, true)) {
     return false;
   }
-  Bool written = WriteBlocks({updateBuffer, updateBufferBytes});
+  Bool written = WriteBlocks({gWriter.updateBuffer, gWriter.updateBufferBytes});
   SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
   gBS->Stall(kLauncherResultStall);
   if (!written) {
@@ -240,7 +243,7 @@ Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
 
 Bool UpdateEntireLegacy(const UINT8* image, UINT32 size) {
   UINT32 romSize = GetRomSize();
-  if (image == nullptr || updateBuffer == nullptr || size < romSize) {
+  if (image == nullptr || gWriter.updateBuffer == nullptr || size < romSize) {
     return false;
   }
   // What stands in front of the last ROM-size bytes is an EC image.
@@ -252,7 +255,7 @@ Bool UpdateEntireLegacy(const UINT8* image, UINT32 size) {
   if (ecSize != 0) {
     KeepEcImage(image, ecSize);
   }
-  CopyMem(updateBuffer, image + ecSize, romSize);
+  CopyMem(gWriter.updateBuffer, image + ecSize, romSize);
   if (GetRegionFlags() != 0) {
     SetRsvd_17h();
   }
@@ -262,7 +265,7 @@ Bool UpdateEntireLegacy(const UINT8* image, UINT32 size) {
 
 Bool UpdateRegionLegacy(const UINT8* image, UINT32 size) {
   UINT32 romSize = GetRomSize();
-  if (image == nullptr || updateBuffer == nullptr) {
+  if (image == nullptr || gWriter.updateBuffer == nullptr) {
     return false;
   }
   if (GetRegionFlags() == 0) {
@@ -287,7 +290,7 @@ Bool UpdateRegionLegacy(const UINT8* image, UINT32 size) {
     return false;
   }
   if (ecSize == 0) {
-    PlaceRegionImage(updateBuffer, image, size);
+    PlaceRegionImage(gWriter.updateBuffer, image, size);
   } else {
     UINT32 biosBytes = size - ecSize;
     // The BIOS part must land inside the ROM; a map that says otherwise writes nothing.
@@ -296,7 +299,7 @@ Bool UpdateRegionLegacy(const UINT8* image, UINT32 size) {
       return false;
     }
     KeepEcImage(image, ecSize);
-    CopyMem(updateBuffer + biosOffset, image + ecSize, biosBytes);
+    CopyMem(gWriter.updateBuffer + biosOffset, image + ecSize, biosBytes);
   }
   SetRsvd_17h();
   SetRsvd_13h();
@@ -441,4 +444,16 @@ Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data) {
   Bool equal = CompareMem(current, data, size) == 0;
   FreePoolAndNull(current);
   return equal;
+}
+
+VOID ResetBlockWriterState() {
+  gWriter = {};
+}
+
+VOID ResetUpdateState() {
+  ResetBlockWriterState();
+  ResetCapsuleState();
+  ResetEcPrefixState();
+  ResetOemMeState();
+  ResetRegionState();
 }

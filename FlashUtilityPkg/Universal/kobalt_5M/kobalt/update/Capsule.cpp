@@ -405,3 +405,7 @@ Bool CapsuleFlash(const UINT8* image, UINT32 size) {
 }
 
 }  // namespace
+
+VOID ResetCapsuleState() {
+  capsule = {false, false, false, false, kActionDoNothing, false, nullptr, {}};
+}

@@ -20,7 +20,10 @@ constexpr CHAR16 kErrorSizeWithEc[] = u"ERROR!\r\nsize not match\r\n-----+------
 constexpr CHAR16 kErrorEcCheckNotBuilt[] =
     u"ERROR!\r\nThe file carries an EC image (%dK), and this build cannot check or write an EC.\r\nNothing was written.\r\n";
 
-constinit UINT32 keptEcSize = 0;
+struct EcPrefixState {
+  UINT32 keptEcSize;
+};
+constinit EcPrefixState gEcPrefix = {};
 
 }  // namespace
 
@@ -51,7 +54,7 @@ Bool FuncChk_SizeEC(UINT32 ecSize) {
 VOID KeepEcImage(const UINT8* data, UINT32 size) {
   UINT8* ecBuffer = GetEcBuffer();
   if (data == nullptr || ecBuffer == nullptr) {
-    keptEcSize = 0;
+    gEcPrefix.keptEcSize = 0;
     return;
   }
   if (size > kEcBufferBytes) {
@@ -59,7 +62,11 @@ VOID KeepEcImage(const UINT8* data, UINT32 size) {
   }
   ZeroMem(ecBuffer, kEcBufferBytes);
   CopyMem(ecBuffer, data, size);
-  keptEcSize = size;
+  gEcPrefix.keptEcSize = size;
 }
 
-UINT32 KeptEcSize() { return keptEcSize; }
+UINT32 KeptEcSize() { return gEcPrefix.keptEcSize; }
+
+VOID ResetEcPrefixState() {
+  gEcPrefix = {};
+}

@@ -27,8 +27,11 @@ constexpr CHAR16 kTraceScriptFailed[] = u" make script %s failed.\r\n";
 constexpr CHAR16 kWarningErrorLog[] = u"\r\n ===== Warning (%s) ========\r\n  %a\r\n ==========\r\n";
 constexpr CHAR16 kDone[] = u"\r\n\r\n";
 
-constinit CHAR16 scriptWide[kScriptCharacters] = {};
-constinit CHAR8 scriptText[kScriptCharacters] = {};
+struct OemMeState {
+  CHAR16 wide[kScriptCharacters];
+  CHAR8 text[kScriptCharacters];
+};
+constinit OemMeState gScript = {};
 
 }  // namespace
 
@@ -47,11 +50,11 @@ Bool UpdateOemME() {
     TraceLeave(kUpdateOemMe, kReasonToolMissing);
     return false;
   }
-  FormatText(scriptWide, kScriptCharacters, kScriptFormat, kMeTool, settings->updateOemMe.meFileName,
+  FormatText(gScript.wide, kScriptCharacters, kScriptFormat, kMeTool, settings->updateOemMe.meFileName,
              settings->updateOemMe.command);
-  UnicodeToAscii(scriptText, kScriptCharacters, scriptWide);
-  LogPrint(kLogDetail, kTraceScript, scriptText);
-  if (!SaveBufferToFile(kMeScript, scriptText, (UINT32)StrLen8(scriptText))) {
+  UnicodeToAscii(gScript.text, kScriptCharacters, gScript.wide);
+  LogPrint(kLogDetail, kTraceScript, gScript.text);
+  if (!SaveBufferToFile(kMeScript, gScript.text, (UINT32)StrLen8(gScript.text))) {
     LogPrint(kLogDetail, kTraceScriptFailed, kMeScript);
     TraceLeave(kUpdateOemMe, kReasonScriptFailed);
     return false;
@@ -76,4 +79,8 @@ Bool UpdateOemME() {
   Print(kDone);
   TraceLeave(kUpdateOemMe, nullptr);
   return true;
+}
+
+VOID ResetOemMeState() {
+  gScript = {};
 }

@@ -347,3 +347,7 @@ VOID SetMeLocked() {
 VOID SetSkipMeRegion() { gRegion.skipMeRegion = true; }
 
 Bool IsSkipMeRegion() { return gRegion.skipMeRegion; }
+
+VOID ResetRegionState() {
+  gRegion = {};
+}

@@ -72,3 +72,14 @@ Bool CopyCapsuleToEsp(const UINT8* image, UINT32 size);
 
 // ---- OEM ME update by the outside tool ----
 Bool UpdateOemME();
+
+// State. Each file of the folder keeps its state in one record; ResetUpdateState() puts them
+// all back as a fresh load leaves them. Host builds and tests only: the firmware loads the
+// driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
+// takes them back.
+VOID ResetUpdateState();
+VOID ResetBlockWriterState();
+VOID ResetCapsuleState();
+VOID ResetEcPrefixState();
+VOID ResetOemMeState();
+VOID ResetRegionState();
