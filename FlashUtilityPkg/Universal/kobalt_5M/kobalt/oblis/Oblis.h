@@ -117,7 +117,10 @@ Bool DisableComparison();
 Bool EFIAPI SMI_ApHookPoint(UINT32 point);
 // A SetStatus_16h argument of this value leaves that part of the finish state as it is.
 constexpr UINT8 kFinishLeaveAsIs = 0xEF;
-VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete);
+// Gives the firmware's last word on the finish action, over settings and options; the pre-flash
+// checks hold it, so the caller passes it in.
+typedef VOID (*FinishActionLastWord)(UINT8* action);
+VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete, FinishActionLastWord lastWord);
 Bool EFIAPI FuncOblis_16h();
 Bool FuncSpecific_16h(UINT8 action, UINT8 complete);
 UINT8 IndexToAction_16h(UINT8 index);
@@ -173,6 +176,12 @@ FlashBlock* CopyBlockTable();
 // Reads size bytes (at most the 0x20000 of the shared buffer) at a flash address into data (which
 // must hold them, or be null); status 0x2A (locked ME) counts as success and is handed back.
 Bool Oblis_14h(UINT32 address, UINT32 size, ImageView data, UINT8* status);
+// Reads size bytes of flash in pieces of the shared buffer into data, which must hold them; a
+// null data only reads, for the effect on the ME lock. A read that meets the locked ME region
+// (0x2A) counts as read and sets the run's locked-ME fact.
+Bool SMI_ReadRom(UINT32 address, UINT32 size, ImageView data);
+Bool IsMeLocked();
+VOID SetMeLocked();
 // Writes one block; status 0x29 (the firmware skipped the block) counts as success.
 Bool Oblis_15h(const UINT8* data, UINT32 size, UINT32 address, UINT8* status);
 // imageHead (null for none) and answer hold kExternalMapBytes each.
@@ -180,7 +189,10 @@ Bool Oblis_17h(const UINT8* imageHead, ImageView answer);
 Bool SMI_OemOdmCustom2(UINT8 action, UINT8 status);
 
 // ---- block marking ----
-VOID SetRsvd_13h();
+// Whether the platform has Secure Boot (then the NV storage stays closed unless -unvs opens it);
+// asked inside the marking step, so the caller passes the question in.
+typedef Bool (*SecureBootQuery)();
+VOID SetRsvd_13h(SecureBootQuery secureBootSupport);
 VOID MarkBlocks(UINT32 start, UINT32 end, UINT8 flag);
 VOID MarkRegionType(UINT8 type, UINT8 flag);
 UINT8 BlockFlagAt(UINT32 address);
@@ -213,5 +225,6 @@ VOID ResetBlockTableState();
 VOID ResetBvdtMapState();
 VOID ResetChannelState();
 VOID ResetFinishState();
+VOID ResetFlashReadState();
 VOID ResetMapsState();
 VOID ResetPlatformStatusState();

@@ -31,19 +31,17 @@ OblisRetrySpec MakeSpec(const CHAR16* name, UINT8 function, Bool report) {
   return spec;
 }
 
-// Gets and zeroes the first shared buffer; closes the trace with reason on failure.
-Bool TakeBuffer(const CHAR16* name, const CHAR16* reason, UINT8** buffer) {
+// Gets and zeroes the first shared buffer; the wrapper closes its trace when there is none.
+Bool TakeBuffer(UINT8** buffer) {
   if (!GetOblisBuffer(kOblisBufferSize, buffer)) {
-    TraceLeave(name, reason);
     return false;
   }
   ZeroMem(*buffer, kOblisBufferSize);
   return true;
 }
 
-Bool TakeBothBuffers(const CHAR16* name, UINT8** buffer, UINT8** buffer2) {
+Bool TakeBothBuffers(UINT8** buffer, UINT8** buffer2) {
   if (!GetOblisBuffer(kOblisBufferSize, buffer) || !GetOblisBuffer2(kOblisBufferSize, buffer2)) {
-    TraceLeave(name, kReasonAllocateOblis);
     return false;
   }
   ZeroMem(*buffer, kOblisBufferSize);
@@ -87,7 +85,8 @@ Bool Oblis_10h(ImageView out) {
   const CHAR16* name = u"Oblis_10h";
   TraceEnter(name);
   UINT8* buffer = nullptr;
-  if (!TakeBuffer(name, kReasonAllocate10h, &buffer)) {
+  if (!TakeBuffer(&buffer)) {
+    TraceLeave(name, kReasonAllocate10h);
     return false;
   }
   StageToolInformation(buffer);
@@ -127,7 +126,8 @@ Bool Oblis_11h(ImageView out, UINT8* ah, UINT32* ecx) {
     return false;
   }
   UINT8* buffer = nullptr;
-  if (!TakeBuffer(name, kReasonAllocateOblis, &buffer)) {
+  if (!TakeBuffer(&buffer)) {
+    TraceLeave(name, kReasonAllocateOblis);
     return false;
   }
   BufferCall call = {PhysicalAddressOf(buffer), 0, 0, 0};
@@ -163,7 +163,8 @@ Bool Oblis_12h(ImageView protection, ImageView privateMap) {
   }
   UINT8* buffer = nullptr;
   UINT8* buffer2 = nullptr;
-  if (!TakeBothBuffers(name, &buffer, &buffer2)) {
+  if (!TakeBothBuffers(&buffer, &buffer2)) {
+    TraceLeave(name, kReasonAllocateOblis);
     return false;
   }
   BufferCall call = {PhysicalAddressOf(buffer), PhysicalAddressOf(buffer2), 0, 0};
@@ -200,7 +201,8 @@ Bool Oblis_13h(ImageView part, ImageView blockMap) {
   }
   UINT8* buffer = nullptr;
   UINT8* buffer2 = nullptr;
-  if (!TakeBothBuffers(name, &buffer, &buffer2)) {
+  if (!TakeBothBuffers(&buffer, &buffer2)) {
+    TraceLeave(name, kReasonAllocateOblis);
     return false;
   }
   BufferCall call = {PhysicalAddressOf(buffer), PhysicalAddressOf(buffer2), 0, 0};
@@ -230,7 +232,8 @@ Bool Oblis_16h(UINT8 clearCmos, UINT8 action, UINT8 complete) {
   LogPrint(kLogDetail, kTrace16hHead, clearCmos, action, FinishActionName(action), complete,
            FinishCompleteName(complete));
   UINT8* buffer = nullptr;
-  if (!TakeBuffer(name, kReasonAllocateOblis, &buffer)) {
+  if (!TakeBuffer(&buffer)) {
+    TraceLeave(name, kReasonAllocateOblis);
     return false;
   }
   OblisFinishRecord record;
@@ -285,7 +288,8 @@ Bool Oblis_1Eh(ImageView out) {
     return false;
   }
   UINT8* buffer = nullptr;
-  if (!TakeBuffer(name, kReasonAllocateOblis, &buffer)) {
+  if (!TakeBuffer(&buffer)) {
+    TraceLeave(name, kReasonAllocateOblis);
     return false;
   }
   BufferCall call = {PhysicalAddressOf(buffer), 0, 0, 0};

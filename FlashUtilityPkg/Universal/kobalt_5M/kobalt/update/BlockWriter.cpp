@@ -149,7 +149,7 @@ VOID ProbeMeLock(UINT32 size) {
   }
   UINT32 address = GetRomBase() + offset;
   LogPrint(kLogDetail, kTraceMeProbe, address);
-  SMI_ReadRom(address, GetBlockSize(), nullptr);
+  SMI_ReadRom(address, GetBlockSize(), {});
   if (IsMeLocked()) {
     SetSkipMeRegion();
     Print(kWarningMeLocked);
@@ -157,24 +157,20 @@ VOID ProbeMeLock(UINT32 size) {
   }
 }
 
-// Steps 4 and 5 shared by both entries: the region maps when a part of the ROM is chosen, then
-// the image laid into the update buffer.
-Bool LayOutImage(const UINT8* image, UINT32 size, UINT32 romSize, const CHAR16* name, Bool launcher) {
+// What both entries share before the write: the region maps when a part of the ROM is chosen,
+// then the image laid into the update buffer. Gives the reason of a failure (null on success);
+// the entry closes its own trace with it.
+const CHAR16* LayOutImage(const UINT8* image, UINT32 size, UINT32 romSize, Bool launcher) {
   if (GetRegionFlags() != 0 || size < romSize) {
     if (!GetExternalMaps(image, size)) {
-      TraceLeave(name, kReasonExternalMaps);
-      return false;
+      return kReasonExternalMaps;
     }
   }
   if (launcher) {
     ProbeMeLock(size);
   }
   Bool laidOut = size < romSize ? UpdateRegionLegacy(image, size) : UpdateEntireLegacy(image, size);
-  if (!laidOut) {
-    TraceLeave(name, kReasonLayout);
-    return false;
-  }
-  return true;
+  return laidOut ? nullptr : kReasonLayout;
 }
 
 }  // namespace
@@ -188,7 +184,8 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
     return false;
   }
   LogPrint(kLogSettings, kTraceImageSize, size);
-  if (!LayOutImage(image, size, romSize, kFuncUpdateVia15h, false)) {
+  if (const CHAR16* reason = LayOutImage(image, size, romSize, false)) {
+    TraceLeave(kFuncUpdateVia15h, reason);
     return false;
   }
   // Without the tool's own platform name check the firmware sees the whole ROM image first.
@@ -207,7 +204,7 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
     TraceLeave(kFuncUpdateVia15h, kReasonWrite);
     return false;
   }
-  SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishCompleteSuccess);
+  SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishCompleteSuccess, CommonFlashFinishAction);
   TraceLeave(kFuncUpdateVia15h, nullptr);
   return true;
 }
@@ -226,7 +223,8 @@ Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
     return false;
   }
   LogPrint(kLogSettings, kTraceEfiUpdate, size);
-  if (!LayOutImage(image, size, romSize, kEfiUpdateVia15h, true)) {
+  if (const CHAR16* reason = LayOutImage(image, size, romSize, true)) {
+    TraceLeave(kEfiUpdateVia15h, reason);
     return false;
   }
   Bool written = WriteBlocks({gWriter.updateBuffer, gWriter.updateBufferBytes});
@@ -236,7 +234,7 @@ Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
     TraceLeave(kEfiUpdateVia15h, kReasonWrite);
     return false;
   }
-  SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishCompleteSuccess);
+  SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishCompleteSuccess, CommonFlashFinishAction);
   TraceLeave(kEfiUpdateVia15h, nullptr);
   return true;
 }
@@ -259,7 +257,7 @@ Bool UpdateEntireLegacy(const UINT8* image, UINT32 size) {
   if (GetRegionFlags() != 0) {
     SetRsvd_17h();
   }
-  SetRsvd_13h();
+  SetRsvd_13h(IsSecureBootSupport);
   return true;
 }
 
@@ -302,7 +300,7 @@ Bool UpdateRegionLegacy(const UINT8* image, UINT32 size) {
     CopyMem(gWriter.updateBuffer + biosOffset, image + ecSize, biosBytes);
   }
   SetRsvd_17h();
-  SetRsvd_13h();
+  SetRsvd_13h(IsSecureBootSupport);
   return true;
 }
 
@@ -436,7 +434,7 @@ Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data) {
     return false;
   }
   // A read into the locked ME region counts as read: the buffer then decides.
-  if (!SMI_ReadRom(address, size, current)) {
+  if (!SMI_ReadRom(address, size, {current, size})) {
     FreePoolAndNull(current);
     LogPrint(kLogDetail, kTraceCompareFail);
     return false;

@@ -7,8 +7,6 @@
 #include "OblisWire.h"
 
 // ---- ROM read and queries ----
-// data may be null: the read then only has its effect on the ME lock.
-Bool SMI_ReadRom(UINT32 address, UINT32 size, UINT8* data);
 Bool ReadWholeRom(UINT8** data, UINT32* size);
 Bool SaveRomToFile(const CHAR16* name);
 VOID RunQueryCommand(const CHAR16* imageName);
@@ -31,8 +29,6 @@ Bool FindCurrentRegion(UINT8 type, UINT32* offset, UINT32* size, UINT8* access);
 Bool CheckRegionSize(UINT32 size);
 VOID PlaceRegionImage(UINT8* buffer, const UINT8* image, UINT32 size);
 VOID SetRsvd_17h();
-Bool IsMeLocked();
-VOID SetMeLocked();
 VOID SetSkipMeRegion();
 Bool IsSkipMeRegion();
 
