@@ -158,54 +158,6 @@ TEST(BlockWriter, WriteBlocksHoldsBackTheBvdtBlocksForLast) {
   }
 }
 
-TEST(BlockWriter, AllProtectedTableWritesNothingAndShows100) {
-  int code = RunIsolated([] {
-              FlashBed bed;
-              bed.fw.AnswerWholeMap({{0x0A, kBase + kBlock, kBlock}});
-              SMI_GetWholeRomMap(nullptr, nullptr);
-              MarkBlocks(kBase, kBase + kRomSize - 1, 1);
-              std::vector<uint8_t> image(kRomSize + 0x1000, 0x22);
-              EXPECT_TRUE(WriteBlocks({image.data(), (UINT32)image.size()})) << bed.fw.Log();
-              EXPECT_TRUE(bed.writes.empty());
-              EXPECT_NE(bed.fw.Console().find("100%"), std::string::npos);
-            });
-  EXPECT_EQ(code, 0);
-}
-
-TEST(BlockWriter, StopsAtTheFirstFailingBlockAndLeavesTheBvdtBlock) {
-  int code = RunIsolated([] {
-              FlashBed bed;
-              bed.fw.AnswerWholeMap({{0x0A, kBase + 12 * kBlock, kBlock}});
-              std::memcpy(bed.rom.data() + 12 * kBlock, "$BVDT$", 6);
-              SMI_GetWholeRomMap(nullptr, nullptr);
-              bed.corruptWrites = 100;  // every verify of block 0 fails
-              std::vector<uint8_t> image(kRomSize + 0x1000, 0x33);
-              EXPECT_FALSE(WriteBlocks({image.data(), (UINT32)image.size()}));
-              EXPECT_EQ(bed.writes, std::vector<uint32_t>(3, kBase)) << "three attempts at block 0, nothing behind";
-              EXPECT_EQ(bed.rom[12 * kBlock], '$') << "the BVDT block keeps the old identity";
-            });
-  EXPECT_EQ(code, 0);
-}
-
-TEST(BlockWriter, SingleBlockFlashShowsZeroThenHundred) {
-  int code = RunIsolated([] {
-              FakeFirmware fw;
-              ASSERT_TRUE(InitialSmi());
-              fw.AnswerFlashPart(0, {{0x100, 1}});  // one block of 64 KB
-              ASSERT_TRUE(FuncOblis_13h());
-              fw.AnswerWholeMap({});
-              SMI_GetWholeRomMap(nullptr, nullptr);
-              fw.handlers[0x14] = [](OblisRegisters& r) { std::memset(At(r.esi), 0x44, r.ecx); };
-              std::vector<uint8_t> image(0x11000, 0x44);
-              EXPECT_TRUE(WriteBlocks({image.data(), (UINT32)image.size()}));
-              std::string console = fw.Console();
-              size_t zero = console.find("  0%");
-              EXPECT_NE(zero, std::string::npos);
-              EXPECT_NE(console.find("100%", zero), std::string::npos);
-            });
-  EXPECT_EQ(code, 0);
-}
-
 struct EcRow {
   const char* what;
   uint32_t ecSize;
@@ -213,56 +165,5 @@ struct EcRow {
   bool ok;
   const char* message;  // on the console; empty: nothing
 };
-
-TEST(BlockWriter, EcSizeCheckRefusesAnUnexplainedEcPart) {
-  const EcRow rows[] = {
-      {"no EC, no option", 0, false, false, false, true, ""},
-      {"1 KB EC without an option", 0x400, false, false, false, false,
-       "ERROR!\r\nsize not match\r\n-----+---------\r\n  ROM  0x10000\r\n File  with EC (1K)\r\n"},
-      {"no EC with -ecb", 0, true, false, false, false,
-       "ERROR!\r\nsize not match\r\n-----+---------\r\n  ROM  0x10000\r\n File  with EC (0K)\r\n"},
-      {"no EC with -eob", 0, false, false, true, false, "File  with EC (0K)"},
-      {"EC above 2 MB", 0x200001, true, false, false, false, ""},
-      // The firmware's word on the EC part is not asked by this build: refused, nothing written.
-      {"1 KB EC with -ecbp", 0x400, false, true, false, false, "cannot check or write an EC"},
-  };
-  for (const EcRow& row : rows) {
-    int code = RunIsolated([&] {
-                FlashBed bed;
-                FakeFirmware::MutableFlags().ecb = row.ecb;
-                FakeFirmware::MutableFlags().ecbp = row.ecbp;
-                FakeFirmware::MutableFlags().eob = row.eob;
-                EXPECT_EQ(FuncChk_SizeEC(row.ecSize), row.ok) << row.what;
-                std::string console = bed.fw.Console();
-                if (*row.message == 0) EXPECT_EQ(console, "") << row.what;
-                else EXPECT_NE(console.find(row.message), std::string::npos) << row.what << console;
-                EXPECT_TRUE(bed.writes.empty());
-              });
-    EXPECT_EQ(code, 0) << row.what;
-  }
-}
-
-// Before Initialize there is no EcBuffer: nothing is kept, and the size says so.
-TEST(BlockWriter, KeepEcImageWithoutEcBufferKeepsNothing) {
-  FlashBed bed;
-  std::vector<uint8_t> ec(0x400, 0xEC);
-  ASSERT_EQ(GetEcBuffer(), nullptr);
-  KeepEcImage(ec.data(), (UINT32)ec.size());
-  EXPECT_EQ(KeptEcSize(), 0u);
-}
-
-TEST(BlockWriter, ImageOneByteShortWithAllRegionsIsASizeMismatch) {
-  int code = RunIsolated([] {
-              FlashBed bed;
-              std::vector<uint8_t> image(kRomSize - 1, 0x55);
-              EXPECT_FALSE(FuncUpdate_via15h(image.data(), (UINT32)image.size()));
-              EXPECT_NE(bed.fw.Console().find("ERROR!\r\nSize not match!\r\n-----+---------\r\n  ROM  0x10000\r\n "
-                                              "File  0xFFFF\r\n"),
-                        std::string::npos)
-                  << bed.fw.Console();
-              EXPECT_TRUE(bed.writes.empty());
-            });
-  EXPECT_EQ(code, 0);
-}
 
 }  // namespace
