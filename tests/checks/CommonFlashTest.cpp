@@ -160,7 +160,7 @@ TEST(CommonFlash, AnswerDecidesGateAndFinalAction) {
                   ASSERT_GE(shown.size(), row.tail.size());
                   EXPECT_EQ(shown.substr(shown.size() - row.tail.size()), row.tail);
                 }
-                SetStatus_16h(0xEF, 0xEF, 1);
+                SetStatus_16h(0xEF, 0xEF, 1, CommonFlashFinishAction);
                 EXPECT_EQ(GetFinishAction(), row.finalAction);
                 bool traced = fw.Log().find("Common Flash |") != std::string::npos;
                 EXPECT_EQ(traced, row.permit == 1) << "the action is traced only on a permitted run";
@@ -194,7 +194,7 @@ TEST(CommonFlash, FirmwareWithoutTheFunctionLeavesTheGateOff) {
   EXPECT_EQ(fw.FramesOf(0x44).size(), 3u) << "every attempt of the retry loop";
   EXPECT_FALSE(IsCommonFlashActive());
   EXPECT_TRUE(CommonFlashGate());
-  SetStatus_16h(0xEF, 0xEF, 1);
+  SetStatus_16h(0xEF, 0xEF, 1, CommonFlashFinishAction);
   EXPECT_EQ(GetFinishAction(), 2);
   const std::string log = fw.Log();
   EXPECT_NE(log.find("Call OBLIS failed. Error Code: 0xEF, Retry Count: 03\r\n"), std::string::npos) << log;

@@ -1,14 +1,13 @@
-// The analysis of an image in memory: secure or legacy, driver signature, EC slot, and the INI
-// slot's settings; slots whose header or size would reach past the image are refused.
+// The analysis of an image in memory: secure or legacy, driver signature and EC slot; slots
+// whose header or size would reach past the image are refused.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
+#include "frame/Frame.h"
 #include "image/Image.h"
 #include "support/LogHarness.h"
-#include "support/Isolated.h"
 
 namespace {
 
@@ -83,136 +82,16 @@ TEST(ImageAnalysis, AnalyzeImageTellsKindSignatureAndEc) {
       {"empty image", {}, {false, 0, false, false, 0}},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(RunIsolated([&] {
-                log_test::LogVolume volume;
-                InitSlotTags();
-                EXPECT_EQ(AnalyzeImage(row.image.data(), static_cast<UINT32>(row.image.size())), row.expected.secure)
-                    << row.what;
-                UINT32 secureSize = 7, ecSize = 7;
-                EXPECT_EQ(IsSecureImage(&secureSize), row.expected.secure) << row.what;
-                EXPECT_EQ(secureSize, row.expected.secureSize) << row.what;
-                EXPECT_EQ(HasDrvSignature(), row.expected.drv) << row.what;
-                EXPECT_EQ(HasSecureEc(&ecSize), row.expected.ec) << row.what;
-                EXPECT_EQ(ecSize, row.expected.ecSize) << row.what;
-              }),
-              0)
-        << row.what;
-  }
-}
-
-TEST(ImageAnalysis, TraceShowsSignatureDumpAndKind) {
-  log_test::LogVolume volume;
-  volume.ScanArguments({u"zaprom", u"-dbg"});
-  Bytes secure = kRecord;
-  AppendSlot(secure, "$_KOBALT_EC_IMG_", 3072, std::string(3072, 'e'));
-  AppendSlot(secure, "$_KOBALT_BIOSIMG", 0x20, std::string(0x20, 'b'));
-  Append(secure, "I#EFI#DRV_1.2d");
-  ASSERT_TRUE(AnalyzeImage(secure.data(), static_cast<UINT32>(secure.size())));
-  std::string log = volume.Log();
-  size_t at = log.find("===== DRV Sign Info =====\r\n");
-  ASSERT_NE(at, std::string::npos);
-  at = log.find("I#EFI#DRV_", at);
-  ASSERT_NE(at, std::string::npos);
-  for (const char* line : {"===== DRV Sign Info =====\r\n", "EFI DRV Signature found!\r\n",
-                           "Secure FD with |EC| (3K)\r\n", "Secure |FD| 0x20\r\n"}) {
-    at = log.find(line, at);
-    EXPECT_NE(at, std::string::npos) << line;
-  }
-  // Analysing a legacy image afterwards adds nothing and clears nothing.
-  Bytes legacy(64, 0xFF);
-  EXPECT_FALSE(AnalyzeImage(legacy.data(), static_cast<UINT32>(legacy.size())));
-  EXPECT_TRUE(IsSecureImage(nullptr) && HasDrvSignature() && HasSecureEc(nullptr));
-  EXPECT_NE(volume.Log().find("Legacy |FD| 0x40\r\n"), std::string::npos);
-}
-
-TEST(ImageAnalysis, LoadImageConfigLoadsTheIniSlotOnly) {
-  struct Row {
-    const char* what;
-    Bytes image;
-    bool loaded;
-    INT32 action;
-  };
-  Bytes good = kRecord;
-  const std::string ini = "[FlashComplete]\r\nAction=1\r\n";
-  AppendSlot(good, "$_KOBALT_INI_IMG", static_cast<uint32_t>(ini.size()), ini);
-  Bytes pastEnd;
-  AppendSlot(pastEnd, "$_KOBALT_INI_IMG", 0x200, ini);
-  Bytes tagAtEnd(8, 0);
-  Append(tagAtEnd, "$_KOBALT_INI_IMG");
-  const std::vector<Row> rows = {
-      {"INI slot read", good, true, 1},
-      {"no INI slot", kRecord, false, 2},
-      {"size past the end", pastEnd, false, 2},
-      {"tag in the last 24 bytes", tagAtEnd, false, 2},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(RunIsolated([&] {
-                log_test::LogVolume volume;
-                volume.ScanArguments({u"zaprom", u"-dbg"});
-                InitialIniStructure();
-                EXPECT_EQ(LoadImageConfig(row.image.data(), static_cast<UINT32>(row.image.size())), row.loaded)
-                    << row.what;
-                EXPECT_EQ(Settings()->flashComplete.action, row.action) << row.what;
-                if (row.image == kRecord) {
-                  EXPECT_NE(volume.Log().find("_KOBALT_INI_IMG Signature Not Found\r\n"), std::string::npos);
-                }
-              }),
-              0)
-        << row.what;
-  }
-}
-
-}  // namespace
-
-namespace {
-
-TEST(ImageAnalysis, LocateSecureFdTakesOnlyASlotThatLiesWhollyInsideTheImage) {
-  struct Row {
-    const char* what;
-    Bytes image;
-    long payloadOffset;  // -1: the payload stays empty
-    uint32_t payloadLength;
-  };
-  Bytes good = kRecord;
-  Append(good, "x");  // odd offset
-  AppendSlot(good, "$_KOBALT_BIOSIMG", 0x40, std::string(0x40, 'b'));
-  Bytes pastEnd = kRecord;
-  AppendSlot(pastEnd, "$_KOBALT_BIOSIMG", 0x41, std::string(0x40, 'b'));
-  Bytes headerCut = kRecord;
-  Append(headerCut, "$_KOBALT_BIOSIMG");
-  Append(headerCut, "1234567");  // one byte short of the header
-  Bytes missing = kRecord;
-  const Row rows[] = {
-      {"whole slot", good, 21 + 24, 0x40},
-      {"size field one past the end", pastEnd, -1, 0},
-      {"header cut short", headerCut, -1, 0},
-      {"no slot", missing, -1, 0},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(RunIsolated([&] {
-                log_test::LogVolume volume;
-                volume.ScanArguments({u"zaprom", u"-dbg"});
-                InitSlotTags();
-                LocateSecureFd(row.image.data(), static_cast<UINT32>(row.image.size()));
-                ImageView payload = SecurePayload();
-                if (row.payloadOffset < 0) {
-                  EXPECT_EQ(payload.data, nullptr) << row.what;
-                  EXPECT_EQ(payload.length, 0u) << row.what;
-                  EXPECT_EQ(volume.Log().find("===== Secure FD Hdr ====="), std::string::npos) << row.what;
-                } else {
-                  EXPECT_EQ(payload.data, row.image.data() + row.payloadOffset) << row.what;
-                  EXPECT_EQ(payload.length, row.payloadLength) << row.what;
-                  // The 24 header bytes between two labels: the tag, capacity 0x40, size 0x40.
-                  std::string log = volume.Log();
-                  size_t at = log.find("===== Secure FD Hdr =====\r\n");
-                  ASSERT_NE(at, std::string::npos) << row.what;
-                  EXPECT_NE(log.find("24 5F 4B 4F 42 41 4C 54-5F 42 49 4F 53 49 4D 47", at), std::string::npos)
-                      << log;
-                  EXPECT_NE(log.find("0010:  40 00 00 00 40 00 00 00-", at), std::string::npos) << log;
-                }
-              }),
-              0)
-        << row.what;
+    ResetDriverState();
+    log_test::LogVolume volume;
+    InitSlotTags();
+    EXPECT_EQ(AnalyzeImage(row.image.data(), static_cast<UINT32>(row.image.size())), row.expected.secure) << row.what;
+    UINT32 secureSize = 7, ecSize = 7;
+    EXPECT_EQ(IsSecureImage(&secureSize), row.expected.secure) << row.what;
+    EXPECT_EQ(secureSize, row.expected.secureSize) << row.what;
+    EXPECT_EQ(HasDrvSignature(), row.expected.drv) << row.what;
+    EXPECT_EQ(HasSecureEc(&ecSize), row.expected.ec) << row.what;
+    EXPECT_EQ(ecSize, row.expected.ecSize) << row.what;
   }
 }
 

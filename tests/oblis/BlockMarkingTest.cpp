@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "FakeFirmware.h"
+#include "checks/Checks.h"
 #include "oblis/Oblis.h"
 #include "support/Isolated.h"
 
@@ -61,17 +62,6 @@ TEST(BlockMarking, MarkBlocksTestsFirstBytesOnly) {
   }
 }
 
-TEST(BlockMarking, FlagAtAnAddressIsItsBlocksFlag) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  BuildSixteenBlocks(fw);
-  MarkBlocks(BlockAt(2), BlockAt(2), 1);
-  const std::pair<uint32_t, uint8_t> rows[] = {
-      {BlockAt(2), 1}, {BlockAt(3) - 1, 1}, {BlockAt(3), 0}, {BlockAt(2) - 1, 0}, {0xFFFFFFFFu, 0}, {0x1000, 0},
-  };
-  for (auto [address, flag] : rows) EXPECT_EQ(BlockFlagAt(address), flag) << std::hex << address;
-}
-
 struct SetRsvdRow {
   const char* what;
   std::function<void()> options;
@@ -118,7 +108,7 @@ void RunSetRsvdRow(const SetRsvdRow& row) {
     ASSERT_TRUE(LoadBvdtMap(image.data(), (UINT32)image.size()));
   }
   row.options();
-  SetRsvd_13h();
+  SetRsvd_13h(IsSecureBootSupport);
   EXPECT_EQ(FlagString(), row.flags) << row.what;
   std::string log = fw.Log();
   for (const std::string& line : row.traces) EXPECT_NE(log.find(line), std::string::npos) << row.what << "\n" << log;
@@ -169,58 +159,6 @@ TEST(BlockMarking, SetRsvdMarksFromMapsOptionsAndSettings) {
   };
   for (const SetRsvdRow& row : rows) {
     EXPECT_EQ(0, RunIsolated([&] { RunSetRsvdRow(row); })) << row.what;
-  }
-}
-
-// A region with size 0 closes nothing; one that would run past 4 GB ends at 4 GB instead of
-// wrapping round and closing nothing.
-TEST(BlockMarking, SetRsvdBoundsDegenerateRegions) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  fw.AnswerPlatformMaps({{0xFE, 0, 0}, {0xFE, BlockAt(14), 0x100000}}, {{0x01, BlockAt(3), 0}});
-  ASSERT_TRUE(SMI_GetPlatformRomMap());
-  BuildSixteenBlocks(fw);
-  SetRsvd_13h();
-  EXPECT_EQ(FlagString(), "..............RR");
-  EXPECT_NE(fw.Log().find("Protect private region (FFFFE000 ~ FFFFFFFF)\r\n"), std::string::npos);
-}
-
-TEST(BlockMarking, BlockTableDisplayLines) {
-  struct Row {
-    const char* what;
-    uint32_t count;
-    uint32_t size;
-    std::vector<uint32_t> marked;
-    std::string text;
-  };
-  const Row rows[] = {
-      {"a group and a short group", 18, 0x10000, {1, 9, 17},
-       "[      0 ] FFE00000:  ( 64K )     .R...... - .R......\r\n"
-       "[     16 ] FFF00000:  ( 64K )     .R\r\n\r\n"},
-      {"exactly eight blocks", 8, 0x1000, {7}, "[      0 ] FFE00000:  (  4K )     .......R - \r\n\r\n"},
-      {"seventeen lines flush after the sixteenth and the last", 16 * 16 + 1, 0x1000, {256},
-       ""},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(0, RunIsolated([&] {
-                FakeFirmware fw;
-                std::vector<FlashBlock> table(row.count);
-                for (uint32_t i = 0; i < row.count; i++) table[i] = {0xFFE00000u + i * row.size, row.size, 0};
-                for (uint32_t i : row.marked) table[i].protectedFlag = 2;
-                size_t before = fw.Log().size();
-                ShowBlockTable(table.data(), row.count);
-                std::string text = fw.Log().substr(before);
-                if (!row.text.empty()) {
-                  EXPECT_EQ(text, row.text) << row.what;
-                } else {
-                  EXPECT_EQ(CountOf(text, "\r\n"), 17u + 2u) << row.what;
-                  const std::string sixteenth = "[    240 ] FFEF0000:  (  4K )     ........ - ........\r\n\r\n";
-                  size_t at = text.find(sixteenth);
-                  ASSERT_NE(at, std::string::npos) << text;
-                  EXPECT_EQ(text.substr(at + sixteenth.size()), "[    256 ] FFF00000:  (  4K )     R\r\n\r\n") << text;
-                }
-              }))
-        << row.what;
   }
 }
 

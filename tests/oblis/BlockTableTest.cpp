@@ -92,34 +92,4 @@ TEST(BlockTable, BlockMapCountsAndLimits) {
   for (const MapRow& row : rows) EXPECT_EQ(0, RunIsolated([&] { RunMapRow(row); })) << row.what;
 }
 
-TEST(BlockTable, PartInformationIsTraced) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  fw.handlers[0x13] = [](OblisRegisters& r) {
-    At(r.edi)[0] = 7;
-    PutU32(At(r.edi) + 64, 0xEF4018);
-    At(r.esi)[0] = 0x10;
-    At(r.esi)[3] = 0x08;  // 0x800 blocks
-  };
-  ASSERT_TRUE(FuncOblis_13h());
-  std::string log = fw.Log();
-  EXPECT_NE(log.find("===== 13h Info =====\r\n0000:  07 00"), std::string::npos) << log;
-  EXPECT_NE(log.find("Flash part information (13h)\r\n"
-                     "----------------+---------------\r\n"
-                     "     Size Index | 0x7\r\n"
-                     "         Vendor | (31-bytes)\r\n"
-                     "           Type | (32-bytes)\r\n"
-                     "      Device ID | 0xEF4018\r\n"
-                     " Size Specified | 0x0\r\n"
-                     "                |\r\n"
-                     "     Block size | 10\r\n"
-                     "    Block times | 800\r\n"
-                     "                |\r\n"
-                     "       Rom Size | 0x800000\r\n"
-                     "      Base Addr | 0xFF800000\r\n"
-                     "    Block Count | 0x800\r\n"),
-            std::string::npos)
-      << log;
-}
-
 }  // namespace

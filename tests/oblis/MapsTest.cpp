@@ -113,18 +113,6 @@ TEST(Maps, PlatformListsEndAtTheirMarkOrAfter200) {
   }
 }
 
-TEST(Maps, FailedPlatformMapIsNotKept) {
-  FakeFirmware fw;
-  FakeFirmware::MutableSettings().others.smiErrorRetry = 0;
-  ASSERT_TRUE(InitialSmi());
-  fw.AnswerCodes(0x12, {0x22});
-  EXPECT_FALSE(SMI_GetPlatformRomMap());
-  UINT32 count = 7;
-  GetPlatformRomMap(&count, nullptr, nullptr, nullptr);
-  EXPECT_EQ(count, 0u);
-  EXPECT_EQ(fw.Console(), "\r\n\r\nError: OBLIS 12h failed.\r\nInternal Error 22\r\nFBTS: Unknown platform rom map.\r\n");
-}
-
 std::vector<uint8_t> WholeRecord(uint8_t type, uint32_t address, uint32_t size, uint32_t attribute = 0) {
   std::vector<uint8_t> b{type};
   PutU32(b, 1, address);
@@ -172,49 +160,6 @@ TEST(Maps, WholeMapWalkPassesOverEmptyRecordsAndStops) {
               }))
         << row.what;
   }
-}
-
-TEST(Maps, WholeMapIsFetchedOnceAndTraced) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  fw.handlers[0x1E] = [](OblisRegisters& r) {
-    auto record = WholeRecord(0x06, 0xFFE00000, 0x10000, 3);
-    std::memcpy(At(r.edi), record.data(), 13);
-    At(r.edi)[13] = 0xFF;
-  };
-  static RomMapEntry entries[kRomMapEntries];
-  UINT8 count = 0;
-  ASSERT_TRUE(SMI_GetWholeRomMap(entries, &count));
-  ASSERT_EQ(count, 1);
-  EXPECT_EQ(entries[0].type, 6);
-  EXPECT_EQ(entries[0].address, 0xFFE00000u);
-  EXPECT_EQ(entries[0].end, 0xFFE0FFFFu);
-  EXPECT_EQ(entries[0].size, 0x10000u);
-  EXPECT_EQ(entries[0].offset, 0xFFE00000u) << "ROM base is still 0 before 13h";
-  EXPECT_EQ(entries[0].attribute, 3u);
-  count = 0;
-  ASSERT_TRUE(SMI_GetWholeRomMap(nullptr, &count));
-  EXPECT_EQ(count, 1);
-  EXPECT_EQ(fw.FramesOf(0x1E).size(), 1u);
-  std::string log = fw.Log();
-  EXPECT_NE(log.find("Structure size: 13\r\n                Whole Region MAP\r\n"), std::string::npos);
-  EXPECT_NE(log.find("  06h | 0xFFE00000 | 0xFFE0FFFF | 0x00010000 | 0xFFE00000 |   3  |   NV Storage\r\n"),
-            std::string::npos)
-      << log;
-  EXPECT_NE(log.find("===> DataGetWholeRomMap"), std::string::npos);
-}
-
-TEST(Maps, FailedWholeMapStaysFailedWithoutAskingAgain) {
-  FakeFirmware fw;
-  FakeFirmware::MutableSettings().others.smiErrorRetry = 0;
-  ASSERT_TRUE(InitialSmi());
-  fw.AnswerCodes(0x1E, {0xEF});
-  UINT8 count = 9;
-  EXPECT_FALSE(SMI_GetWholeRomMap(nullptr, &count));
-  EXPECT_EQ(count, 0);
-  EXPECT_FALSE(SMI_GetWholeRomMap(nullptr, &count));
-  EXPECT_EQ(fw.FramesOf(0x1E).size(), 1u);
-  EXPECT_EQ(fw.Console(), "") << "1Eh does not report";
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "FakeFirmware.h"
+#include "checks/Checks.h"
 #include "oblis/Oblis.h"
 #include "support/Isolated.h"
 
@@ -30,94 +31,6 @@ std::vector<uint8_t> StatusAnswer(uint16_t vendor) {
   PutU32(a, 29, 38);
   a[33] = 1;
   return a;
-}
-
-TEST(PlatformStatus, ToolInformationBlockIsSentExactly) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  std::vector<uint8_t> seen;
-  fw.handlers[0x10] = [&](OblisRegisters& r) {
-    seen.assign(At(r.edi), At(r.edi) + 24);
-    Answer(r, 0, 1);
-  };
-  ASSERT_TRUE(SMI_IsSupport());
-  const uint8_t expected[24] = {'$', 'V', 'E', 'R', 4, 0, '1', '3', 'k', '$', 'O', 'B',
-                                'L', 'I', 'S', '2', '0', '8', 0xFF, 0, 0, 0, 0, 0};
-  EXPECT_EQ(seen, std::vector<uint8_t>(expected, expected + 24));
-  EXPECT_NE(fw.Log().find("===== Tool Information =====\r\n0000:  24 56 45 52"), std::string::npos);
-}
-
-TEST(PlatformStatus, AnswerIsKeptBehindTheRegisterResultAndTraced) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  EXPECT_TRUE(IsVendor(kVendorNone)) << "before 10h has run";
-  Answer10h(fw, 1, StatusAnswer(kVendorDell));
-  ASSERT_TRUE(SMI_IsSupport());
-  UINT8 kept[kPlatformStatusBytes];
-  GetPlatformStatus(kept);
-  EXPECT_EQ(kept[0], 0x08);  // CL
-  EXPECT_EQ(kept[1], 0x02);  // CH
-  EXPECT_EQ(kept[2], 0x00);  // AL
-  EXPECT_EQ(kept[3], 0x01);  // AH
-  std::vector<uint8_t> answer = StatusAnswer(kVendorDell);
-  EXPECT_EQ(std::vector<uint8_t>(kept + 4, kept + 38), answer);
-  EXPECT_TRUE(IsVendor(kVendorDell));
-  EXPECT_EQ(GetAcStatus(), 1);
-  EXPECT_EQ(GetDcStatus(), 0x65);
-  EXPECT_NE(fw.Log().find(" Platform Status (10h)\r\n"
-                          "------------------+-----------\r\n"
-                          "       Permission | 1\r\n"
-                          "      Return Code | 0x0\r\n"
-                          "    Major version | 0x2\r\n"
-                          "    Minor version | 0x8\r\n"
-                          "               AC | 1\r\n"
-                          "               DC | 101\r\n"
-                          "            Bound | 20\r\n"
-                          "           Help 1 | 7\r\n"
-                          "           Help 2 | 9\r\n"
-                          "        Vendor ID | 0x1028\r\n"
-                          "      Struct size | 38\r\n"
-                          "       Skip Check | 1\r\n"),
-            std::string::npos)
-      << fw.Log();
-}
-
-TEST(PlatformStatus, NoPermissionEndsTheRunWithItsMessage) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  Answer10h(fw, 0, StatusAnswer(kVendorLenovo));
-  EXPECT_FALSE(SMI_IsSupport());
-  EXPECT_EQ(fw.Console(), "\r\nError: Update failed!\r\nCurrent system cannot support this version of flash utility.\r\n");
-  EXPECT_TRUE(IsVendor(kVendorLenovo)) << "kept and traced before the refusal";
-  EXPECT_NE(fw.Log().find("<=== SMI_IsSupport (Not support OBLIS)"), std::string::npos);
-}
-
-TEST(PlatformStatus, AcerDsdtRevisesTheVendorNumber) {
-  struct Row {
-    uint16_t vendor;
-    const char* oemId;
-    uint16_t kept;
-  };
-  const Row rows[] = {
-      {kVendorNone, "ACRSYS", kVendorAcer},
-      {kVendorNone, "ACRSYZ", kVendorNone},
-      {kVendorDell, "ACRSYS", kVendorDell},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(0, RunIsolated([&] {
-                FakeFirmware fw;
-                fw.PlaceDsdt(row.oemId);
-                ASSERT_TRUE(InitialSmi());
-                Answer10h(fw, 1, StatusAnswer(row.vendor));
-                ASSERT_TRUE(SMI_IsSupport());
-                EXPECT_TRUE(IsVendor(row.kept)) << row.oemId;
-                UINT8 kept[kPlatformStatusBytes];
-                GetPlatformStatus(kept);
-                EXPECT_EQ(kept[15] | (kept[16] << 8), row.kept);
-                EXPECT_EQ(CountOf(fw.Log(), "Revise vendor ID to |0x1025| Acer\r\n"), row.kept == kVendorAcer ? 1u : 0u);
-              }))
-        << row.oemId;
-  }
 }
 
 // Only the 0x80 bytes held (4 of result, 0x7C of the buffer) are known. The filter grants
@@ -219,40 +132,6 @@ TEST(PlatformStatus, PlatformInformationFlagsAndStrings) {
   }
 }
 
-TEST(PlatformStatus, ModelStringsTakeOnlyTheirBytesAndStayTerminated) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  fw.handlers[0x11] = [](OblisRegisters& r) { std::memset(At(r.edi), 'A', 0x400); };
-  ASSERT_TRUE(FuncOblis_11h());
-  PlatformInfo info;
-  GetPlatformInfo(&info);
-  EXPECT_EQ(std::u16string(info.modelName).size(), 32u);
-  // 0xFF bytes: 127 whole characters and the low byte of the 128th.
-  std::u16string version(info.modelVersion);
-  ASSERT_EQ(version.size(), 128u);
-  EXPECT_EQ(version[127], u'A');
-  EXPECT_EQ(version[126], u'\x4141');
-}
-
-TEST(PlatformStatus, HookPointIsNamedAndSent) {
-  FakeFirmware fw;
-  ASSERT_TRUE(InitialSmi());
-  EXPECT_TRUE(SMI_ApHookPoint(1));
-  EXPECT_TRUE(SMI_ApHookPoint(9));
-  FakeFirmware::MutableSettings().others.smiErrorRetry = 0;
-  fw.AnswerCodes(0x1F, {0x20});
-  EXPECT_FALSE(SMI_ApHookPoint(6));
-  auto frames = fw.FramesOf(0x1F);
-  ASSERT_EQ(frames.size(), 3u);
-  EXPECT_EQ(frames[0].ecx, 1u);
-  EXPECT_EQ(frames[1].ecx, 9u);
-  EXPECT_EQ(frames[2].ecx, 6u);
-  std::string log = fw.Log();
-  EXPECT_NE(log.find(" 01 (AP Luanch)\r\n"), std::string::npos);
-  EXPECT_NE(log.find(" 09 (Reserved)\r\n"), std::string::npos);
-  EXPECT_NE(log.find("<=== SMI_ApHookPoint (OBLIS Fail)"), std::string::npos);
-}
-
 TEST(FinishState, IndexToActionMapsTheFirmwareIndexThenTheOptions) {
   struct Row {
     uint8_t index;
@@ -296,42 +175,12 @@ TEST(FinishState, SetStatusLoadsTheSettingThenOptionsThenArguments) {
                 FakeFirmware::MutableFlags().reboot = row.r;
                 FakeFirmware::MutableFlags().shutdown = row.s;
                 FakeFirmware::MutableFlags().nothing = row.n;
-                SetStatus_16h(row.cmos, row.action, row.complete);
+                SetStatus_16h(row.cmos, row.action, row.complete, CommonFlashFinishAction);
                 EXPECT_EQ(GetFinishClearCmos(), row.keptCmos) << row.what;
                 EXPECT_EQ(GetFinishAction(), row.keptAction) << row.what;
                 EXPECT_EQ(GetFinishComplete(), row.keptComplete) << row.what;
               }))
         << row.what;
-  }
-}
-
-TEST(FinishState, FinalReportSendsTheStateWithTheOverride) {
-  struct Row {
-    bool enable;
-    int overrideAction;
-    uint8_t sentAction;
-  };
-  const Row rows[] = {{false, 3, 1}, {true, 0, 2}, {true, 1, 2}, {true, 2, 1}, {true, 3, 0}, {true, 7, 1}};
-  for (const Row& row : rows) {
-    EXPECT_EQ(0, RunIsolated([&] {
-                FakeFirmware fw;
-                ASSERT_TRUE(InitialSmi());
-                SetStatus_16h(0, 1, 2);
-                FakeFirmware::MutableSettings().flashSecureBiosOverride.enable = row.enable;
-                FakeFirmware::MutableSettings().flashSecureBiosOverride.action = row.overrideAction;
-                std::vector<uint8_t> record;
-                fw.handlers[0x16] = [&](OblisRegisters& r) {
-                  record.assign(At(r.esi), At(r.esi) + 16);
-                  Answer(r, 0xEF);
-                };
-                EXPECT_TRUE(FuncOblis_16h());
-                auto frames = fw.FramesOf(0x16);
-                ASSERT_FALSE(frames.empty());
-                EXPECT_EQ(frames[0].ecx & 0xFFFF, row.sentAction) << "CH clear CMOS 0, CL action";
-                EXPECT_EQ(GetFinishAction(), 1) << "the stored action stays";
-                const uint8_t expected[16] = {'$', 'F', 'I', 'N', 'I', 'S', 'H', 'I', 13, 0, 0, 0, 2, 0, 0, 0};
-                EXPECT_EQ(record, std::vector<uint8_t>(expected, expected + 16));
-              }));
   }
 }
 

@@ -70,24 +70,23 @@ struct WriteRow {
   int verifyErrorRetry;
   std::vector<uint8_t> writeCodes;
   int corruptWrites;
-  bool ok;
-  uint16_t mark;
+  BlockResult result;
   size_t writes;
   size_t readsAfterFirstWrite;
 };
 
 TEST(BlockWriter, SmiWriteRomComparesWritesAndVerifies) {
   const WriteRow rows[] = {
-      {"equal block", 0x11, false, 0, 3, {}, 0, true, 'S', 0, 0},
-      {"-dc writes an equal block", 0x11, true, 0, 3, {}, 0, true, 'V', 1, 1},
-      {"different block", 0xFF, false, 0, 3, {}, 0, true, 'V', 1, 1},
-      {"verify fails once", 0xFF, false, 0, 3, {}, 1, true, 'V', 2, 2},
-      {"0x29: skipped, no read back", 0xFF, false, 0, 3, {kOblisBlockSkipped}, 0, true, 'W', 1, 0},
-      {"DisableVerify writes once", 0xFF, false, 1, 3, {}, 1, true, 'W', 1, 0},
-      {"verify failure, then 0x29", 0xFF, false, 0, 3, {0, kOblisBlockSkipped}, 1, false, 'W', 2, 1},
-      {"verify fails in every attempt", 0xFF, false, 0, 3, {}, 3, false, 'W', 3, 3},
-      {"retry 0 still writes once", 0xFF, false, 0, 0, {}, 0, true, 'V', 1, 1},
-      {"retry 0, verify fails", 0xFF, false, 0, 0, {}, 1, false, 'W', 1, 1},
+      {"equal block", 0x11, false, 0, 3, {}, 0, BlockResult::Compared, 0, 0},
+      {"-dc writes an equal block", 0x11, true, 0, 3, {}, 0, BlockResult::Verified, 1, 1},
+      {"different block", 0xFF, false, 0, 3, {}, 0, BlockResult::Verified, 1, 1},
+      {"verify fails once", 0xFF, false, 0, 3, {}, 1, BlockResult::Verified, 2, 2},
+      {"0x29: skipped, no read back", 0xFF, false, 0, 3, {kOblisBlockSkipped}, 0, BlockResult::Written, 1, 0},
+      {"DisableVerify writes once", 0xFF, false, 1, 3, {}, 1, BlockResult::Written, 1, 0},
+      {"verify failure, then 0x29", 0xFF, false, 0, 3, {0, kOblisBlockSkipped}, 1, BlockResult::Failed, 2, 1},
+      {"verify fails in every attempt", 0xFF, false, 0, 3, {}, 3, BlockResult::Failed, 3, 3},
+      {"retry 0 still writes once", 0xFF, false, 0, 0, {}, 0, BlockResult::Verified, 1, 1},
+      {"retry 0, verify fails", 0xFF, false, 0, 0, {}, 1, BlockResult::Failed, 1, 1},
   };
   for (const WriteRow& row : rows) {
     int code = RunIsolated([&] {
@@ -99,14 +98,12 @@ TEST(BlockWriter, SmiWriteRomComparesWritesAndVerifies) {
                 FakeFirmware::MutableSettings().others.disableVerify = row.disableVerify;
                 FakeFirmware::MutableSettings().others.verifyErrorRetry = row.verifyErrorRetry;
                 std::vector<uint8_t> data = bed.Block(0x11);
-                EXPECT_EQ(SMI_WriteRom(kBase + kBlock, data.data(), kBlock), row.ok) << row.what;
-                EXPECT_EQ(TakeBlockMark(), row.mark) << row.what;
-                EXPECT_EQ(TakeBlockMark(), 0) << "taking the mark clears it";
+                EXPECT_EQ(SMI_WriteRom(kBase + kBlock, {data.data(), kBlock}), row.result) << row.what;
                 EXPECT_EQ(bed.writes.size(), row.writes) << row.what;
                 for (uint32_t w : bed.writes) EXPECT_EQ(w, kBase + kBlock) << row.what;
                 size_t compareReads = row.dc ? 0 : 1;
                 EXPECT_EQ(bed.reads.size(), compareReads + row.readsAfterFirstWrite) << row.what;
-                if (!row.ok && row.corruptWrites > 0) {
+                if (row.result == BlockResult::Failed && row.corruptWrites > 0) {
                   EXPECT_NE(bed.fw.Log().find("Verify failed (0)\r\n"), std::string::npos) << row.what;
                   EXPECT_NE(bed.fw.Log().find("<=== SMI_WriteRom (Verify failed)"), std::string::npos) << row.what;
                 }
@@ -142,7 +139,7 @@ TEST(BlockWriter, WriteBlocksHoldsBackTheBvdtBlocksForLast) {
                 FakeFirmware::MutableFlags().dc = true;  // every block is written
                 std::vector<uint8_t> image(kRomSize + 0x1000);
                 for (uint32_t i = 0; i < kRomSize; i++) image[i] = (uint8_t)(i / kBlock + 1);
-                ASSERT_TRUE(WriteBlocks(image.data())) << row.what;
+                ASSERT_TRUE(WriteBlocks({image.data(), (UINT32)image.size()})) << row.what;
                 std::vector<uint32_t> expected;
                 for (uint32_t i = 0; i < kBlocks; i++)
                   if (std::find(row.heldBack.begin(), row.heldBack.end(), i) == row.heldBack.end())
@@ -161,54 +158,6 @@ TEST(BlockWriter, WriteBlocksHoldsBackTheBvdtBlocksForLast) {
   }
 }
 
-TEST(BlockWriter, AllProtectedTableWritesNothingAndShows100) {
-  int code = RunIsolated([] {
-              FlashBed bed;
-              bed.fw.AnswerWholeMap({{0x0A, kBase + kBlock, kBlock}});
-              SMI_GetWholeRomMap(nullptr, nullptr);
-              MarkBlocks(kBase, kBase + kRomSize - 1, 1);
-              std::vector<uint8_t> image(kRomSize + 0x1000, 0x22);
-              EXPECT_TRUE(WriteBlocks(image.data())) << bed.fw.Log();
-              EXPECT_TRUE(bed.writes.empty());
-              EXPECT_NE(bed.fw.Console().find("100%"), std::string::npos);
-            });
-  EXPECT_EQ(code, 0);
-}
-
-TEST(BlockWriter, StopsAtTheFirstFailingBlockAndLeavesTheBvdtBlock) {
-  int code = RunIsolated([] {
-              FlashBed bed;
-              bed.fw.AnswerWholeMap({{0x0A, kBase + 12 * kBlock, kBlock}});
-              std::memcpy(bed.rom.data() + 12 * kBlock, "$BVDT$", 6);
-              SMI_GetWholeRomMap(nullptr, nullptr);
-              bed.corruptWrites = 100;  // every verify of block 0 fails
-              std::vector<uint8_t> image(kRomSize + 0x1000, 0x33);
-              EXPECT_FALSE(WriteBlocks(image.data()));
-              EXPECT_EQ(bed.writes, std::vector<uint32_t>(3, kBase)) << "three attempts at block 0, nothing behind";
-              EXPECT_EQ(bed.rom[12 * kBlock], '$') << "the BVDT block keeps the old identity";
-            });
-  EXPECT_EQ(code, 0);
-}
-
-TEST(BlockWriter, SingleBlockFlashShowsZeroThenHundred) {
-  int code = RunIsolated([] {
-              FakeFirmware fw;
-              ASSERT_TRUE(InitialSmi());
-              fw.AnswerFlashPart(0, {{0x100, 1}});  // one block of 64 KB
-              ASSERT_TRUE(FuncOblis_13h());
-              fw.AnswerWholeMap({});
-              SMI_GetWholeRomMap(nullptr, nullptr);
-              fw.handlers[0x14] = [](OblisRegisters& r) { std::memset(At(r.esi), 0x44, r.ecx); };
-              std::vector<uint8_t> image(0x11000, 0x44);
-              EXPECT_TRUE(WriteBlocks(image.data()));
-              std::string console = fw.Console();
-              size_t zero = console.find("  0%");
-              EXPECT_NE(zero, std::string::npos);
-              EXPECT_NE(console.find("100%", zero), std::string::npos);
-            });
-  EXPECT_EQ(code, 0);
-}
-
 struct EcRow {
   const char* what;
   uint32_t ecSize;
@@ -216,56 +165,5 @@ struct EcRow {
   bool ok;
   const char* message;  // on the console; empty: nothing
 };
-
-TEST(BlockWriter, EcSizeCheckRefusesAnUnexplainedEcPart) {
-  const EcRow rows[] = {
-      {"no EC, no option", 0, false, false, false, true, ""},
-      {"1 KB EC without an option", 0x400, false, false, false, false,
-       "ERROR!\r\nsize not match\r\n-----+---------\r\n  ROM  0x10000\r\n File  with EC (1K)\r\n"},
-      {"no EC with -ecb", 0, true, false, false, false,
-       "ERROR!\r\nsize not match\r\n-----+---------\r\n  ROM  0x10000\r\n File  with EC (0K)\r\n"},
-      {"no EC with -eob", 0, false, false, true, false, "File  with EC (0K)"},
-      {"EC above 2 MB", 0x200001, true, false, false, false, ""},
-      // The firmware's word on the EC part is not asked by this build: refused, nothing written.
-      {"1 KB EC with -ecbp", 0x400, false, true, false, false, "cannot check or write an EC"},
-  };
-  for (const EcRow& row : rows) {
-    int code = RunIsolated([&] {
-                FlashBed bed;
-                FakeFirmware::MutableFlags().ecb = row.ecb;
-                FakeFirmware::MutableFlags().ecbp = row.ecbp;
-                FakeFirmware::MutableFlags().eob = row.eob;
-                EXPECT_EQ(FuncChk_SizeEC(row.ecSize), row.ok) << row.what;
-                std::string console = bed.fw.Console();
-                if (*row.message == 0) EXPECT_EQ(console, "") << row.what;
-                else EXPECT_NE(console.find(row.message), std::string::npos) << row.what << console;
-                EXPECT_TRUE(bed.writes.empty());
-              });
-    EXPECT_EQ(code, 0) << row.what;
-  }
-}
-
-// Before Initialize there is no EcBuffer: nothing is kept, and the size says so.
-TEST(BlockWriter, KeepEcImageWithoutEcBufferKeepsNothing) {
-  FlashBed bed;
-  std::vector<uint8_t> ec(0x400, 0xEC);
-  ASSERT_EQ(GetEcBuffer(), nullptr);
-  KeepEcImage(ec.data(), (UINT32)ec.size());
-  EXPECT_EQ(KeptEcSize(), 0u);
-}
-
-TEST(BlockWriter, ImageOneByteShortWithAllRegionsIsASizeMismatch) {
-  int code = RunIsolated([] {
-              FlashBed bed;
-              std::vector<uint8_t> image(kRomSize - 1, 0x55);
-              EXPECT_FALSE(FuncUpdate_via15h(image.data(), (UINT32)image.size()));
-              EXPECT_NE(bed.fw.Console().find("ERROR!\r\nSize not match!\r\n-----+---------\r\n  ROM  0x10000\r\n "
-                                              "File  0xFFFF\r\n"),
-                        std::string::npos)
-                  << bed.fw.Console();
-              EXPECT_TRUE(bed.writes.empty());
-            });
-  EXPECT_EQ(code, 0);
-}
 
 }  // namespace

@@ -92,25 +92,6 @@ TEST(Bvdt, ReadImageBvdtInfoStaysInsideTheImageAndTheFields) {
   }
 }
 
-// The '$' bytes are not tested for the display, and an image without a block clears an earlier one.
-TEST(Bvdt, DisplayIgnoresTheFieldMarksAndForgetsAnEarlierImage) {
-  int code = RunIsolated([] {
-    FakeFirmware fw;
-    std::vector<uint8_t> image(0x200, 0);
-    PutBvdt(image, 0x40, "5.5", "MODEL");
-    image[0x40 + 0x0D] = 0;
-    image[0x40 + 0x26] = 0;
-    ASSERT_TRUE(ReadImageBvdtInfo(image.data(), (UINT32)image.size()));
-    EXPECT_EQ(Narrow(NewImageVersion()), "5.5");
-    EXPECT_EQ(Narrow(NewImageModel()), "MODEL");
-    std::vector<uint8_t> other(0x200, 0x41);
-    EXPECT_FALSE(ReadImageBvdtInfo(other.data(), (UINT32)other.size()));
-    EXPECT_EQ(Narrow(NewImageVersion()), "");
-    EXPECT_EQ(Narrow(NewImageModel()), "");
-  });
-  EXPECT_EQ(code, 0);
-}
-
 constexpr uint32_t kBlock = 0x1000;
 constexpr uint32_t kBase = 0xFFFF0000u;
 

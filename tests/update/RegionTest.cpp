@@ -81,36 +81,6 @@ struct StatusRow {
   const char* trace;
 };
 
-TEST(Region, SetStatusRegionJoinsOptionsAndSettings) {
-  const StatusRow rows[] = {
-      {"nothing", [](CommandFlags&, FlashSettings&) {}, 0,
-       " SetStatus_region()\r\n----+--------\r\n 0   BIOS\r\n 0   GbE\r\n 0   ME\r\n 0   DESC\r\n 0   PlatformData\r\n"},
-      {"-bios", [](CommandFlags& f, FlashSettings&) { f.bios = true; }, kRegionBios, " 1   BIOS\r\n 0   GbE"},
-      {"GbE=1", [](CommandFlags&, FlashSettings& s) { s.region.gbe = true; }, kRegionGbe, " 0   BIOS\r\n 1   GbE"},
-      {"-me and DESC=1",
-       [](CommandFlags& f, FlashSettings& s) {
-         f.me = true;
-         s.region.desc = true;
-       },
-       kRegionMe | kRegionDescriptor, " 1   ME\r\n 1   DESC\r\n 0   PlatformData"},
-      {"-pdr", [](CommandFlags& f, FlashSettings&) { f.pdr = true; }, kRegionPlatformData, " 1   PlatformData"},
-      {"Platform_Data=1", [](CommandFlags&, FlashSettings& s) { s.region.platformData = true; },
-       kRegionPlatformData, " 0   DESC\r\n 1   PlatformData"},
-  };
-  for (const StatusRow& row : rows) {
-    int code = RunIsolated([&] {
-      FakeFirmware fw;
-      row.set(FakeFirmware::MutableFlags(), FakeFirmware::MutableSettings());
-      SetStatus_region();
-      EXPECT_EQ(GetRegionFlags(), row.flags) << row.what;
-      EXPECT_NE(fw.Log().find(row.trace), std::string::npos) << row.what << "\n" << fw.Log();
-      ClearMeRegionFlag();
-      EXPECT_EQ(GetRegionFlags(), row.flags & ~kRegionMe) << row.what;
-    });
-    EXPECT_EQ(code, 0) << row.what;
-  }
-}
-
 struct MapsRow {
   const char* what;
   List current;
@@ -170,36 +140,6 @@ TEST(Region, GetExternalMapsKeepsTheCurrentListAndItsSlots) {
     });
     EXPECT_EQ(code, 0) << row.what;
   }
-}
-
-TEST(Region, FindCurrentRegionWritesOnlyOnSuccessAndFailureOf17hKeepsNothing) {
-  int code = RunIsolated([] {
-    RegionBed bed(kLayout);
-    UINT32 offset = 7, size = 7;
-    UINT8 access = 7;
-    EXPECT_FALSE(FindCurrentRegion(2, &offset, &size, &access)) << "nothing fetched yet";
-    bed.fw.AnswerCodes(0x17, {0x01});
-    EXPECT_FALSE(GetExternalMaps(nullptr, 0));
-    EXPECT_FALSE(FindCurrentRegion(2, &offset, &size, &access));
-    EXPECT_EQ(offset, 7u);
-    bed.fw.handlers.erase(0x17);
-  });
-  EXPECT_EQ(code, 0);
-  code = RunIsolated([] {
-    RegionBed bed(kLayout);
-    ASSERT_TRUE(GetExternalMaps(nullptr, 0));
-    UINT32 offset = 7, size = 7;
-    UINT8 access = 7;
-    EXPECT_FALSE(FindCurrentRegion(4, &offset, &size, &access));
-    EXPECT_EQ(offset, 7u);
-    EXPECT_EQ(size, 7u);
-    EXPECT_EQ(access, 7);
-    EXPECT_TRUE(FindCurrentRegion(2, &offset, &size, &access));
-    EXPECT_EQ(offset, 0x2000u);
-    EXPECT_EQ(size, 0x4000u);
-    EXPECT_EQ(access, 3);
-  });
-  EXPECT_EQ(code, 0);
 }
 
 struct SizeRow {
@@ -276,43 +216,6 @@ struct PlaceRow {
   uint32_t landsAt;  // 0xFFFFFFFF: nowhere
   std::string trace;
 };
-
-TEST(Region, PlaceRegionImageWritesOnlyTheFirstSelectedRegion) {
-  const List withPlatformData = {{4, 0x6000, 0x2000, 0}, {1, 0x8000, 0x8000, 0}};
-  const List ignitionOnly = {{0x20, 0x3000, 0x4000, 0}};
-  const PlaceRow rows[] = {
-      {"-me with half the region", kLayout, kRegionMe, 0x2000, 0x2000, " ME Region: Offset (0x2000) Size (0x4000)\r\n"},
-      {"-bios -gbe goes to GbE", kLayout, kRegionBios | kRegionGbe, 0x1000, 0x1000,
-       " GbE Region: Offset (0x1000) Size (0x1000)\r\n"},
-      {"-desc before GbE", kLayout, kRegionDescriptor | kRegionGbe, 0x1000, 0x0000,
-       " Desc Region: Offset (0x0) Size (0x1000)\r\n"},
-      {"-bios", kLayout, kRegionBios, 0x8000, 0x8000, " BIOS Region: Offset (0x8000) Size (0x8000)\r\n"},
-      {"-pdr has no line of its own", withPlatformData, kRegionPlatformData, 0x2000, 0x6000, ""},
-      {"Ignition ME in place of ME", ignitionOnly, kRegionMe, 0x4000, 0x3000, " ME Region: Offset (0x3000)"},
-      {"a selected region that is missing", kLayout, kRegionPlatformData, 0x1000, 0xFFFFFFFFu, ""},
-      {"an image past the ROM end", kLayout, kRegionBios, 0x9000, 0xFFFFFFFFu,
-       " BIOS Region: Offset (0x8000) Size (0x8000)\r\nRegion image not placed: 0x9000 bytes at 0x8000 pass the ROM "
-       "end\r\n"},
-  };
-  for (const PlaceRow& row : rows) {
-    int code = RunIsolated([&] {
-      RegionBed bed(row.current);
-      ASSERT_TRUE(GetExternalMaps(nullptr, 0));
-      SetFlags(row.flags);
-      std::vector<uint8_t> buffer(kRomSize + 0x1000, 0);
-      std::vector<uint8_t> image(row.size);
-      for (size_t i = 0; i < image.size(); i++) image[i] = (uint8_t)(i % 251 + 1);
-      PlaceRegionImage(buffer.data(), image.data(), row.size);
-      std::vector<uint8_t> expected(kRomSize + 0x1000, 0);
-      if (row.landsAt != 0xFFFFFFFFu) std::copy(image.begin(), image.end(), expected.begin() + row.landsAt);
-      EXPECT_EQ(buffer, expected) << row.what;
-      if (!row.trace.empty()) EXPECT_NE(bed.fw.Log().find(row.trace), std::string::npos) << row.what;
-      EXPECT_EQ(CountOf(bed.fw.Log(), " Region: Offset"), row.trace.find(" Region: Offset") != std::string::npos ? 1u : 0u)
-          << row.what;
-    });
-    EXPECT_EQ(code, 0) << row.what;
-  }
-}
 
 struct RsvdRow {
   const char* what;

@@ -4,7 +4,6 @@
 #include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
-#include "update/Update.h"
 
 namespace {
 
@@ -105,7 +104,7 @@ Bool FindBvdtBlock(UINT32* address, UINT32* size) {
       TraceLeave(kFindBvdtBlock, kReasonAllocate);
       return false;
     }
-    if (!SMI_ReadRom(entry.address, entry.size, region)) {
+    if (!SMI_ReadRom(entry.address, entry.size, {region, entry.size})) {
       FreePoolAndNull(region);
       FreePoolAndNull(entries);
       TraceLeave(kFindBvdtBlock, kReasonReadRom);

@@ -25,8 +25,9 @@ Bool HasSecureEc(UINT32* size);
 // The BIOSIMG slot's data of a secure image, kept as the payload; a missing slot leaves it.
 VOID LocateSecureFd(const UINT8* image, UINT32 length);
 ImageView SecurePayload();
-// Stages the image's EC slot data in EcBuffer when the slot is not empty.
-VOID LoadSecureEc(const UINT8* image, UINT32 length);
+// The image's EC slot data; empty without the slot or when the slot holds nothing. Staging it
+// for the EC write is the caller's business.
+ImageView SecureEcSlot(const UINT8* image, UINT32 length);
 // Whether the analysed image may go on this platform; prints the refusal.
 Bool CheckImageKind();
 // Parses the INI slot of a secure image as settings.

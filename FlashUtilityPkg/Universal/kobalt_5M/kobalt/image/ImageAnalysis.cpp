@@ -165,19 +165,22 @@ VOID LocateSecureFd(const UINT8* image, UINT32 length) {
 
 ImageView SecurePayload() { return ImageAnalysis.payload; }
 
-VOID LoadSecureEc(const UINT8* image, UINT32 length) {
+ImageView SecureEcSlot(const UINT8* image, UINT32 length) {
+  ImageView ec = {nullptr, 0};
   if (image == nullptr) {
     length = 0;
   }
   UINT32 at = 0;
   UINT32 size = 0;
   if (!FindSlot(image, length, kChainEcTag, kEcSlotName, &at, &size)) {
-    return;
+    return ec;
   }
   HexDumpFramed(kSecureEcInfoLabel, image + at, kTagBytes);
   if (size != 0) {
-    KeepEcImage(image + at + kSlotHeaderBytes, size);
+    ec.data = const_cast<UINT8*>(image + at + kSlotHeaderBytes);
+    ec.length = size;
   }
+  return ec;
 }
 
 // Whether the analysed image may go onto this platform: a secure platform takes only secure

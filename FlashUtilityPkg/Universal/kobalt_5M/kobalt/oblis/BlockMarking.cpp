@@ -1,7 +1,6 @@
 // Turns the ROM maps, the options and the settings into the one protected flag per block that
 // the writers obey (SetRsvd_13h), and reopens or closes whole region types of the 1Eh map. The
 // marks of the SPI region selection are left to that step; the table itself to BlockTable.cpp.
-#include "checks/Checks.h"
 #include "config/Config.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
@@ -53,12 +52,12 @@ VOID MarkRegionType(UINT8 type, UINT8 flag) {
   FreePoolAndNull(records);
 }
 
-VOID SetRsvd_13h() {
+VOID SetRsvd_13h(SecureBootQuery secureBootSupport) {
   const CHAR16* name = u"SetRsvd_13h";
   TraceEnter(name);
   const CommandFlags* flags = Flags();
   const FlashSettings* settings = Settings();
-  Bool secureBoot = IsSecureBootSupport();
+  Bool secureBoot = secureBootSupport != nullptr && secureBootSupport();
 
   UINT32 privateCount = 0;
   UINT32 protectionCount = 0;

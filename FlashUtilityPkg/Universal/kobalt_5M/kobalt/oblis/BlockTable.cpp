@@ -6,7 +6,6 @@
 
 namespace {
 
-constexpr UINT32 kAnswerBytes = 0x10000;
 constexpr UINT8 kSizeIndexSpecified = 0xFF;
 constexpr UINT8 kLastSizeIndex = 8;
 constexpr UINT32 kSmallestRom = 0x10000;
@@ -83,21 +82,21 @@ UINT32 SizeIndexToBytes(UINT8 index) { return index <= kLastSizeIndex ? kSmalles
 Bool FuncOblis_13h() {
   const CHAR16* name = u"FuncOblis_13h";
   TraceEnter(name);
-  UINT8* part = (UINT8*)AllocateZeroPool(kAnswerBytes);
-  UINT8* map = (UINT8*)AllocateZeroPool(kAnswerBytes);
+  UINT8* part = (UINT8*)AllocateZeroPool(kOblisAnswerBytes);
+  UINT8* map = (UINT8*)AllocateZeroPool(kOblisAnswerBytes);
   if (part == nullptr || map == nullptr) {
     FreePoolAndNull(part);
     FreePoolAndNull(map);
     TraceLeave(name, kReasonAllocate);
     return false;
   }
-  if (!Oblis_13h(part, map)) {
+  if (!Oblis_13h({part, kOblisAnswerBytes}, {map, kOblisAnswerBytes})) {
     FreePoolAndNull(part);
     FreePoolAndNull(map);
     TraceLeave(name, u"OBLIS 13h failed");
     return false;
   }
-  static_assert(kBlockMapEntryLimit * sizeof(OblisBlockMapEntry) <= kAnswerBytes, "map walk bounded");
+  static_assert(kBlockMapEntryLimit * sizeof(OblisBlockMapEntry) <= kOblisAnswerBytes, "map walk bounded");
   UINT32 entries = CountMapEntries(map);
   UINT32 blockCount = 0;
   if (!BlockCountFits(map, entries, &blockCount)) {

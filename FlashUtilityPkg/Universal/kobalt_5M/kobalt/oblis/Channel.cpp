@@ -135,7 +135,7 @@ Bool CodeIn(UINT8 code, const UINT8* codes, UINT8 count) {
   return false;
 }
 
-// Steps 1 to 3 of every raw call: the frame as the function table lays it out, then the port
+// What every raw call does: the frame as the function table lays it out, then the port
 // write. The settle wait behind the write is the transaction seam's business.
 OblisRegisters RaiseOblis(UINT8 function, UINT32 ecx, UINT32 edi, UINT32 esi) {
   OblisRegisters frame;
@@ -403,6 +403,7 @@ VOID ResetOblisState() {
   ResetBvdtMapState();
   ResetChannelState();
   ResetFinishState();
+  ResetFlashReadState();
   ResetMapsState();
   ResetPlatformStatusState();
 }

@@ -1,7 +1,6 @@
 // The finish state of a run (clear CMOS, action, complete) and the level above function 16h:
 // setting the state from the settings and the -r/-s/-n options, the override of the action that
 // is sent, and the firmware's action index. The wrapper itself lives with the other wrappers.
-#include "checks/Checks.h"
 #include "config/Config.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
@@ -63,14 +62,16 @@ UINT8 ApplyActionOptions(UINT8 action, Bool traceThem) {
 const CHAR16* FinishActionName(UINT8 action) { return action < 3 ? kActionNames[action] : kUndefined; }
 const CHAR16* FinishCompleteName(UINT8 complete) { return complete < 3 ? kCompleteNames[complete] : kUndefined; }
 
-VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete) {
+VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete, FinishActionLastWord lastWord) {
   const CHAR16* name = u"SetStatus_16h";
   TraceEnter(name);
   LogPrint(kLogDetail, kTraceSetStatusHead, action, FinishActionName(action), complete, FinishCompleteName(complete));
   gFinish.action = (UINT8)Settings()->flashComplete.action;
   gFinish.action = ApplyActionOptions(gFinish.action, true);
   // The firmware's CommonFlash answer has the last word over settings and options.
-  CommonFlashFinishAction(&gFinish.action);
+  if (lastWord != nullptr) {
+    lastWord(&gFinish.action);
+  }
   if (clearCmos != kFinishLeaveAsIs) {
     gFinish.clearCmos = clearCmos;
     LogPrint(kLogDetail, kTraceSetCmos, clearCmos);

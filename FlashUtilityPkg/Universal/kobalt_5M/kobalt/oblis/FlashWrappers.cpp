@@ -1,6 +1,7 @@
-// The wrappers that touch the flash and the SPI regions: read (14h), write (15h), the external
-// map exchange (17h) and the update bracket (1Ah). They hand back the firmware's status; what a
-// locked ME or a skipped block means for an update is left to the engines that call them.
+// The wrappers that touch the flash and the SPI regions: read (14h) with the read primitive
+// SMI_ReadRom and the locked-ME fact it finds, write (15h), the external map exchange (17h) and
+// the update bracket (1Ah). What a locked ME or a skipped block means for an update is left to
+// the engines that call them.
 #include "PlatformSeams.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
@@ -18,12 +19,24 @@ constexpr UINT32 k17hDumpBytes = 0x40;
 const CHAR16 kReasonAllocateOblis[] = u"Allocate OBLIS memory failed";
 const CHAR16 kReasonNullInput[] = u"Input buffer is NULL";
 const CHAR16 kReasonReadTooLarge[] = u"Read size over OBLIS buffer";
+const CHAR16 kReasonShortBuffer[] = u"Output buffer too short";
 const CHAR16 kTraceMeLocked[] = u"Read failed because ME is locked\r\n";
 const CHAR16 kTraceWriteAddress[] = u" Oblis_15h(->) %X\r\n";
 const CHAR16 kTraceSkipBlock[] = u"Skip this write block\r\n";
 const CHAR16 kLabel17hInfo[] = u"===== 17h Info =====\r\n";
 const CHAR16 kTrace1AhArguments[] = u" Action %d\r\n Status %d\r\n";
 const CHAR16 kTrace1AhReturn[] = u"OBLIS 1Ah return code (0x%x)\r\n";
+
+constexpr CHAR16 kSmiReadRom[] = u"SMI_ReadRom";
+const CHAR16 kReasonAllocateRead[] = u"Allocate memory failed";
+const CHAR16 kReasonOblis14h[] = u"OBLIS 14h failed";
+const CHAR16 kTraceMeLockedOnce[] = u"ME |LOCKED|\r\n";
+
+// Whether a read of this run met the locked ME region (status 0x2A).
+struct FlashReadState {
+  Bool meLocked;
+};
+constinit FlashReadState gFlashRead = {};
 
 struct FlashCall {
   UINT32 size;
@@ -33,7 +46,7 @@ struct FlashCall {
 
 }  // namespace
 
-Bool Oblis_14h(UINT32 address, UINT32 size, UINT8* data, UINT8* status) {
+Bool Oblis_14h(UINT32 address, UINT32 size, ImageView data, UINT8* status) {
   const CHAR16* name = u"Oblis_14h";
   if (status != nullptr) {
     *status = kOblisNoAttempt;
@@ -41,6 +54,10 @@ Bool Oblis_14h(UINT32 address, UINT32 size, UINT8* data, UINT8* status) {
   // The answer lands in the shared buffer: a larger read would have the firmware write past it.
   if (size > kOblisBufferSize) {
     TraceLeave(name, kReasonReadTooLarge);
+    return false;
+  }
+  if (!ViewHolds(data, size)) {
+    TraceLeave(name, kReasonShortBuffer);
     return false;
   }
   UINT8* buffer = nullptr;
@@ -67,10 +84,55 @@ Bool Oblis_14h(UINT32 address, UINT32 size, UINT8* data, UINT8* status) {
   if (last == kOblisLockedMe) {
     LogPrint(kLogDetail, kTraceMeLocked);
   }
-  if (data != nullptr) {
-    CopyMem(data, buffer, size);
+  if (data.data != nullptr) {
+    CopyMem(data.data, buffer, size);
   }
   return true;
+}
+
+// One call of 14h fills at most the shared buffer, so a longer read goes in pieces of that size.
+Bool SMI_ReadRom(UINT32 address, UINT32 size, ImageView data) {
+  TraceEnter(kSmiReadRom);
+  if (!ViewHolds(data, size)) {
+    TraceLeave(kSmiReadRom, kReasonShortBuffer);
+    return false;
+  }
+  UINT8* buffer = (UINT8*)AllocateZeroPool(size != 0 ? size : 1);
+  if (buffer == nullptr) {
+    TraceLeave(kSmiReadRom, kReasonAllocateRead);
+    return false;
+  }
+  Bool locked = false;
+  UINT32 done = 0;
+  do {
+    UINT32 piece = size - done < kOblisBufferSize ? size - done : kOblisBufferSize;
+    UINT8 status = kOblisNoAttempt;
+    if (!Oblis_14h(address + done, piece, {buffer + done, size - done}, &status)) {
+      FreePoolAndNull(buffer);
+      TraceLeave(kSmiReadRom, kReasonOblis14h);
+      return false;
+    }
+    locked = locked || status == kOblisLockedMe;
+    done += piece;
+  } while (done < size);
+  if (locked) {
+    SetMeLocked();
+  }
+  if (data.data != nullptr) {
+    CopyMem(data.data, buffer, size);
+  }
+  FreePoolAndNull(buffer);
+  TraceLeave(kSmiReadRom, nullptr);
+  return true;
+}
+
+Bool IsMeLocked() { return gFlashRead.meLocked; }
+
+VOID SetMeLocked() {
+  if (!gFlashRead.meLocked) {
+    LogPrint(kLogDetail, kTraceMeLockedOnce);
+  }
+  gFlashRead.meLocked = true;
 }
 
 Bool Oblis_15h(const UINT8* data, UINT32 size, UINT32 address, UINT8* status) {
@@ -101,10 +163,14 @@ Bool Oblis_15h(const UINT8* data, UINT32 size, UINT32 address, UINT8* status) {
   return success;
 }
 
-Bool Oblis_17h(const UINT8* imageHead, UINT8* answer) {
+Bool Oblis_17h(const UINT8* imageHead, ImageView answer) {
   const CHAR16* name = u"Oblis_17h";
-  if (answer == nullptr) {
+  if (answer.data == nullptr) {
     TraceLeave(name, kReasonNullInput);
+    return false;
+  }
+  if (answer.length < kExternalMapBytes) {
+    TraceLeave(name, kReasonShortBuffer);
     return false;
   }
   UINT8* buffer = nullptr;
@@ -132,7 +198,7 @@ Bool Oblis_17h(const UINT8* imageHead, UINT8* answer) {
   LogPrint(kLogDetail, u"\r\n");
   HexDump(buffer + kExternalNewListOffset, k17hDumpBytes);
   LogPrint(kLogDetail, kLabel17hInfo);
-  CopyMem(answer, buffer, kExternalMapBytes);
+  CopyMem(answer.data, buffer, kExternalMapBytes);
   return true;
 }
 
@@ -151,3 +217,5 @@ Bool SMI_OemOdmCustom2(UINT8 action, UINT8 status) {
   TraceLeave(name, u"error");
   return false;
 }
+
+VOID ResetFlashReadState() { gFlashRead = {}; }

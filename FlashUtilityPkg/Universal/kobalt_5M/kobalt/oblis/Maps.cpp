@@ -6,7 +6,6 @@
 
 namespace {
 
-constexpr UINT32 kListBufferBytes = 0x10000;
 constexpr UINT32 kWholeRecordBytes = sizeof(OblisWholeMapRecord);
 constexpr UINT8 kWholeMapEnd = 0xFF;
 constexpr UINT8 kPrivateMapType = 0xFE;
@@ -131,26 +130,26 @@ const CHAR16* WholeRegionTypeName(UINT8 type) {
 Bool SMI_GetPlatformRomMap() {
   const CHAR16* name = u"SMI_GetPlatformRomMap";
   TraceEnter(name);
-  UINT8* protection = (UINT8*)AllocateZeroPool(kListBufferBytes);
+  UINT8* protection = (UINT8*)AllocateZeroPool(kOblisAnswerBytes);
   if (protection == nullptr) {
     TraceLeave(name, kReasonAllocate);
     return false;
   }
-  UINT8* privateMap = (UINT8*)AllocateZeroPool(kListBufferBytes);
+  UINT8* privateMap = (UINT8*)AllocateZeroPool(kOblisAnswerBytes);
   if (privateMap == nullptr) {
     FreePoolAndNull(protection);
     TraceLeave(name, kReasonAllocate);
     return false;
   }
-  if (!Oblis_12h(protection, privateMap)) {
+  if (!Oblis_12h({protection, kOblisAnswerBytes}, {privateMap, kOblisAnswerBytes})) {
     FreePoolAndNull(protection);
     FreePoolAndNull(privateMap);
     TraceLeave(name, u"OBLIS 12h failed");
     return false;
   }
   // The 200-record limit keeps both walks inside the 0x10000 bytes held.
-  static_assert(kMapRecordLimit * sizeof(OblisPrivateRecord) <= kListBufferBytes, "private walk bounded");
-  static_assert(kMapRecordLimit * sizeof(OblisProtectionRecord) <= kListBufferBytes, "protection walk bounded");
+  static_assert(kMapRecordLimit * sizeof(OblisPrivateRecord) <= kOblisAnswerBytes, "private walk bounded");
+  static_assert(kMapRecordLimit * sizeof(OblisProtectionRecord) <= kOblisAnswerBytes, "protection walk bounded");
   gMaps.privateCount = CountPrivateList(privateMap);
   gMaps.protectionCount = CountProtectionList(protection);
   FreePoolAndNull(gMaps.protectionBuffer);
@@ -190,7 +189,7 @@ Bool FuncGetWholeRomMap(RomMapEntry* entries, UINT8* count) {
     TraceLeave(name, kReasonAllocate);
     return false;
   }
-  if (!Oblis_1Eh(answer)) {
+  if (!Oblis_1Eh({answer, kWholeMapBytes})) {
     FreePoolAndNull(answer);
     TraceLeave(name, u"OBLIS fail");
     return false;

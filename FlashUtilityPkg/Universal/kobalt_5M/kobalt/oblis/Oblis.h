@@ -57,17 +57,24 @@ typedef UINT8 (*OblisAttempt)(VOID* context);
 // no attempt is made). On a refusal it reports if asked and closes the trace with
 // "BIOS return not success"; on success the wrapper copies its answer and closes the trace.
 Bool RunOblisRetryLoop(const OblisRetrySpec* spec, OblisAttempt attempt, VOID* context, UINT8* status);
+// Whether a caller's out-buffer takes bytes: a null one (no copy wanted) always does.
+inline Bool ViewHolds(ImageView view, UINT32 bytes) { return view.data == nullptr || view.length >= bytes; }
 // One piece of a map display, formatted once and written to the console or to the trace at level.
 VOID EmitMapText(Bool console, UINT8 level, const CHAR16* format, ...);
 
 // ---- wrappers ----
-Bool Oblis_10h(UINT8* out, UINT32 size);
-Bool Oblis_11h(UINT8* out, UINT8* ah, UINT32* ecx);
-Bool Oblis_12h(UINT8* protection, UINT8* privateMap);
-Bool Oblis_13h(UINT8* part, UINT8* blockMap);
+// What functions 11h, 12h and 13h hand back: each answer list fills this many bytes, and a
+// caller's buffer for one must hold all of them.
+constexpr UINT32 kOblisAnswerBytes = 0x10000;
+// Each wrapper that copies an answer out takes the caller's buffer with its length and refuses
+// one shorter than the answer; a null data pointer means the caller wants no copy.
+Bool Oblis_10h(ImageView out);
+Bool Oblis_11h(ImageView out, UINT8* ah, UINT32* ecx);
+Bool Oblis_12h(ImageView protection, ImageView privateMap);
+Bool Oblis_13h(ImageView part, ImageView blockMap);
 Bool Oblis_16h(UINT8 clearCmos, UINT8 action, UINT8 complete);
 Bool Oblis_1Ch(UINT8* status);
-Bool Oblis_1Eh(UINT8* out);
+Bool Oblis_1Eh(ImageView out);  // kWholeMapBytes
 Bool Oblis_1Fh(UINT32 point);
 
 // ---- platform status and information ----
@@ -110,7 +117,10 @@ Bool DisableComparison();
 Bool EFIAPI SMI_ApHookPoint(UINT32 point);
 // A SetStatus_16h argument of this value leaves that part of the finish state as it is.
 constexpr UINT8 kFinishLeaveAsIs = 0xEF;
-VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete);
+// Gives the firmware's last word on the finish action, over settings and options; the pre-flash
+// checks hold it, so the caller passes it in.
+typedef VOID (*FinishActionLastWord)(UINT8* action);
+VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete, FinishActionLastWord lastWord);
 Bool EFIAPI FuncOblis_16h();
 Bool FuncSpecific_16h(UINT8 action, UINT8 complete);
 UINT8 IndexToAction_16h(UINT8 index);
@@ -163,17 +173,26 @@ UINT32 SizeIndexToBytes(UINT8 index);
 FlashBlock* CopyBlockTable();
 
 // ---- flash read and write, external map, update bracket ----
-// Reads size bytes (at most the 0x20000 of the shared buffer) at a flash address; status 0x2A
-// (locked ME) counts as success and is handed back.
-Bool Oblis_14h(UINT32 address, UINT32 size, UINT8* data, UINT8* status);
+// Reads size bytes (at most the 0x20000 of the shared buffer) at a flash address into data (which
+// must hold them, or be null); status 0x2A (locked ME) counts as success and is handed back.
+Bool Oblis_14h(UINT32 address, UINT32 size, ImageView data, UINT8* status);
+// Reads size bytes of flash in pieces of the shared buffer into data, which must hold them; a
+// null data only reads, for the effect on the ME lock. A read that meets the locked ME region
+// (0x2A) counts as read and sets the run's locked-ME fact.
+Bool SMI_ReadRom(UINT32 address, UINT32 size, ImageView data);
+Bool IsMeLocked();
+VOID SetMeLocked();
 // Writes one block; status 0x29 (the firmware skipped the block) counts as success.
 Bool Oblis_15h(const UINT8* data, UINT32 size, UINT32 address, UINT8* status);
-// imageHead and answer are 0x1000 bytes each.
-Bool Oblis_17h(const UINT8* imageHead, UINT8* answer);
+// imageHead (null for none) and answer hold kExternalMapBytes each.
+Bool Oblis_17h(const UINT8* imageHead, ImageView answer);
 Bool SMI_OemOdmCustom2(UINT8 action, UINT8 status);
 
 // ---- block marking ----
-VOID SetRsvd_13h();
+// Whether the platform has Secure Boot (then the NV storage stays closed unless -unvs opens it);
+// asked inside the marking step, so the caller passes the question in.
+typedef Bool (*SecureBootQuery)();
+VOID SetRsvd_13h(SecureBootQuery secureBootSupport);
 VOID MarkBlocks(UINT32 start, UINT32 end, UINT8 flag);
 VOID MarkRegionType(UINT8 type, UINT8 flag);
 UINT8 BlockFlagAt(UINT32 address);
@@ -206,5 +225,6 @@ VOID ResetBlockTableState();
 VOID ResetBvdtMapState();
 VOID ResetChannelState();
 VOID ResetFinishState();
+VOID ResetFlashReadState();
 VOID ResetMapsState();
 VOID ResetPlatformStatusState();

@@ -12,7 +12,6 @@ constexpr UINT32 kStatusHeadBytes = 4;
 constexpr UINT32 kVendorOffset = 15;
 constexpr UINT32 kFilterSignatureBytes = 8;
 constexpr UINT32 kFilterHeadBytes = 12;
-constexpr UINT32 kInfoBufferBytes = 0x10000;
 constexpr UINT32 kModelStringCopyBytes = 0x200;
 
 constexpr UINT32 kFadtDsdtOffset = 40;
@@ -144,7 +143,7 @@ Bool SMI_IsSupport() {
     TraceLeave(name, u"Allocate memory failed");
     return false;
   }
-  if (!Oblis_10h(answer, kStatusBufferBytes)) {
+  if (!Oblis_10h({answer, kStatusBufferBytes})) {
     FreePoolAndNull(answer);
     TraceLeave(name, u"OBLIS 10h failed");
     return false;
@@ -226,7 +225,7 @@ Bool IsAcerPlatform() {
 Bool FuncOblis_11h() {
   const CHAR16* name = u"FuncOblis_11h";
   TraceEnter(name);
-  UINT8* answer = (UINT8*)AllocateZeroPool(kInfoBufferBytes);
+  UINT8* answer = (UINT8*)AllocateZeroPool(kOblisAnswerBytes);
   if (answer == nullptr) {
     LogPrint(kLogDetail, kTraceAllocateFailed);
     TraceLeave(name, nullptr);
@@ -236,7 +235,7 @@ Bool FuncOblis_11h() {
   ZeroMem(&info, sizeof(info));
   UINT8 ah = 0;
   UINT32 ecx = 0;
-  if (!Oblis_11h(answer, &ah, &ecx)) {
+  if (!Oblis_11h({answer, kOblisAnswerBytes}, &ah, &ecx)) {
     FreePoolAndNull(answer);
     TraceLeave(name, u"OBLIS 11h failed");
     return false;

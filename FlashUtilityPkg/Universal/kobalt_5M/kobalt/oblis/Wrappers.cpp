@@ -10,7 +10,6 @@ namespace {
 constexpr UINT8 kAcceptSuccess[] = {kOblisSuccess};
 constexpr UINT8 kAcceptSuccessOrUnsupported[] = {kOblisSuccess, kOblisUnsupported};
 
-constexpr UINT32 kMapCopyBytes = 0x10000;
 constexpr UINT32 kToolInfoDumpBytes = 64;
 constexpr UINT32 k10hDumpBytes = 64;
 constexpr UINT32 k11hDumpBytes = 0xA0;
@@ -20,6 +19,7 @@ constexpr UINT32 k13hMapDumpBytes = 0x30;
 const CHAR16 kReasonAllocateOblis[] = u"Allocate OBLIS memory failed";
 const CHAR16 kReasonAllocate10h[] = u"Allocate memory failed";
 const CHAR16 kReasonNullInput[] = u"Input buffer is NULL";
+const CHAR16 kReasonShortBuffer[] = u"Output buffer too short";
 const CHAR16 kLabelToolInformation[] = u"===== Tool Information =====\r\n";
 const CHAR16 kLabel10hInfo[] = u"===== 10h Info =====\r\n";
 const CHAR16 kLabel11hInfo[] = u"===== 11h Info =====\r\n";
@@ -31,19 +31,17 @@ OblisRetrySpec MakeSpec(const CHAR16* name, UINT8 function, Bool report) {
   return spec;
 }
 
-// Gets and zeroes the first shared buffer; closes the trace with reason on failure.
-Bool TakeBuffer(const CHAR16* name, const CHAR16* reason, UINT8** buffer) {
+// Gets and zeroes the first shared buffer; the wrapper closes its trace when there is none.
+Bool TakeBuffer(UINT8** buffer) {
   if (!GetOblisBuffer(kOblisBufferSize, buffer)) {
-    TraceLeave(name, reason);
     return false;
   }
   ZeroMem(*buffer, kOblisBufferSize);
   return true;
 }
 
-Bool TakeBothBuffers(const CHAR16* name, UINT8** buffer, UINT8** buffer2) {
+Bool TakeBothBuffers(UINT8** buffer, UINT8** buffer2) {
   if (!GetOblisBuffer(kOblisBufferSize, buffer) || !GetOblisBuffer2(kOblisBufferSize, buffer2)) {
-    TraceLeave(name, kReasonAllocateOblis);
     return false;
   }
   ZeroMem(*buffer, kOblisBufferSize);
@@ -83,11 +81,12 @@ struct BufferCall {
 
 }  // namespace
 
-Bool Oblis_10h(UINT8* out, UINT32 size) {
+Bool Oblis_10h(ImageView out) {
   const CHAR16* name = u"Oblis_10h";
   TraceEnter(name);
   UINT8* buffer = nullptr;
-  if (!TakeBuffer(name, kReasonAllocate10h, &buffer)) {
+  if (!TakeBuffer(&buffer)) {
+    TraceLeave(name, kReasonAllocate10h);
     return false;
   }
   StageToolInformation(buffer);
@@ -102,26 +101,33 @@ Bool Oblis_10h(UINT8* out, UINT32 size) {
   if (!RunOblisRetryLoop(&spec, attempt, &call, nullptr)) {
     return false;
   }
-  if (out != nullptr) {
+  // The answer fills as much of out as it holds: the register value first, then the buffer.
+  if (out.data != nullptr) {
+    UINT32 size = out.length;
     UINT8 head[4];
     WriteU32(head, call.value);
     UINT32 headBytes = size < 4 ? size : 4;
-    CopyMem(out, head, headBytes);
+    CopyMem(out.data, head, headBytes);
     if (size > 4) {
       UINT32 rest = size - 4;
-      CopyMem(out + 4, buffer, rest < kOblisBufferSize ? rest : kOblisBufferSize);
+      CopyMem(out.data + 4, buffer, rest < kOblisBufferSize ? rest : kOblisBufferSize);
     }
-    HexDumpFramed(kLabel10hInfo, out, size < k10hDumpBytes ? size : k10hDumpBytes);
+    HexDumpFramed(kLabel10hInfo, out.data, size < k10hDumpBytes ? size : k10hDumpBytes);
   }
   TraceLeave(name, nullptr);
   return true;
 }
 
-Bool Oblis_11h(UINT8* out, UINT8* ah, UINT32* ecx) {
+Bool Oblis_11h(ImageView out, UINT8* ah, UINT32* ecx) {
   const CHAR16* name = u"Oblis_11h";
   TraceEnter(name);
+  if (!ViewHolds(out, kOblisAnswerBytes)) {
+    TraceLeave(name, kReasonShortBuffer);
+    return false;
+  }
   UINT8* buffer = nullptr;
-  if (!TakeBuffer(name, kReasonAllocateOblis, &buffer)) {
+  if (!TakeBuffer(&buffer)) {
+    TraceLeave(name, kReasonAllocateOblis);
     return false;
   }
   BufferCall call = {PhysicalAddressOf(buffer), 0, 0, 0};
@@ -135,8 +141,8 @@ Bool Oblis_11h(UINT8* out, UINT8* ah, UINT32* ecx) {
     return false;
   }
   HexDumpFramed(kLabel11hInfo, buffer, k11hDumpBytes);
-  if (out != nullptr) {
-    CopyMem(out, buffer, kMapCopyBytes);
+  if (out.data != nullptr) {
+    CopyMem(out.data, buffer, kOblisAnswerBytes);
   }
   if (ah != nullptr) {
     *ah = (UINT8)(call.value >> 8);
@@ -148,12 +154,17 @@ Bool Oblis_11h(UINT8* out, UINT8* ah, UINT32* ecx) {
   return true;
 }
 
-Bool Oblis_12h(UINT8* protection, UINT8* privateMap) {
+Bool Oblis_12h(ImageView protection, ImageView privateMap) {
   const CHAR16* name = u"Oblis_12h";
   TraceEnter(name);
+  if (!ViewHolds(protection, kOblisAnswerBytes) || !ViewHolds(privateMap, kOblisAnswerBytes)) {
+    TraceLeave(name, kReasonShortBuffer);
+    return false;
+  }
   UINT8* buffer = nullptr;
   UINT8* buffer2 = nullptr;
-  if (!TakeBothBuffers(name, &buffer, &buffer2)) {
+  if (!TakeBothBuffers(&buffer, &buffer2)) {
+    TraceLeave(name, kReasonAllocateOblis);
     return false;
   }
   BufferCall call = {PhysicalAddressOf(buffer), PhysicalAddressOf(buffer2), 0, 0};
@@ -165,11 +176,11 @@ Bool Oblis_12h(UINT8* protection, UINT8* privateMap) {
   };
   Bool success = RunOblisRetryLoop(&spec, attempt, &call, nullptr);
   // Both lists are handed back whatever the outcome; the caller decides what a failure means.
-  if (protection != nullptr) {
-    CopyMem(protection, buffer, kMapCopyBytes);
+  if (protection.data != nullptr) {
+    CopyMem(protection.data, buffer, kOblisAnswerBytes);
   }
-  if (privateMap != nullptr) {
-    CopyMem(privateMap, buffer2, kMapCopyBytes);
+  if (privateMap.data != nullptr) {
+    CopyMem(privateMap.data, buffer2, kOblisAnswerBytes);
   }
   if (success) {
     TraceLeave(name, nullptr);
@@ -177,16 +188,21 @@ Bool Oblis_12h(UINT8* protection, UINT8* privateMap) {
   return success;
 }
 
-Bool Oblis_13h(UINT8* part, UINT8* blockMap) {
+Bool Oblis_13h(ImageView part, ImageView blockMap) {
   const CHAR16* name = u"Oblis_13h";
   TraceEnter(name);
-  if (part == nullptr || blockMap == nullptr) {
+  if (part.data == nullptr || blockMap.data == nullptr) {
     TraceLeave(name, kReasonNullInput);
+    return false;
+  }
+  if (!ViewHolds(part, kOblisAnswerBytes) || !ViewHolds(blockMap, kOblisAnswerBytes)) {
+    TraceLeave(name, kReasonShortBuffer);
     return false;
   }
   UINT8* buffer = nullptr;
   UINT8* buffer2 = nullptr;
-  if (!TakeBothBuffers(name, &buffer, &buffer2)) {
+  if (!TakeBothBuffers(&buffer, &buffer2)) {
+    TraceLeave(name, kReasonAllocateOblis);
     return false;
   }
   BufferCall call = {PhysicalAddressOf(buffer), PhysicalAddressOf(buffer2), 0, 0};
@@ -204,8 +220,8 @@ Bool Oblis_13h(UINT8* part, UINT8* blockMap) {
   LogPrint(kLogDetail, u"\r\n");
   HexDump(buffer2, k13hMapDumpBytes);
   LogPrint(kLogDetail, kLabel13hInfo);
-  CopyMem(part, buffer, kMapCopyBytes);
-  CopyMem(blockMap, buffer2, kMapCopyBytes);
+  CopyMem(part.data, buffer, kOblisAnswerBytes);
+  CopyMem(blockMap.data, buffer2, kOblisAnswerBytes);
   TraceLeave(name, nullptr);
   return true;
 }
@@ -216,7 +232,8 @@ Bool Oblis_16h(UINT8 clearCmos, UINT8 action, UINT8 complete) {
   LogPrint(kLogDetail, kTrace16hHead, clearCmos, action, FinishActionName(action), complete,
            FinishCompleteName(complete));
   UINT8* buffer = nullptr;
-  if (!TakeBuffer(name, kReasonAllocateOblis, &buffer)) {
+  if (!TakeBuffer(&buffer)) {
+    TraceLeave(name, kReasonAllocateOblis);
     return false;
   }
   OblisFinishRecord record;
@@ -263,11 +280,16 @@ Bool Oblis_1Ch(UINT8* status) {
   return true;
 }
 
-Bool Oblis_1Eh(UINT8* out) {
+Bool Oblis_1Eh(ImageView out) {
   const CHAR16* name = u"Oblis_1Eh";
   TraceEnter(name);
+  if (!ViewHolds(out, kWholeMapBytes)) {
+    TraceLeave(name, kReasonShortBuffer);
+    return false;
+  }
   UINT8* buffer = nullptr;
-  if (!TakeBuffer(name, kReasonAllocateOblis, &buffer)) {
+  if (!TakeBuffer(&buffer)) {
+    TraceLeave(name, kReasonAllocateOblis);
     return false;
   }
   BufferCall call = {PhysicalAddressOf(buffer), 0, 0, 0};
@@ -280,8 +302,8 @@ Bool Oblis_1Eh(UINT8* out) {
   if (!RunOblisRetryLoop(&spec, attempt, &call, nullptr)) {
     return false;
   }
-  if (out != nullptr) {
-    CopyMem(out, buffer, kWholeMapBytes);
+  if (out.data != nullptr) {
+    CopyMem(out.data, buffer, kWholeMapBytes);
   }
   TraceLeave(name, nullptr);
   return true;

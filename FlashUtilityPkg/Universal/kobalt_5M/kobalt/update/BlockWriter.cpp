@@ -12,9 +12,6 @@
 namespace {
 
 constexpr UINT32 kUpdateBufferSlack = 0x1000;
-constexpr UINT32 kHeldBackBytes = 0x1000;  // one byte a block, as many as the block table holds
-constexpr UINT8 kHeldBackNo = 1;
-constexpr UINT8 kHeldBackYes = 0;
 constexpr UINT32 kHookPointStartWriteRom = 3;
 constexpr UINT8 kExternalBios = 1;
 constexpr UINT8 kExternalMe = 2;
@@ -26,9 +23,6 @@ constexpr UINT8 kOdmStatusGood = 1;
 constexpr UINT8 kOdmStatusBad = 2;
 constexpr UINT8 kFinishCompleteSuccess = 1;
 
-constexpr UINT16 kMarkCompared = 'S';
-constexpr UINT16 kMarkWritten = 'W';
-constexpr UINT16 kMarkVerified = 'V';
 constexpr UINT16 kMarkProtected = '.';
 constexpr UINT16 kMarkHeldBack = 'X';
 
@@ -45,6 +39,7 @@ constexpr CHAR16 kTraceEfiUpdate[] = u" Efi update via15h\r\n-----+------------\
 constexpr CHAR16 kTraceEntireLegacy[] = u" entire Legacy\r\n-----+------\r\n  13h  0x%x\r\n   FD  0x%x\r\n   EC  %dK";
 constexpr CHAR16 kTraceRegionLegacy[] = u" region Legacy\r\n-----+------\r\n  17h  0x%x\r\n   FD  0x%x\r\n   EC  %dK";
 constexpr CHAR16 kErrorBlocksPastRom[] = u"ERROR!\r\nThe flash blocks reach past the ROM size. (0x%x)\r\n";
+constexpr CHAR16 kErrorBlocksPastBuffer[] = u"ERROR!\r\nThe flash blocks reach past the update buffer. (0x%x)\r\n";
 constexpr CHAR16 kLabelBlockTable[] = u"===== Rom Block Protect Table =====\r\n";
 constexpr CHAR16 kTraceWriteBvdt[] = u"Write BVDT block 0x%08x size 0x%x\r\n";
 constexpr CHAR16 kTraceVerifyFailed[] = u"Verify failed (%d)\r\n";
@@ -66,8 +61,6 @@ constexpr CHAR16 kReasonVerify[] = u"Verify failed";
 struct BlockWriterState {
   UINT8* updateBuffer;
   UINT32 updateBufferBytes;
-  UINT16 blockMark;
-  UINT8 heldBack[kHeldBackBytes];
 };
 constinit BlockWriterState gWriter = {};
 
@@ -104,14 +97,14 @@ UINT32 WriteAttempts() {
   return attempts == 0 ? 1 : attempts;
 }
 
-// The blocks must lie within the update buffer's ROM image; a part whose blocks add up to more
-// than the ROM is refused before anything is written.
-Bool BlocksFitRom(const FlashBlock* table, UINT32 count) {
+// The blocks are laid end to end from the start of the buffer; a part whose blocks add up to
+// more than bytes is refused before anything is written.
+Bool BlocksFit(const FlashBlock* table, UINT32 count, UINT32 bytes) {
   UINT64 total = 0;
   for (UINT32 i = 0; i < count; i++) {
     total += table[i].size;
   }
-  return total <= GetRomSize();
+  return total <= bytes;
 }
 
 // The bar's position for block index of count: integer percent; a single-block flash shows 0
@@ -124,6 +117,23 @@ UINT8 BlockPercent(UINT32 index, UINT32 count) {
 }
 
 Bool InRange(UINT32 address, UINT32 first, UINT32 last) { return address >= first && address <= last; }
+
+// The flash range that holds the BVDT; a zero size means no block is held back for last.
+struct BvdtRange {
+  UINT32 address;
+  UINT32 size;
+};
+
+// A block is held back for the second pass exactly when its first or last byte lies in the
+// BVDT range.
+Bool OverlapsBvdt(const FlashBlock& block, BvdtRange bvdt) {
+  if (bvdt.size == 0) {
+    return false;
+  }
+  UINT32 bvdtLast = bvdt.address + bvdt.size - 1;
+  UINT32 blockLast = block.address + block.size - 1;
+  return InRange(block.address, bvdt.address, bvdtLast) || InRange(blockLast, bvdt.address, bvdtLast);
+}
 
 // On the launcher path a locked ME region is found by reading it once: the firmware answers
 // such a read with 0x2A, and the update then leaves the region alone instead of failing in it.
@@ -139,7 +149,7 @@ VOID ProbeMeLock(UINT32 size) {
   }
   UINT32 address = GetRomBase() + offset;
   LogPrint(kLogDetail, kTraceMeProbe, address);
-  SMI_ReadRom(address, GetBlockSize(), nullptr);
+  SMI_ReadRom(address, GetBlockSize(), {});
   if (IsMeLocked()) {
     SetSkipMeRegion();
     Print(kWarningMeLocked);
@@ -147,35 +157,23 @@ VOID ProbeMeLock(UINT32 size) {
   }
 }
 
-// Steps 4 and 5 shared by both entries: the region maps when a part of the ROM is chosen, then
-// the image laid into the update buffer.
-Bool LayOutImage(const UINT8* image, UINT32 size, UINT32 romSize, const CHAR16* name, Bool launcher) {
+// What both entries share before the write: the region maps when a part of the ROM is chosen,
+// then the image laid into the update buffer. Gives the reason of a failure (null on success);
+// the entry closes its own trace with it.
+const CHAR16* LayOutImage(const UINT8* image, UINT32 size, UINT32 romSize, Bool launcher) {
   if (GetRegionFlags() != 0 || size < romSize) {
     if (!GetExternalMaps(image, size)) {
-      TraceLeave(name, kReasonExternalMaps);
-      return false;
+      return kReasonExternalMaps;
     }
   }
   if (launcher) {
     ProbeMeLock(size);
   }
   Bool laidOut = size < romSize ? UpdateRegionLegacy(image, size) : UpdateEntireLegacy(image, size);
-  if (!laidOut) {
-    TraceLeave(name, kReasonLayout);
-    return false;
-  }
-  return true;
+  return laidOut ? nullptr : kReasonLayout;
 }
 
 }  // namespace
-
-VOID SetBlockMark(UINT16 mark) { gWriter.blockMark = mark; }
-
-UINT16 TakeBlockMark() {
-  UINT16 mark = gWriter.blockMark;
-  gWriter.blockMark = 0;
-  return mark;
-}
 
 Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
   UINT32 romSize = GetRomSize();
@@ -186,7 +184,8 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
     return false;
   }
   LogPrint(kLogSettings, kTraceImageSize, size);
-  if (!LayOutImage(image, size, romSize, kFuncUpdateVia15h, false)) {
+  if (const CHAR16* reason = LayOutImage(image, size, romSize, false)) {
+    TraceLeave(kFuncUpdateVia15h, reason);
     return false;
   }
   // Without the tool's own platform name check the firmware sees the whole ROM image first.
@@ -199,13 +198,13 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
     TraceLeave(kFuncUpdateVia15h, kReasonOemMe);
     return false;
   }
-  Bool written = WriteBlocks(gWriter.updateBuffer);
+  Bool written = WriteBlocks({gWriter.updateBuffer, gWriter.updateBufferBytes});
   SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
   if (!written) {
     TraceLeave(kFuncUpdateVia15h, kReasonWrite);
     return false;
   }
-  SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishCompleteSuccess);
+  SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishCompleteSuccess, CommonFlashFinishAction);
   TraceLeave(kFuncUpdateVia15h, nullptr);
   return true;
 }
@@ -224,17 +223,18 @@ Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
     return false;
   }
   LogPrint(kLogSettings, kTraceEfiUpdate, size);
-  if (!LayOutImage(image, size, romSize, kEfiUpdateVia15h, true)) {
+  if (const CHAR16* reason = LayOutImage(image, size, romSize, true)) {
+    TraceLeave(kEfiUpdateVia15h, reason);
     return false;
   }
-  Bool written = WriteBlocks(gWriter.updateBuffer);
+  Bool written = WriteBlocks({gWriter.updateBuffer, gWriter.updateBufferBytes});
   SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
   gBS->Stall(kLauncherResultStall);
   if (!written) {
     TraceLeave(kEfiUpdateVia15h, kReasonWrite);
     return false;
   }
-  SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishCompleteSuccess);
+  SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishCompleteSuccess, CommonFlashFinishAction);
   TraceLeave(kEfiUpdateVia15h, nullptr);
   return true;
 }
@@ -257,7 +257,7 @@ Bool UpdateEntireLegacy(const UINT8* image, UINT32 size) {
   if (GetRegionFlags() != 0) {
     SetRsvd_17h();
   }
-  SetRsvd_13h();
+  SetRsvd_13h(IsSecureBootSupport);
   return true;
 }
 
@@ -300,15 +300,15 @@ Bool UpdateRegionLegacy(const UINT8* image, UINT32 size) {
     CopyMem(gWriter.updateBuffer + biosOffset, image + ecSize, biosBytes);
   }
   SetRsvd_17h();
-  SetRsvd_13h();
+  SetRsvd_13h(IsSecureBootSupport);
   return true;
 }
 
-Bool WriteBlocks(UINT8* buffer) {
+Bool WriteBlocks(ImageView buffer) {
   TraceEnter(kWriteBlocks);
   FlashBlock* table = CopyBlockTable();
   UINT32 count = GetBlockCount();
-  if (table == nullptr || buffer == nullptr) {
+  if (table == nullptr || buffer.data == nullptr) {
     FreePoolAndNull(table);
     TraceLeave(kWriteBlocks, kReasonBlockTable);
     return false;
@@ -316,8 +316,14 @@ Bool WriteBlocks(UINT8* buffer) {
   if (count > kFlashBlockEntries) {
     count = kFlashBlockEntries;
   }
-  if (!BlocksFitRom(table, count)) {
+  if (!BlocksFit(table, count, GetRomSize())) {
     Print(kErrorBlocksPastRom, GetRomSize());
+    FreePoolAndNull(table);
+    TraceLeave(kWriteBlocks, kReasonBlockTable);
+    return false;
+  }
+  if (!BlocksFit(table, count, buffer.length)) {
+    Print(kErrorBlocksPastBuffer, buffer.length);
     FreePoolAndNull(table);
     TraceLeave(kWriteBlocks, kReasonBlockTable);
     return false;
@@ -328,51 +334,47 @@ Bool WriteBlocks(UINT8* buffer) {
 
   // The block or blocks that hold the BVDT go after all others, so that a stopped update
   // leaves the old identity in place and the firmware still knows what it runs.
-  SetMem(gWriter.heldBack, sizeof(gWriter.heldBack), kHeldBackNo);
-  UINT32 bvdtAddress = 0;
-  UINT32 bvdtSize = 0;
-  Bool bvdtPass = FindBvdtBlock(&bvdtAddress, &bvdtSize) && bvdtSize != 0;
-  UINT32 bvdtLast = bvdtAddress + bvdtSize - 1;
+  BvdtRange bvdt = {0, 0};
+  if (!FindBvdtBlock(&bvdt.address, &bvdt.size)) {
+    bvdt.size = 0;
+  }
 
   UINT32 offset = 0;
   for (UINT32 i = 0; i < count; i++) {
     const FlashBlock& block = table[i];
-    UINT32 blockOffset = offset;
+    ImageView data = {buffer.data + offset, block.size};
     offset += block.size;
     ShowProgress(BlockPercent(i, count));
     if (block.protectedFlag != 0) {
       AddBlockMark(DescribeBlock(block.address, kMarkProtected));
       continue;
     }
-    UINT32 blockLast = block.address + block.size - 1;
-    if (bvdtPass && (InRange(block.address, bvdtAddress, bvdtLast) || InRange(blockLast, bvdtAddress, bvdtLast))) {
-      gWriter.heldBack[i] = kHeldBackYes;
+    if (OverlapsBvdt(block, bvdt)) {
       AddBlockMark(DescribeBlock(block.address, kMarkHeldBack));
       continue;
     }
-    if (!SMI_WriteRom(block.address, buffer + blockOffset, block.size)) {
+    BlockResult result = SMI_WriteRom(block.address, data);
+    if (result == BlockResult::Failed) {
       FreePoolAndNull(table);
       TraceLeave(kWriteBlocks, kReasonWrite);
       return false;
     }
-    AddBlockMark(DescribeBlock(block.address, TakeBlockMark()));
+    AddBlockMark(DescribeBlock(block.address, (UINT16)result));
   }
 
-  if (bvdtPass) {
-    offset = 0;
-    for (UINT32 i = 0; i < count; i++) {
-      const FlashBlock& block = table[i];
-      UINT32 blockOffset = offset;
-      offset += block.size;
-      if (gWriter.heldBack[i] == kHeldBackNo) {
-        continue;
-      }
-      LogPrint(kLogDetail, kTraceWriteBvdt, block.address, block.size);
-      if (!SMI_WriteRom(block.address, buffer + blockOffset, block.size)) {
-        FreePoolAndNull(table);
-        TraceLeave(kWriteBlocks, kReasonWrite);
-        return false;
-      }
+  offset = 0;
+  for (UINT32 i = 0; i < count; i++) {
+    const FlashBlock& block = table[i];
+    ImageView data = {buffer.data + offset, block.size};
+    offset += block.size;
+    if (block.protectedFlag != 0 || !OverlapsBvdt(block, bvdt)) {
+      continue;
+    }
+    LogPrint(kLogDetail, kTraceWriteBvdt, block.address, block.size);
+    if (SMI_WriteRom(block.address, data) == BlockResult::Failed) {
+      FreePoolAndNull(table);
+      TraceLeave(kWriteBlocks, kReasonWrite);
+      return false;
     }
   }
 
@@ -385,24 +387,22 @@ Bool WriteBlocks(UINT8* buffer) {
   return true;
 }
 
-Bool SMI_WriteRom(UINT32 address, const UINT8* data, UINT32 size) {
+BlockResult SMI_WriteRom(UINT32 address, ImageView block) {
   TraceEnter(kSmiWriteRom);
   Bool verify = Settings()->others.disableVerify == 0;
   UINT32 attempts = WriteAttempts();
-  if (CompareEnabled() && CompareCurrentFD(address, size, data)) {
-    SetBlockMark(kMarkCompared);
+  if (CompareEnabled() && CompareCurrentFD(address, block.length, block.data)) {
     TraceLeave(kSmiWriteRom, nullptr);
-    return true;
+    return BlockResult::Compared;
   }
   Bool verifyFailed = false;
   for (UINT32 attempt = 0; attempt < attempts; attempt++) {
     UINT8 status = 0;
     // The channel has already retried a failing call; a refused write is not tried again here.
-    if (!Oblis_15h(data, size, address, &status)) {
+    if (!Oblis_15h(block.data, block.length, address, &status)) {
       TraceLeave(kSmiWriteRom, kReasonWrite);
-      return false;
+      return BlockResult::Failed;
     }
-    SetBlockMark(kMarkWritten);
     if (status == kOblisBlockSkipped) {
       // The firmware skipped this block: there is nothing of ours to read back.
       verify = false;
@@ -410,20 +410,19 @@ Bool SMI_WriteRom(UINT32 address, const UINT8* data, UINT32 size) {
     if (!verify) {
       break;
     }
-    if (CompareCurrentFD(address, size, data)) {
-      SetBlockMark(kMarkVerified);
+    if (CompareCurrentFD(address, block.length, block.data)) {
       TraceLeave(kSmiWriteRom, nullptr);
-      return true;
+      return BlockResult::Verified;
     }
     verifyFailed = true;
     LogPrint(kLogDetail, kTraceVerifyFailed, attempt);
   }
   if (verifyFailed) {
     TraceLeave(kSmiWriteRom, kReasonVerify);
-    return false;
+    return BlockResult::Failed;
   }
   TraceLeave(kSmiWriteRom, nullptr);
-  return true;
+  return BlockResult::Written;
 }
 
 Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data) {
@@ -435,7 +434,7 @@ Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data) {
     return false;
   }
   // A read into the locked ME region counts as read: the buffer then decides.
-  if (!SMI_ReadRom(address, size, current)) {
+  if (!SMI_ReadRom(address, size, {current, size})) {
     FreePoolAndNull(current);
     LogPrint(kLogDetail, kTraceCompareFail);
     return false;

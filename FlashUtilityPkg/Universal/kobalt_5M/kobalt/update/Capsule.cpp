@@ -274,7 +274,10 @@ Bool FuncUpdate_via48h(const UINT8* image, UINT32 size) {
       TraceLeave(kFuncUpdateVia48h, kReasonSizeEc);
       return false;
     }
-    LoadSecureEc(image, size);
+    ImageView ec = SecureEcSlot(image, size);
+    if (ec.length != 0) {
+      KeepEcImage(ec.data, ec.length);
+    }
   }
   if (romSize > payload.length) {
     if (!FuncSize_region48h(payload.data, payload.length)) {
@@ -396,9 +399,9 @@ Bool CapsuleFlash(const UINT8* image, UINT32 size) {
   // On the partition road the action stays as settings and options make it; on the memory road
   // the firmware's answer decides what follows.
   if (viaEsp) {
-    SetStatus_16h(0, kFinishLeaveAsIs, 0);
+    SetStatus_16h(0, kFinishLeaveAsIs, 0, CommonFlashFinishAction);
   } else {
-    SetStatus_16h(0, IndexToAction_16h(capsule.capsuleAction), 0);
+    SetStatus_16h(0, IndexToAction_16h(capsule.capsuleAction), 0, CommonFlashFinishAction);
   }
   capsule.capsuleStaged = true;
   return true;

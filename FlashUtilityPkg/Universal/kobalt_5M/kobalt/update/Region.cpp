@@ -56,7 +56,6 @@ constexpr CHAR16 kTraceBiosPlace[] = u" BIOS Region: Offset (0x%x) Size (0x%x)\r
 constexpr CHAR16 kTraceMePlace[] = u" ME Region: Offset (0x%x) Size (0x%x)\r\n";
 constexpr CHAR16 kTracePlaceRefused[] = u"Region image not placed: 0x%x bytes at 0x%x pass the ROM end\r\n";
 constexpr CHAR16 kTraceSetRsvd17h[] = u"Set Rsvd 17h |enable| (0x%x)\r\n";
-constexpr CHAR16 kTraceMeLocked[] = u"ME |LOCKED|\r\n";
 constexpr CHAR16 kGetExternalMaps[] = u"GetExternalMaps";
 constexpr CHAR16 kReasonAllocate[] = u"Allocate memory failed";
 constexpr CHAR16 kReasonOblis17h[] = u"OBLIS 17h failed";
@@ -69,7 +68,6 @@ struct ExternalList {
 
 struct RegionState {
   UINT8 flags;
-  Bool meLocked;
   Bool skipMeRegion;
   UINT8* answer;  // the 17h answer the lists point into, kept for the run
   ExternalList current;
@@ -179,7 +177,7 @@ Bool GetExternalMaps(const UINT8* image, UINT32 length) {
   if (image != nullptr) {
     CopyMem(in, image, length < kExternalMapBytes ? length : kExternalMapBytes);
   }
-  Bool answered = Oblis_17h(in, out);
+  Bool answered = Oblis_17h(in, {out, kExternalMapBytes});
   FreePoolAndNull(in);
   if (!answered) {
     FreePoolAndNull(out);
@@ -333,15 +331,6 @@ VOID SetRsvd_17h() {
     UINT32 start = romBase + offset;
     MarkBlocks(start, RegionLast(start, size), kFlagClosed);
   }
-}
-
-Bool IsMeLocked() { return gRegion.meLocked; }
-
-VOID SetMeLocked() {
-  if (!gRegion.meLocked) {
-    LogPrint(kLogDetail, kTraceMeLocked);
-  }
-  gRegion.meLocked = true;
 }
 
 VOID SetSkipMeRegion() { gRegion.skipMeRegion = true; }

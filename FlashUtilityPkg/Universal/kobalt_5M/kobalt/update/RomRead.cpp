@@ -1,6 +1,6 @@
-// Reading the flash through function 14h: the single read primitive SMI_ReadRom, the read of the
-// whole ROM in block table order, and the -g command that saves it to a file. What a locked ME
-// means for an update is region selection's business; the query dispatcher lives in Queries.cpp.
+// Reading the flash: the read of the whole ROM in block table order through SMI_ReadRom, and the
+// -g command that saves it to a file. What a locked ME means for an update is region selection's
+// business; the query dispatcher lives in Queries.cpp.
 #include "frame/Frame.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
@@ -10,10 +10,8 @@ namespace {
 
 constexpr UINT32 kHookPointStartReadRom = 2;
 
-constexpr CHAR16 kSmiReadRom[] = u"SMI_ReadRom";
 constexpr CHAR16 kReadWholeRom[] = u"ReadWholeRom";
 constexpr CHAR16 kReasonAllocate[] = u"Allocate memory failed";
-constexpr CHAR16 kReasonOblis14h[] = u"OBLIS 14h failed";
 constexpr CHAR16 kReasonNoBlockTable[] = u"No block table";
 constexpr CHAR16 kReasonBlocksPastRom[] = u"Blocks reach past the ROM size";
 constexpr CHAR16 kReasonReadFailed[] = u"Read ROM failed";
@@ -36,38 +34,6 @@ UINT32 Percent(UINT32 done, UINT32 total) {
 }
 
 }  // namespace
-
-// One call of 14h fills at most the shared buffer, so a longer read goes in pieces of that size.
-Bool SMI_ReadRom(UINT32 address, UINT32 size, UINT8* data) {
-  TraceEnter(kSmiReadRom);
-  UINT8* buffer = (UINT8*)AllocateZeroPool(size != 0 ? size : 1);
-  if (buffer == nullptr) {
-    TraceLeave(kSmiReadRom, kReasonAllocate);
-    return false;
-  }
-  Bool locked = false;
-  UINT32 done = 0;
-  do {
-    UINT32 piece = size - done < kOblisBufferSize ? size - done : kOblisBufferSize;
-    UINT8 status = kOblisNoAttempt;
-    if (!Oblis_14h(address + done, piece, buffer + done, &status)) {
-      FreePoolAndNull(buffer);
-      TraceLeave(kSmiReadRom, kReasonOblis14h);
-      return false;
-    }
-    locked = locked || status == kOblisLockedMe;
-    done += piece;
-  } while (done < size);
-  if (locked) {
-    SetMeLocked();
-  }
-  if (data != nullptr) {
-    CopyMem(data, buffer, size);
-  }
-  FreePoolAndNull(buffer);
-  TraceLeave(kSmiReadRom, nullptr);
-  return true;
-}
 
 // The protected flag plays no part: -g saves the whole part, protected blocks included.
 Bool ReadWholeRom(UINT8** data, UINT32* size) {
@@ -106,7 +72,7 @@ Bool ReadWholeRom(UINT8** data, UINT32* size) {
       TraceLeave(kReadWholeRom, kReasonBlocksPastRom);
       return false;
     }
-    if (!SMI_ReadRom(table[index].address, blockSize, buffer + done)) {
+    if (!SMI_ReadRom(table[index].address, blockSize, {buffer + done, romSize - done})) {
       FreePoolAndNull(table);
       FreePoolAndNull(buffer);
       TraceLeave(kReadWholeRom, kReasonReadFailed);

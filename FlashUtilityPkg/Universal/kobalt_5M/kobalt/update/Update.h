@@ -9,8 +9,6 @@
 struct BlockMapEntry;
 
 // ---- ROM read and queries ----
-// data may be null: the read then only has its effect on the ME lock.
-Bool SMI_ReadRom(UINT32 address, UINT32 size, UINT8* data);
 Bool ReadWholeRom(UINT8** data, UINT32* size);
 Bool SaveRomToFile(const CHAR16* name);
 VOID RunQueryCommand(const CHAR16* imageName);
@@ -33,8 +31,6 @@ Bool FindCurrentRegion(UINT8 type, UINT32* offset, UINT32* size, UINT8* access);
 Bool CheckRegionSize(UINT32 size);
 VOID PlaceRegionImage(UINT8* buffer, const UINT8* image, UINT32 size);
 VOID SetRsvd_17h();
-Bool IsMeLocked();
-VOID SetMeLocked();
 VOID SetSkipMeRegion();
 Bool IsSkipMeRegion();
 
@@ -43,11 +39,13 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size);
 Bool EfiUpdate_via15h(const UINT8* image, UINT32 size);
 Bool UpdateEntireLegacy(const UINT8* image, UINT32 size);
 Bool UpdateRegionLegacy(const UINT8* image, UINT32 size);
-Bool WriteBlocks(UINT8* buffer);
-Bool SMI_WriteRom(UINT32 address, const UINT8* data, UINT32 size);
+// Writes the blocks of the table that buffer holds, laid end to end; a table that reaches past
+// the ROM or past buffer is refused before the first write.
+Bool WriteBlocks(ImageView buffer);
+// What SMI_WriteRom did to a block; the values are the block map's letters.
+enum class BlockResult : UINT16 { Failed = 0, Compared = 'S', Written = 'W', Verified = 'V' };
+BlockResult SMI_WriteRom(UINT32 address, ImageView block);
 Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data);
-VOID SetBlockMark(UINT16 mark);
-UINT16 TakeBlockMark();
 // The block map entry of a block the writer has just marked: the facts the trace shows of it.
 BlockMapEntry DescribeBlock(UINT32 address, UINT16 mark);
 // The EC part in front of a BIOS image: its size check and where it is kept.
