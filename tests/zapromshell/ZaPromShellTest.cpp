@@ -90,7 +90,7 @@ struct HostRun {
   // The volume's own nodes, then one file node for the driver, then the end.
   std::vector<UINT8> DriverPath(const std::u16string& file) {
     VOID* device = nullptr;
-    gBS->HandleProtocol(environment.VolumeHandle(0), &kDevicePathProtocolGuid, &device);
+    environment.SystemTable()->BootServices->HandleProtocol(environment.VolumeHandle(0), &kDevicePathProtocolGuid, &device);
     std::vector<UINT8> path;
     for (auto* at = static_cast<const UINT8*>(device); at[0] != kDevicePathTypeEnd; at += at[2] | at[3] << 8) path.insert(path.end(), at, at + (at[2] | at[3] << 8));
     for (UINT8 b : Path({file})) path.push_back(b);
