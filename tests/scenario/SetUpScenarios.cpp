@@ -1,5 +1,6 @@
 // Whole runs of the set-up on simulated machines: the first OBLIS calls, a refusal of the
-// firmware and of a gate in their exact words, and a retried call that gets through.
+// firmware and of a gate in their exact words, a retried call that gets through, and the image
+// file that the [MULTI_FD] rules pick on the machine.
 #include <gtest/gtest.h>
 
 #include "SimRun.h"
@@ -67,6 +68,36 @@ TEST(SetUpScenarios, FirmwareAnswersDecideHowFarTheSetUpGoes) {
     if (!row.calls.empty()) {
       EXPECT_EQ(WithoutRepeats(result.FunctionOrder()), row.calls);
     }
+    ExpectInOrder(result.console, row.console, "console");
+    ExpectInOrder(result.log, row.log, "ZAPROM.Log");
+  }
+}
+
+// [MULTI_FD] rules beside the tool: the machine's own port and PCI values pick the image file.
+TEST(SetUpScenarios, TheFirstMultiImageRuleThatHoldsOnThisMachineNamesTheImage) {
+  // A board whose revision port reads 0x02 and whose LPC bridge has the ID A3C8 8086.
+  const char* board = R"({"io_ports": {"0xC0": {"value": "0x5AABFE02", "width": 4}},
+    "pci": [{"bus": 0, "device": "0x1F", "function": 0, "offset": 0, "value": "0xA3C88086"}]})";
+  const struct {
+    const char* name;
+    const char* rules;
+    std::vector<std::string> console, log;
+  } rows[] = {
+      {"second rule holds", "FD#01=IO,C0,FF,07,board7.fd\r\nFD#02=PCI,0,1F,0,0,FFFFFFFF,A3C88086,lpc.fd\r\n",
+       {"Error: Get image platform info failed.\r\n"},
+       {"formal ref. configure | ext|\r\n", "formal ref. configure | FD|\r\n", "Legacy |FD| 0x10\r\n"}},
+      {"no rule holds", "FD#01=IO,C0,FF,07,board7.fd\r\nFD#02=PCI,0,1F,0,0,FFFF,1234,lpc.fd\r\n",
+       {"No match file in Multi-FD.\r\n"}, {"<=== ShellFlashMain (failed)"}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    SimRequest request;
+    request.machineJson = board;
+    request.arguments = {"-dbg"};
+    request.volumeFiles = {{"platform.ini", std::string("[MULTI_FD]\r\nFlag=1\r\n") + row.rules},
+                           {"lpc.fd", std::string(16, '\xA5')}};
+    SimResult result = RunSim(request);
+    EXPECT_EQ(result.exitCode, 1) << result.errors;
     ExpectInOrder(result.console, row.console, "console");
     ExpectInOrder(result.log, row.log, "ZAPROM.Log");
   }
