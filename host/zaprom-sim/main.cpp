@@ -149,11 +149,14 @@ bool ReportLiveBlocks(const emu::Environment& environment) {
   for (const emu::LiveBlock& block : live) bytes += block.size;
   std::fprintf(stderr, "zaprom-sim: %zu block%s (%llu bytes) still allocated when the tool returned\n", live.size(),
                live.size() == 1 ? "" : "s", static_cast<unsigned long long>(bytes));
-  for (const emu::LiveBlock& block : live)
+  // The first ones are named; a block lost on every pass of a loop would otherwise bury the rest.
+  constexpr size_t kNamed = 16;
+  for (size_t i = 0; i < live.size() && i < kNamed; ++i)
     std::fprintf(stderr, "zaprom-sim:   %s of %llu bytes, allocation %llu, called from 0x%llx: %s\n",
-                 block.pool ? "pool block" : "page range", static_cast<unsigned long long>(block.size),
-                 static_cast<unsigned long long>(block.serial), static_cast<unsigned long long>(block.caller),
-                 block.content.c_str());
+                 live[i].pool ? "pool block" : "page range", static_cast<unsigned long long>(live[i].size),
+                 static_cast<unsigned long long>(live[i].serial), static_cast<unsigned long long>(live[i].caller),
+                 live[i].content.c_str());
+  if (live.size() > kNamed) std::fprintf(stderr, "zaprom-sim:   and %zu more\n", live.size() - kNamed);
   return false;
 }
 
