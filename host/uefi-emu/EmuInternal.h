@@ -25,6 +25,8 @@ struct MemoryBlock {
   size_t length = 0;
   bool pool = false;
   size_t pages = 0;
+  uint64_t serial = 0;      // the how-manieth allocation of the run, counted from 1
+  uintptr_t caller = 0;     // the return address of the AllocatePool or AllocatePages call
 };
 
 // Standard layout, so that the This pointer of a file system call leads back to its volume.
@@ -68,6 +70,7 @@ struct State {
 
   // memory, keyed by the address handed out
   std::map<uintptr_t, MemoryBlock> blocks;
+  uint64_t allocations = 0;
 
   // clock
   uint64_t stalled = 0;
@@ -134,7 +137,7 @@ bool ParseGuid(const std::string& text, EFI_GUID& guid);
 // Pieces of the tables, each filled in by the file that implements it.
 void InstallMemoryServices(EFI_BOOT_SERVICES& services);
 void ReleaseAllMemory();
-void* AllocateHostPool(size_t size);
+void* AllocateHostPool(size_t size, uintptr_t caller = 0);
 void InstallConsole(State& state);
 void InstallHandleServices(EFI_BOOT_SERVICES& services);
 EFI_HANDLE NewHandle();

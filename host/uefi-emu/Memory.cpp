@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -84,7 +85,7 @@ void* MapBelow(uint64_t limit, size_t length) {
 }
 
 // Maps pages plus one guard page behind them and registers the block.
-MemoryBlock* MapBlock(size_t pages, uint64_t limit, uintptr_t fixedAddress) {
+MemoryBlock* MapBlock(size_t pages, uint64_t limit, uintptr_t fixedAddress, uintptr_t caller) {
   size_t mapLength = (pages + 1) * kPage;
   void* p = nullptr;
   if (fixedAddress != 0) {
@@ -108,12 +109,14 @@ MemoryBlock* MapBlock(size_t pages, uint64_t limit, uintptr_t fixedAddress) {
   block.base = block.mapBase;
   block.length = pages * kPage;
   block.pages = pages;
+  block.serial = ++g->allocations;
+  block.caller = caller;
   return &g->blocks.emplace(block.base, block).first->second;
 }
 
 EFI_STATUS EFIAPI AllocatePool(EFI_MEMORY_TYPE, UINTN size, VOID** buffer) {
   if (buffer == nullptr) return EFI_INVALID_PARAMETER;
-  *buffer = AllocateHostPool(size);
+  *buffer = AllocateHostPool(size, reinterpret_cast<uintptr_t>(__builtin_return_address(0)));
   return *buffer == nullptr ? EFI_OUT_OF_RESOURCES : EFI_SUCCESS;
 }
 
@@ -132,18 +135,19 @@ EFI_STATUS EFIAPI AllocatePages(EFI_ALLOCATE_TYPE type, EFI_MEMORY_TYPE, UINTN p
   if (memory == nullptr || type >= MaxAllocateType || pages == 0) return EFI_INVALID_PARAMETER;
   if (pages > (1u << 20)) return EFI_OUT_OF_RESOURCES;  // 4 GB is all there is
   MemoryBlock* block = nullptr;
+  const uintptr_t caller = reinterpret_cast<uintptr_t>(__builtin_return_address(0));
   switch (type) {
     case AllocateAnyPages:
-      block = MapBlock(pages, 0xFFFFFFFF, 0);
+      block = MapBlock(pages, 0xFFFFFFFF, 0, caller);
       break;
     case AllocateMaxAddress:
       if (*memory < kPage) return EFI_OUT_OF_RESOURCES;
-      block = MapBlock(pages, *memory < 0xFFFFFFFF ? *memory : 0xFFFFFFFF, 0);
+      block = MapBlock(pages, *memory < 0xFFFFFFFF ? *memory : 0xFFFFFFFF, 0, caller);
       break;
     case AllocateAddress:
       if ((*memory & (kPage - 1)) != 0 || *memory == 0) return EFI_NOT_FOUND;
       if (*memory + pages * kPage > 0x100000000ULL) return EFI_NOT_FOUND;
-      block = MapBlock(pages, 0, static_cast<uintptr_t>(*memory));
+      block = MapBlock(pages, 0, static_cast<uintptr_t>(*memory), caller);
       if (block == nullptr) return EFI_NOT_FOUND;
       break;
     default:
@@ -174,11 +178,11 @@ EFI_STATUS EFIAPI FreePages(EFI_PHYSICAL_ADDRESS memory, UINTN pages) {
 }  // namespace
 
 // The block is placed so that its end, rounded up to 8 bytes, touches the guard page.
-void* AllocateHostPool(size_t size) {
+void* AllocateHostPool(size_t size, uintptr_t caller) {
   if (size > 0xFFFFFFFFu - 2 * kPage) return nullptr;
   size_t rounded = (size + 7) & ~static_cast<size_t>(7);
   size_t pages = rounded == 0 ? 1 : (rounded + kPage - 1) / kPage;
-  MemoryBlock* block = MapBlock(pages, 0xFFFFFFFF, 0);
+  MemoryBlock* block = MapBlock(pages, 0xFFFFFFFF, 0, caller);
   if (block == nullptr) return nullptr;
   MemoryBlock pool = *block;
   g->blocks.erase(block->base);
@@ -218,6 +222,51 @@ bool Environment::ContainsAddress(uint64_t address, uint64_t length) const {
   return address >= block.base && end <= block.base + block.length;
 }
 
-size_t Environment::LiveAllocations() const { return detail::g->blocks.size(); }
+namespace {
+
+// The first bytes of a block as a reader recognises them: 16-bit text (most of what the tool
+// allocates is), 8-bit text, or hex.
+std::string ContentHint(const uint8_t* data, size_t length) {
+  constexpr size_t kShown = 32;
+  auto printable = [](unsigned c) { return c >= 0x20 && c < 0x7F; };
+  std::string wide, narrow, hex;
+  bool isWide = length >= 2, isNarrow = length >= 1;
+  for (size_t i = 0; i + 1 < length && isWide && wide.size() < kShown; i += 2) {
+    if (data[i] == 0 && data[i + 1] == 0 && i > 0) break;
+    isWide = data[i + 1] == 0 && printable(data[i]);
+    wide += static_cast<char>(data[i]);
+  }
+  for (size_t i = 0; i < length && isNarrow && narrow.size() < kShown; ++i) {
+    if (data[i] == 0 && i > 0) break;
+    isNarrow = printable(data[i]);
+    narrow += static_cast<char>(data[i]);
+  }
+  if (isWide) return "u\"" + wide + "\"";
+  if (isNarrow) return "\"" + narrow + "\"";
+  char byte[4];
+  for (size_t i = 0; i < length && i < kShown / 2; ++i) {
+    std::snprintf(byte, sizeof byte, "%s%02X", i == 0 ? "" : " ", data[i]);
+    hex += byte;
+  }
+  return hex;
+}
+
+}  // namespace
+
+std::vector<LiveBlock> Environment::LiveBlocks() const {
+  std::vector<LiveBlock> live;
+  for (const auto& [base, block] : detail::g->blocks) {
+    LiveBlock entry;
+    entry.address = block.base;
+    entry.size = block.pool ? block.length : block.pages * detail::kPage;
+    entry.pool = block.pool;
+    entry.serial = block.serial;
+    entry.caller = block.caller;
+    entry.content = ContentHint(reinterpret_cast<const uint8_t*>(block.base), entry.size);
+    live.push_back(entry);
+  }
+  std::sort(live.begin(), live.end(), [](const LiveBlock& a, const LiveBlock& b) { return a.serial < b.serial; });
+  return live;
+}
 
 }  // namespace emu

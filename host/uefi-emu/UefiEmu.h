@@ -55,6 +55,16 @@ constexpr uint64_t kIdlePollsBeforeNoKeysLeft = 100000;
 // an unknown "{...}" name or an unclosed brace.
 bool ParseKeys(const std::string& text, std::vector<EFI_INPUT_KEY>& keys, std::string& error);
 
+// A pool block or page range still handed out, with what helps to find who forgot it.
+struct LiveBlock {
+  uint64_t address = 0;
+  uint64_t size = 0;        // bytes asked for (pages times 4096 for a page range)
+  bool pool = false;
+  uint64_t serial = 0;      // the how-manieth allocation of the run, counted from 1
+  uint64_t caller = 0;      // return address of the allocating call (addr2line -e the program)
+  std::string content;      // the first bytes, as text where they read as text, else in hex
+};
+
 class Environment {
  public:
   explicit Environment(const Options& options);
@@ -91,8 +101,8 @@ class Environment {
   // Whether [address, address + length) lies inside live pool or page memory handed out by
   // this environment; the simulator refuses any other address in a transaction.
   bool ContainsAddress(uint64_t address, uint64_t length) const;
-  // Pool blocks and page ranges handed out and not yet freed.
-  size_t LiveAllocations() const;
+  // Pool blocks and page ranges handed out and not yet freed, in the order they were handed out.
+  std::vector<LiveBlock> LiveBlocks() const;
 
   // The 80x25 screen as the console left it: rows joined by '\n', trailing blanks trimmed.
   std::string ScreenText() const;

@@ -1,300 +1,105 @@
-// One SMI transaction as the driver makes it: who answers at all, the caller check, faults and
-// unsupported functions, and the bytes of each answer at the offsets the driver reads them.
+// One SMI transaction as the driver makes it, one row per call: the registers loaded, what the
+// firmware answers in its registers, and the bytes of the answer at the offsets the driver reads.
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-#include <sstream>
-
-#include "SimHarness.h"
+#include "SimBed.h"
 
 namespace {
 
 using namespace simtest;
+using ByteList = std::vector<uint8_t>;
 
-TEST(Transaction, NobodyAnswersOnAnotherPortOrToAnotherNumber) {
-  TestMemory memory;
-  sim::Simulator s(sim::DefaultMachine(), {}, memory.Access());
-  struct Case {
+struct Probe {
+  uint32_t address;
+  ByteList bytes;
+};
+
+ByteList Le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
+ByteList Text(const std::string& text) { return ByteList(text.begin(), text.end() + 1); }
+
+TEST(Transaction, EachFunctionAnswersInItsRegistersAndBytes) {
+  const ByteList toolInformation = {'$', 'V', 'E', 'R', 4, 0, '1', '3', 'k', '$', 'O', 'B', 'L', 'I', 'S', '2', '0', '8', 0xFF};
+  const ByteList finish = {'$', 'F', 'I', 'N', 'I', 'S', 'H', 'I', 13, 0, 0, 0, 2};
+  struct Row {
     const char* what;
-    uint32_t eax, edx;
-  };
-  const Case cases[] = {
-      {"wrong port", 0x10DF, 0xB3},
-      {"wrong port in the low 16 bits", 0x10DF, 0x100B3},
-      {"wrong SMI number", 0x10EF, 0xB2},
-  };
-  for (const Case& c : cases) {
-    OblisRegisters frame{c.eax, kOblisCallerSignature, 0x12345678, c.edx, kBuf2, kBuf};
-    const OblisRegisters before = frame;
-    s.Transact(frame);
-    EXPECT_EQ(std::memcmp(&frame, &before, sizeof(frame)), 0) << c.what;
-  }
-  EXPECT_TRUE(s.CallLog().empty());
-}
-
-TEST(Transaction, WrongCallerSignatureIsProhibitedAndTouchesNothing) {
-  TestMemory memory;
-  StageToolInformation(memory, kBuf);
-  sim::Simulator s(sim::DefaultMachine(), {}, memory.Access());
-  OblisRegisters frame = Frame(s.machine(), 0x10, 0, kBuf);
-  frame.ebx = 0x52564424;  // "$DVR" in the wrong byte order
-  s.Transact(frame);
-  EXPECT_EQ(Status(frame), kOblisAccessProhibited);
-  EXPECT_EQ(Ah(frame), 0x10);
-  EXPECT_EQ(memory.At(kBuf)[0], '$');  // the $VER block is still there: no answer was written
-  EXPECT_EQ(s.CallLog(), std::vector<uint8_t>{0x10});
-}
-
-TEST(Transaction, UnlistedAndUnsupportedFunctionsAnswerEF) {
-  TestMemory memory;
-  StageToolInformation(memory, kBuf);
-  sim::Simulator plain(sim::DefaultMachine(), {}, memory.Access());
-  for (uint8_t fn : {0x00, 0x1B, 0x44, 0x48, 0x4C, 0xFF}) {
-    EXPECT_EQ(Status(Call(plain, fn, 0, kBuf, kBuf2)), kOblisUnsupported) << std::hex << int(fn);
-  }
-  sim::Simulator limited(MachineFrom(R"({"unsupported": ["10h", "1Ch"]})"), {}, memory.Access());
-  EXPECT_EQ(Status(Call(limited, 0x10, 0, kBuf)), kOblisUnsupported);
-  EXPECT_EQ(Status(Call(limited, 0x1C)), kOblisUnsupported);
-  EXPECT_EQ(Status(Call(limited, 0x1F, 1)), kOblisSuccess);
-  EXPECT_TRUE(limited.HookPoints() == std::vector<uint32_t>{1});
-}
-
-TEST(Transaction, FaultFiresExactlyTimesThenTheFunctionAnswers) {
-  TestMemory memory;
-  sim::Simulator s(MachineFrom(R"({"faults": {"13h": {"code": "0x23", "times": 2}, "1Eh": {"code": "0x22"},
-                                             "1Fh": {"code": 5, "times": 0}}})"),
-                   {}, memory.Access());
-  std::vector<uint8_t> statuses;
-  for (int i = 0; i < 4; ++i) statuses.push_back(Status(Call(s, 0x13, 0, kBuf, kBuf2)));
-  EXPECT_EQ(statuses, (std::vector<uint8_t>{0x23, 0x23, 0x00, 0x00}));
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(Status(Call(s, 0x1E, 0, kBuf)), 0x22) << "attempt " << i;
-  EXPECT_EQ(memory.At(kBuf)[0], 8) << "the third 13h wrote its size index";
-  EXPECT_EQ(Status(Call(s, 0x1F, 3)), kOblisSuccess) << "times 0 never fires";
-}
-
-TEST(Transaction, PlatformStatusAnswerAsTheDriverKeepsIt) {
-  TestMemory memory;
-  StageToolInformation(memory, kBuf);
-  sim::Simulator s(MachineFrom(R"({"status": {"permission": 1, "ac": 0, "dc": "0x65", "bound": 30,
-                                  "vendor_id": "0x17AA", "major": 2, "minor": 9}})"),
-                   {}, memory.Access());
-  const OblisRegisters out = Call(s, 0x10, 0, kBuf);
-  EXPECT_EQ(Status(out), 0);
-  EXPECT_EQ(Ah(out), 1);
-  EXPECT_EQ(out.ecx & 0xFF, 9u);         // CL minor
-  EXPECT_EQ((out.ecx >> 8) & 0xFF, 2u);  // CH major
-  const uint8_t* a = memory.At(kBuf);
-  EXPECT_EQ(a[0], 0);
-  EXPECT_EQ(a[1], 0x65);
-  EXPECT_EQ(a[2], 30);
-  EXPECT_EQ(memory.U16(kBuf + 11), 0x17AA);
-  EXPECT_EQ(memory.U32(kBuf + 29), 34u);
-  const std::string kept(reinterpret_cast<char*>(memory.At(kBuf)), 0x7C);
-  EXPECT_EQ(kept.find("$CMDFILT"), std::string::npos) << "no filter record without status.filter";
-}
-
-TEST(Transaction, FilterRecordLiesInsideTheKeptBytes) {
-  TestMemory memory;
-  StageToolInformation(memory, kBuf);
-  sim::Simulator s(MachineFrom(R"({"status": {"filter": [1, 2, 3, "0xA5"]}})"), {}, memory.Access());
-  ASSERT_EQ(Status(Call(s, 0x10, 0, kBuf)), 0);
-  const std::string kept(reinterpret_cast<char*>(memory.At(kBuf)), 0x7C);
-  const size_t at = kept.find("$CMDFILT");
-  ASSERT_NE(at, std::string::npos);
-  EXPECT_GE(at, sizeof(OblisPlatformStatusAnswer));
-  EXPECT_EQ(memory.U32(kBuf + at + 8), 16u);
-  EXPECT_LE(at + 16, 0x7Cu);
-  EXPECT_EQ(std::vector<uint8_t>(memory.At(kBuf + at + 12), memory.At(kBuf + at + 16)),
-            (std::vector<uint8_t>{1, 2, 3, 0xA5}));
-}
-
-TEST(Transaction, PlatformStatusRefusesABufferWithoutToolInformation) {
-  TestMemory memory;
-  StageToolInformation(memory, kBuf);
-  memory.At(kBuf)[18] = 0;  // end mark missing
-  sim::Simulator s(sim::DefaultMachine(), {}, memory.Access());
-  EXPECT_EQ(Status(Call(s, 0x10, 0, kBuf)), kOblisAccessProhibited);
-}
-
-std::u16string WideAt(TestMemory& memory, uint32_t address) {
-  std::u16string text;
-  for (uint32_t a = address; memory.U16(a) != 0; a += 2) text.push_back(memory.U16(a));
-  return text;
-}
-
-TEST(Transaction, ModelStringsComeFromTheDescriptionOrTheFlashBvdt) {
-  TestMemory memory;
-  sim::Simulator described(MachineFrom(R"({"info": {"model_name": "NB-7", "model_version": "2.05",
-                                           "policy": "0x87", "extended": 1}})"),
-                           {}, memory.Access());
-  OblisRegisters out = Call(described, 0x11, 0, kBuf);
-  EXPECT_EQ(Status(out), 0);
-  EXPECT_EQ(Ah(out), 0x87);
-  EXPECT_EQ(out.ecx, 1u);
-  EXPECT_EQ(WideAt(memory, kBuf + kModelNameOffset), u"NB-7");
-  EXPECT_EQ(WideAt(memory, kBuf + kModelVersionOffset), u"2.05");
-
-  // Left out: the identity is whatever the flash's BVDT says, so an update that wrote a new
-  // block shows on the next run.
-  const sim::Machine plain = sim::DefaultMachine();
-  std::vector<uint8_t> flash = sim::DefaultFlashContent(plain);
-  std::string model, version;
-  ASSERT_TRUE(sim::ReadBvdtIdentity(flash, model, version));
-  EXPECT_EQ(model, "DV-REF1000");
-  const size_t bvdt = std::search(flash.begin(), flash.end(), "$BVDT$", "$BVDT$" + 6) - flash.begin();
-  std::memcpy(flash.data() + bvdt + 0x0E, "V9.99", 5);
-  std::memcpy(flash.data() + bvdt + 0x27, "DV-NEXT\0\0\0", 10);
-  sim::Simulator updated(plain, flash, memory.Access());
-  ASSERT_EQ(Status(Call(updated, 0x11, 0, kBuf)), 0);
-  EXPECT_EQ(WideAt(memory, kBuf + kModelNameOffset), u"DV-NEXT");
-  EXPECT_EQ(WideAt(memory, kBuf + kModelVersionOffset), u"V9.99");
-}
-
-TEST(Transaction, RomMapListsEndWithTheirMarks) {
-  TestMemory memory;
-  std::memset(memory.At(kBuf), 0xAA, 0x100);
-  std::memset(memory.At(kBuf2), 0xAA, 0x100);
-  sim::Simulator s(MachineFrom(R"({"maps": {"protection": [{"type": 6, "address": "0xFF800000", "size": "0x40000"},
-                                                          {"type": "0x10", "address": "0xFFF00000", "size": 4096}],
-                                           "private": [{"address": "0xFFA00000", "size": "0x2000"}]}})"),
-                   {}, memory.Access());
-  ASSERT_EQ(Status(Call(s, 0x12, 0, kBuf, kBuf2)), 0);
-  const std::vector<uint8_t> protection(memory.At(kBuf), memory.At(kBuf + 19));
-  EXPECT_EQ(protection, (std::vector<uint8_t>{0x06, 0x00, 0x00, 0x80, 0xFF, 0x00, 0x00, 0x04, 0x00,  //
-                                              0x10, 0x00, 0x00, 0xF0, 0xFF, 0x00, 0x10, 0x00, 0x00,  //
-                                              kProtectionListEnd}));
-  EXPECT_EQ(memory.U32(kBuf2), 0xFFA00000u);
-  EXPECT_EQ(memory.U32(kBuf2 + 4), 0x2000u);
-  EXPECT_EQ(memory.U32(kBuf2 + 8), kPrivateListEnd);
-}
-
-TEST(Transaction, FlashPartRecordAndBlockMap) {
-  TestMemory memory;
-  std::memset(memory.At(kBuf2), 0xAA, 0x100);
-  sim::Simulator s(MachineFrom(R"({"flash": {"size": "0x800000", "size_index": 7, "vendor": "Macronix",
-                                  "type": "MX25L6433F", "device_id": "0xC22017",
-                                  "blocks": [{"size": "0x10000", "count": 127}, {"size": "0x1000", "count": 16}]}})"),
-                   {}, memory.Access());
-  ASSERT_EQ(Status(Call(s, 0x13, 0, kBuf, kBuf2)), 0);
-  EXPECT_EQ(memory.At(kBuf)[0], 7);
-  EXPECT_STREQ(reinterpret_cast<char*>(memory.At(kBuf + 1)), "Macronix");
-  EXPECT_STREQ(reinterpret_cast<char*>(memory.At(kBuf + 32)), "MX25L6433F");
-  EXPECT_EQ(memory.U32(kBuf + 64), 0xC22017u);
-  EXPECT_EQ(memory.U32(kBuf + 68), 0x800000u);
-  EXPECT_EQ(memory.U32(kBuf2 + 0), 0x007F0100u);  // 0x100 units of 256 bytes, 127 of them
-  EXPECT_EQ(memory.U32(kBuf2 + 4), 0x00100010u);
-  EXPECT_EQ(memory.U32(kBuf2 + 8), 0u);
-}
-
-TEST(Transaction, WholeRomMapRecordsEndWithTypeFF) {
-  TestMemory memory;
-  sim::Simulator s(sim::DefaultMachine(), {}, memory.Access());
-  ASSERT_EQ(Status(Call(s, 0x1E, 0, kBuf)), 0);
-  const auto& whole = s.machine().whole;
-  ASSERT_FALSE(whole.empty());
-  for (size_t i = 0; i < whole.size(); ++i) {
-    const uint32_t at = kBuf + static_cast<uint32_t>(i * 13);
-    EXPECT_EQ(memory.At(at)[0], whole[i].type);
-    EXPECT_EQ(memory.U32(at + 1), whole[i].address);
-    EXPECT_EQ(memory.U32(at + 5), whole[i].size);
-    EXPECT_EQ(memory.U32(at + 9), whole[i].attribute);
-  }
-  EXPECT_EQ(memory.At(kBuf + static_cast<uint32_t>(whole.size() * 13))[0], 0xFF);
-
-  TestMemory second;
-  std::memset(second.At(kBuf), 0x55, 13);
-  sim::Simulator empty(MachineFrom(R"({"maps": {"whole": []}})"), {}, second.Access());
-  ASSERT_EQ(Status(Call(empty, 0x1E, 0, kBuf)), 0);
-  EXPECT_EQ(second.At(kBuf)[0], 0xFF);
-}
-
-TEST(Transaction, FinishAntiTheftAndHookPointsAreTakenAsSent) {
-  TestMemory memory;
-  sim::Simulator s(MachineFrom(R"({"anti_theft": "0xC7"})"), {}, memory.Access());
-  EXPECT_FALSE(s.LastFinish());
-  const uint8_t finish[13] = {'$', 'F', 'I', 'N', 'I', 'S', 'H', 'I', 13, 0, 0, 0, 2};
-  std::memcpy(memory.At(kBuf), finish, sizeof(finish));
-  EXPECT_EQ(Status(Call(s, 0x16, 0x0001, 0, kBuf)), 0);  // CH clear CMOS 0, CL action 1
-  EXPECT_EQ(s.LastFinish(), (std::vector<uint8_t>{0, 1, 2}));
-
-  *memory.At(kBuf + 8) = 12;  // wrong length: not a finish record
-  EXPECT_EQ(Status(Call(s, 0x16, 0x0102, 0, kBuf)), kOblisAccessProhibited);
-  EXPECT_EQ(s.LastFinish(), (std::vector<uint8_t>{0, 1, 2}));
-
-  const OblisRegisters anti = Call(s, 0x1C);
-  EXPECT_EQ(Status(anti), 0);
-  EXPECT_EQ(anti.ecx & 0xFF, 0xC7u);
-
-  Call(s, 0x1F, 1);
-  Call(s, 0x1F, 9);
-  Call(s, 0x1F, 0);
-  EXPECT_EQ(s.HookPoints(), (std::vector<uint32_t>{1, 9, 0}));
-  EXPECT_EQ(s.CallLog(), (std::vector<uint8_t>{0x16, 0x16, 0x1C, 0x1F, 0x1F, 0x1F}));
-}
-
-TEST(Transaction, RefusedBufferAddressAnswersTooSmallAndWritesNothing) {
-  TestMemory memory;
-  sim::Simulator s(sim::DefaultMachine(), {}, memory.Access());
-  const std::vector<uint8_t> before = memory.bytes;
-  struct Case {
+    const char* machine;
     uint8_t fn;
-    uint32_t edi, esi;
+    uint32_t ecx, edi, esi;
+    ByteList staged;  // at kBuf before the call
+    uint8_t status;
+    int64_t ecxOut;   // -1: not looked at
+    std::vector<Probe> probes;
   };
-  const Case cases[] = {
-      {0x10, 0x20000000, 0},
-      {0x11, kMemoryBase + kMemorySize - 0x10, 0},  // runs past the end
-      {0x13, 0x0, kBuf2},
-      {0x1E, 0xFFFFF000, 0},
-      {0x16, 0, 0x30000000},
+  const Row rows[] = {
+      {"10h platform status", R"({"status": {"permission": 1, "ac": 0, "dc": "0x65", "bound": 30, "vendor_id": "0x17AA",
+         "major": 2, "minor": 9}})", 0x10, 0, kBuf, 0, toolInformation, 0, 0x0209,
+       {{kBuf, {0, 0x65, 30}}, {kBuf + 11, {0xAA, 0x17}}, {kBuf + 29, Le32(34)}}},
+      {"10h without the tool's end mark", "{}", 0x10, 0, kBuf, 0,
+       ByteList(toolInformation.begin(), toolInformation.end() - 1), kOblisAccessProhibited, -1, {}},
+      {"10h into memory the tool does not own", "{}", 0x10, 0, 0x20000000, 0, {}, kOblisBufferTooSmall, -1, {}},
+      {"12h protection and private lists with their end marks",
+       R"({"maps": {"protection": [{"type": 6, "address": "0xFF800000", "size": "0x40000"},
+         {"type": "0x10", "address": "0xFFF00000", "size": 4096}], "private": [{"address": "0xFFA00000", "size": "0x2000"}]}})",
+       0x12, 0, kBuf, kBuf2, {}, 0, -1,
+       {{kBuf, {0x06, 0x00, 0x00, 0x80, 0xFF, 0x00, 0x00, 0x04, 0x00, 0x10, 0x00, 0x00, 0xF0, 0xFF, 0x00, 0x10, 0x00, 0x00,
+               kProtectionListEnd}},
+        {kBuf2, {0x00, 0x00, 0xA0, 0xFF, 0x00, 0x20, 0x00, 0x00}},
+        {kBuf2 + 8, Le32(kPrivateListEnd)}}},
+      {"13h part record and block map",
+       R"({"flash": {"size": "0x800000", "size_index": 7, "vendor": "Macronix", "type": "MX25L6433F",
+         "device_id": "0xC22017", "blocks": [{"size": "0x10000", "count": 127}, {"size": "0x1000", "count": 16}]}})",
+       0x13, 0, kBuf, kBuf2, {}, 0, -1,
+       {{kBuf, {7}}, {kBuf + 1, Text("Macronix")}, {kBuf + 32, Text("MX25L6433F")}, {kBuf + 64, Le32(0xC22017)},
+        {kBuf + 68, Le32(0x800000)}, {kBuf2, Le32(0x007F0100)}, {kBuf2 + 4, Le32(0x00100010)}, {kBuf2 + 8, Le32(0)}}},
+      {"13h fault fires", R"({"faults": {"13h": {"code": "0x23", "times": 1}}})", 0x13, 0, kBuf, kBuf2, {}, 0x23, -1, {}},
+      {"1Eh empty whole map is its end mark", R"({"maps": {"whole": []}})", 0x1E, 0, kBuf, 0, {0x55}, 0, -1,
+       {{kBuf, {0xFF}}}},
+      {"1Ch anti-theft state in CL", R"({"anti_theft": "0xC7"})", 0x1C, 0, 0, 0, {}, 0, 0xC7, {}},
+      {"16h finish record", "{}", 0x16, 0x0001, 0, kBuf, finish, 0, -1, {}},
+      {"16h record of the wrong length", "{}", 0x16, 0x0001, 0, kBuf,
+       {'$', 'F', 'I', 'N', 'I', 'S', 'H', 'I', 12, 0, 0, 0, 2}, kOblisAccessProhibited, -1, {}},
+      {"44h unsupported", R"({"unsupported": ["44h"]})", 0x44, 0, kBuf, 0, {}, kOblisUnsupported, -1, {}},
+      {"an unlisted function", "{}", 0x4C, 0, kBuf, 0, {}, kOblisUnsupported, -1, {}},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(Status(Call(s, c.fn, 0, c.edi, c.esi)), kOblisBufferTooSmall) << std::hex << int(c.fn);
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    TestMemory memory;
+    std::copy(row.staged.begin(), row.staged.end(), memory.At(kBuf));
+    sim::Simulator s(MachineFrom(row.machine), {}, memory.Access());
+    const OblisRegisters out = Call(s, row.fn, row.ecx, row.edi, row.esi);
+    EXPECT_EQ(Status(out), row.status);
+    if (row.ecxOut >= 0) EXPECT_EQ(out.ecx & 0xFFFF, row.ecxOut);
+    for (const Probe& probe : row.probes)
+      EXPECT_EQ(ByteList(memory.At(probe.address), memory.At(probe.address) + probe.bytes.size()), probe.bytes)
+          << std::hex << probe.address;
   }
-  EXPECT_EQ(memory.bytes, before);
-  EXPECT_FALSE(s.LastFinish());
 }
 
-TEST(Transaction, TraceLineCarriesFunctionRegistersAndStatus) {
-  TestMemory memory;
-  sim::Simulator s(MachineFrom(R"({"anti_theft": "0x80"})"), {}, memory.Access());
-  std::ostringstream trace;
-  s.SetTrace(&trace);
-  Call(s, 0x1C);
-  Call(s, 0x4C);
-  std::istringstream lines(trace.str());
-  std::string line;
-  std::vector<nlohmann::json> parsed;
-  while (std::getline(lines, line)) parsed.push_back(nlohmann::json::parse(line));
-  ASSERT_EQ(parsed.size(), 2u);
-  EXPECT_EQ(parsed[0]["fn"], "1Ch");
-  EXPECT_EQ(parsed[0]["in"]["eax"], 0x1CDFu);
-  EXPECT_EQ(parsed[0]["in"]["ebx"], kOblisCallerSignature);
-  EXPECT_EQ(parsed[0]["in"]["edx"], 0xB2u);
-  EXPECT_EQ(parsed[0]["in"]["ecx"], 0u);
-  EXPECT_EQ(parsed[0]["out"]["ecx"], 0x80u);
-  EXPECT_EQ(parsed[0]["out"]["eax"], 0x1C00u);
-  EXPECT_EQ(parsed[0]["status"], 0);
-  EXPECT_FALSE(parsed[0].contains("flash"));
-  for (const char* key : {"eax", "ebx", "ecx", "edx", "esi", "edi"}) {
-    EXPECT_TRUE(parsed[0]["in"].contains(key) && parsed[0]["out"].contains(key)) << key;
+// A call on another port, to another SMI number or with another caller signature gets no answer
+// that touches the tool's memory.
+TEST(Transaction, OnlyTheToolsOwnCallIsAnswered) {
+  struct Row {
+    const char* what;
+    uint32_t eax, ebx, edx;
+    bool logged;
+  };
+  const Row rows[] = {
+      {"wrong port", 0x10DF, kOblisCallerSignature, 0xB3, false},
+      {"wrong port in the low 16 bits", 0x10DF, kOblisCallerSignature, 0x100B3, false},
+      {"wrong SMI number", 0x10EF, kOblisCallerSignature, 0xB2, false},
+      {"caller signature in the wrong byte order", 0x10DF, 0x52564424, 0xB2, true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    TestMemory memory;
+    memory.At(kBuf)[0] = '$';
+    sim::Simulator s(sim::DefaultMachine(), {}, memory.Access());
+    OblisRegisters frame{row.eax, row.ebx, 0, row.edx, 0, kBuf};
+    s.Transact(frame);
+    EXPECT_EQ(memory.At(kBuf)[0], '$');
+    EXPECT_EQ(s.CallLog().size(), row.logged ? 1u : 0u);
+    if (row.logged) EXPECT_EQ(Status(frame), kOblisAccessProhibited);
   }
-  EXPECT_EQ(parsed[1]["fn"], "4Ch");
-  EXPECT_EQ(parsed[1]["status"], 0xEF);
-}
-
-}  // namespace
-
-namespace {
-
-TEST(PortSpace, PortsWithNothingBehindReadAllOnesWhateverWasWritten) {
-  simtest::TestMemory memory;
-  sim::Simulator s(sim::DefaultMachine(), {}, memory.Access());
-  s.IoWrite8(0x80, 0x12);
-  s.IoWrite8(0xB2, 0x00);
-  EXPECT_EQ(s.IoRead(0x80, 1), 0xFFu);
-  EXPECT_EQ(s.IoRead(0x80, 2), 0xFFFFu);
-  EXPECT_EQ(s.IoRead(0xCF8, 4), 0xFFFFFFFFu);
-  EXPECT_TRUE(s.CallLog().empty()) << "a plain port write is no SMI transaction";
 }
 
 }  // namespace

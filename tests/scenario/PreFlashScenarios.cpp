@@ -14,8 +14,6 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 const std::string kBannerEnd = "All rights reserved.\r\n";
 
 // The default content with one DXE block changed and a newer version in its BVDT.
@@ -30,32 +28,13 @@ Bytes NewImage() {
   return image;
 }
 
-SimResult RunTool(const std::string& machine, std::vector<std::string> options, const std::string& ini = "",
-                  const std::string& keys = "") {
-  const Bytes image = NewImage();
-  SimRequest request;
-  request.machineJson = machine;
-  request.arguments = {"new.bin"};
-  request.arguments.insert(request.arguments.end(), options.begin(), options.end());
-  request.keys = keys;
-  request.flash = DefaultFlash();
-  request.volumeFiles = {{"new.bin", std::string(image.begin(), image.end())}};
-  if (!ini.empty()) request.volumeFiles.push_back({"platform.ini", ini});
-  return RunSim(request);
+SimResult RunNew(const std::string& machine, std::vector<std::string> options, const std::string& ini = "",
+             const std::string& keys = "") {
+  return RunTool(machine, DefaultFlash(), NewImage(), options, ini, keys);
 }
 
 bool FlashUnchanged(const SimResult& result) { return result.flash == DefaultFlash(); }
 bool FlashUpdated(const SimResult& result) { return result.flash[kDxeByte] == NewImage()[kDxeByte]; }
-
-size_t Count(const SimResult& result, const std::string& fn) {
-  return std::count_if(result.calls.begin(), result.calls.end(), [&](const SmiCall& c) { return c.fn == fn; });
-}
-
-const SmiCall* First(const SimResult& result, const std::string& fn) {
-  for (const SmiCall& call : result.calls)
-    if (call.fn == fn) return &call;
-  return nullptr;
-}
 
 // The console behind the short banner and the blank lines that follow it.
 std::string AfterBanner(const SimResult& result) {
@@ -94,7 +73,6 @@ std::string CommonFlashMachine(int permit, int message, int action, const std::s
 }
 
 TEST(PreFlashScenarios, CommonFlashRefusalShowsTheFirmwaresMessageAndNoPowerBox) {
-  const std::string longText(600, 'L');
   struct Row {
     const char* what;
     int permit, message;
@@ -104,21 +82,15 @@ TEST(PreFlashScenarios, CommonFlashRefusalShowsTheFirmwaresMessageAndNoPowerBox)
   const std::vector<Row> rows = {
       {"permit 0 with its slot filled", 0, 3, "ErrorMsg03=Battery below limit\r\n",
        "Warning!\r\nBattery below limit\r\n"},
-      {"permit 2 is no permission", 2, 3, "ErrorMsg03=Battery below limit\r\n", "Warning!\r\nBattery below limit\r\n"},
       {"slot numbers are hexadecimal: 0x13 is the last", 0, 0x13, "ErrorMsg19=decimal\r\nErrorMsg13=Last slot\r\n",
        "Warning!\r\nLast slot\r\n"},
-      {"a letter digit in either case", 0, 0x0A, "ErrorMsg0A=Tenth slot\r\n", "Warning!\r\nTenth slot\r\n"},
-      {"a long slot is shown whole", 0, 1, "ErrorMsg01=" + longText + "\r\n", "Warning!\r\n" + longText + "\r\n"},
       {"an empty slot", 0, 5, "ErrorMsg03=Battery below limit\r\n", "Not allow flash.\r\nMessage Number: 0x05"},
-      {"a slot left empty on purpose", 0, 3, "ErrorMsg03=\r\n", "Not allow flash.\r\nMessage Number: 0x03"},
-      {"message 0x14 is beyond the slots", 0, 0x14, "ErrorMsg03=Battery below limit\r\n",
-       "Not allow flash.\r\nMessage Number: 0x14"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     const std::string ini = "[CommonFlash]\r\nSwitchString=ACDIS\r\n" + row.slots;
     // On battery below the limit and with -acb: the gate has taken power over, no box appears.
-    SimResult result = RunTool(CommonFlashMachine(row.permit, row.message, 3), {"-acb"}, ini);
+    SimResult result = RunNew(CommonFlashMachine(row.permit, row.message, 3), {"-acb"}, ini);
     EXPECT_EQ(result.exitCode, 1) << result.errors;
     EXPECT_EQ(AfterBanner(result), row.shown + "\n" + kNothingWritten);
     EXPECT_EQ(result.console.find("#==="), std::string::npos);
@@ -142,11 +114,6 @@ TEST(PreFlashScenarios, CommonFlashBlocksOnTheWire) {
       {"words cut at blanks and tabs", kOnBatteryBelowLimit, "SwitchString=PTEN  ACDIS\tFHST\r\n",
        Join({"01 00 FF 02 01 FF 03 0A FF", current, "05 FF", currentModel, "07 FF"}),
        Join({Hex("PTEN"), "00", Hex("ACDIS"), "00", Hex("FHST"), "00 FF"})},
-      {"runs of blanks at both ends count once", R"("status": {"ac": 1, "dc": 100})",
-       "SwitchString= \t CPVER:2 \t\r\n", Join({"01 01 FF 02 01 FF 03 64 FF", current, "05 FF", currentModel, "07 FF"}),
-       Join({Hex("CPVER:2"), "00 FF"})},
-      {"an empty switch text and no battery", R"("status": {"ac": 1, "dc": "0x65"})", "SwitchString=\r\n",
-       Join({"01 01 FF 02 00 FF 03 00 FF", current, "05 FF", currentModel, "07 FF"}), "FF"},
       {"[Platform_Check] Flag 2 supplies the new model and version", R"("status": {"ac": 1, "dc": 50})",
        "[Platform_Check]\r\nFlag=2\r\nPlatformName1=NB-7\r\nPlatformName2=DV-REF1000\r\n"
        "[PlatformVersion]\r\nFlag=1\r\nVersion1=A1.00\r\nVersion2=V7.77\r\n",
@@ -157,7 +124,7 @@ TEST(PreFlashScenarios, CommonFlashBlocksOnTheWire) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     // A refusal ends the run before the image is read: the blocks are all that matters here.
-    SimResult result = RunTool(CommonFlashMachine(0, 0x14, 0, row.status), {}, "[CommonFlash]\r\n" + row.ini);
+    SimResult result = RunNew(CommonFlashMachine(0, 0x14, 0, row.status), {}, "[CommonFlash]\r\n" + row.ini);
     EXPECT_EQ(result.exitCode, 1) << result.errors;
     const SmiCall* call = First(result, "44h");
     ASSERT_NE(call, nullptr);
@@ -169,7 +136,7 @@ TEST(PreFlashScenarios, CommonFlashBlocksOnTheWire) {
 }
 
 TEST(PreFlashScenarios, CommonFlashPermitOnBatteryFlashesAndEndsInShutdown) {
-  SimResult result = RunTool(CommonFlashMachine(1, 0, 3), {"-acb"}, "[CommonFlash]\r\nSwitchString=FHST\r\n");
+  SimResult result = RunNew(CommonFlashMachine(1, 0, 3), {"-acb"}, "[CommonFlash]\r\nSwitchString=FHST\r\n");
   EXPECT_EQ(result.exitCode, 0) << result.console << result.errors;
   EXPECT_EQ(result.console.find("#==="), std::string::npos) << "no power box while the gate is active";
   EXPECT_TRUE(FlashUpdated(result));
@@ -189,9 +156,6 @@ TEST(PreFlashScenarios, OemParameterListOnTheWire) {
   };
   const std::vector<Row> rows = {
       {"no option", {}, "00 FF"},
-      {"-mfg", {"-mfg"}, Join({Hex("MFG"), "00 FF"})},
-      {"-ecb", {"-ecb"}, Join({Hex("ECCMD"), "00 FF"})},
-      {"-mfg -ec: ECCMD first", {"-mfg", "-ec"}, Join({Hex("ECCMD"), "00", Hex("MFG"), "00 FF"})},
       {"-OemCus words come first, in capitals", {"-OemCus", "cus1", "-mfg", "-ec"},
        Join({Hex("CUS1"), "00", Hex("ECCMD"), "00", Hex("MFG"), "00 FF"})},
   };
@@ -199,7 +163,7 @@ TEST(PreFlashScenarios, OemParameterListOnTheWire) {
     SCOPED_TRACE(row.what);
     std::vector<std::string> options = row.options;
     options.insert(options.end(), {"-u", "-dbg"});
-    SimResult result = RunTool(R"({"oem_parameters": {"answer": ["ODM1", "x"]}})", options, "", "n");
+    SimResult result = RunNew(R"({"oem_parameters": {"answer": ["ODM1", "x"]}})", options, "", "n");
     const SmiCall* call = First(result, "19h");
     ASSERT_NE(call, nullptr);
     EXPECT_EQ(Count(result, "19h"), 1u);
@@ -226,28 +190,10 @@ TEST(PreFlashScenarios, PowerRefusalsShowTheirBoxAndWriteNothing) {
   const std::string acNoAc = Box({"#                           Warning: No AC Connected                           #",
                                   "# This process requires AC power to avoid an accidental power-off during an    #",
                                   "# update.                                                                      #"});
-  auto batteryLow = [](const char* percent) {
-    return Box({"#                           Warning: Battery Too Low                           #",
-                "# This process requires a " + std::string(percent) + " full battery to avoid an accidental power-off   #",
-                "# during an update.                                                            #"});
-  };
-  const std::string low20 = batteryLow(" 20%");
-  const std::string low30 = batteryLow(" 30%");
-  const std::string batteryNone = Box({"#                        Warning: No Battery Connected                         #",
-                                       "# This process requires a charged battery to avoid an accidental power-off     #",
-                                       "# during an update.                                                            #"});
-  const std::string bothNoBattery = Box({"#                       Warning: No Battery Connected                          #",
-                                         "# This process requires AC power and a charged battery to avoid an accidental  #",
-                                         "# power-off during an update.                                                  #"});
-  const std::string bothLow = Box({"#                       Warning: Battery Too Low                               #",
-                                   "# This process requires AC power and a charged battery to avoid an accidental  #",
-                                   "# power-off during an update. Connect the AC adapter and make sure a charged   #",
-                                   "# battery is in the computer.                                                  #"});
-  const std::string toshiba = Box({"#                                                                              #",
-                                   "#                         System must plug-in AC cord                          #",
-                                   "#                and DC capacity should over  20% during flash BIOS            #",
-                                   "#                                                                              #"},
-                                  "#==================================== ERROR ===================================#");
+  const std::string low20 =
+      Box({"#                           Warning: Battery Too Low                           #",
+           "# This process requires a  20% full battery to avoid an accidental power-off   #",
+           "# during an update.                                                            #"});
   const std::string dellNoAc = Box({"# An External power adapter must be connected.                                 #",
                                     "#                                                                              #",
                                     "# Rom update not performed.                                                    #",
@@ -264,53 +210,14 @@ TEST(PreFlashScenarios, PowerRefusalsShowTheirBoxAndWriteNothing) {
       {"general rule on battery", R"({"ac": 0})", {}, "", acNoAc},
       {"-ab alone below the firmware's limit", R"({"dc": 19, "bound": 20})", {"-ab"}, "[AC_Adapter]\r\nFlag=0\r\n",
        low20},
-      {"BatteryBound of the settings", R"({"dc": 29, "bound": 20})", {},
-       "[AC_Adapter]\r\nFlag=0\r\nBatteryCheck=1\r\nBatteryBound=30\r\n", low30},
-      {"no battery under BatteryCheck alone", R"({"dc": "0x65"})", {}, "[AC_Adapter]\r\nFlag=0\r\nBatteryCheck=1\r\n",
-       batteryNone},
-      {"no battery under BatteryCheck, on AC", R"({"dc": "0x65"})", {}, "[AC_Adapter]\r\nBatteryCheck=1\r\n",
-       bothNoBattery},
-      {"-acb on AC with a low battery", R"({"dc": 5})", {"-acb"}, "", bothLow},
-      {"-ac with -acb: only the battery", R"({"ac": 0, "dc": 5})", {"-ac", "-acb"}, "", low20},
-      {"-forceit outside Dell changes nothing", R"({"ac": 0})", {"-forceit"}, "", acNoAc},
-      {"Toshiba shows its limit also for AC", R"({"ac": 0, "vendor_id": "0x1179"})", {}, "", toshiba},
       {"Dell", R"({"ac": 0, "vendor_id": "0x1028"})", {}, "", dellNoAc},
-      {"[CommonFlash] on a firmware without 44h: the tool's own rule", R"({"ac": 0})", {},
-       "[CommonFlash]\r\nSwitchString=ACDIS\r\n", acNoAc},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    SimResult result = RunTool(R"({"status": )" + row.status + "}", row.options, row.ini);
+    SimResult result = RunNew(R"({"status": )" + row.status + "}", row.options, row.ini);
     EXPECT_EQ(result.exitCode, 1) << result.errors;
     EXPECT_EQ(AfterBanner(result), row.box + "\r\n\n" + kNothingWritten);
     EXPECT_EQ(Count(result, "15h"), 0u);
-    EXPECT_TRUE(FlashUnchanged(result));
-  }
-}
-
-// Runs that pass the power check stop at the -u question, so they write nothing either.
-TEST(PreFlashScenarios, PowerStatesThatPass) {
-  struct Row {
-    const char* what;
-    std::string status;
-    std::vector<std::string> options;
-    std::string ini;
-  };
-  const std::vector<Row> rows = {
-      {"charge equal to the limit", R"({"dc": 20, "bound": 20})", {"-acb"}, ""},
-      {"-ac on battery", R"({"ac": 0})", {"-ac"}, ""},
-      {"[AC_Adapter] Flag 0 on battery", R"({"ac": 0})", {}, "[AC_Adapter]\r\nFlag=0\r\n"},
-      {"BatteryBound without BatteryCheck is not read", R"({"dc": 25, "bound": 20})", {"-ab"},
-       "[AC_Adapter]\r\nBatteryBound=30\r\n"},
-      {"Dell -forceit on battery", R"({"ac": 0, "dc": "0x65", "vendor_id": "0x1028"})", {"-forceit"}, ""},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
-    std::vector<std::string> options = row.options;
-    options.push_back("-u");
-    SimResult result = RunTool(R"({"status": )" + row.status + "}", options, row.ini, "n");
-    EXPECT_EQ(result.console.find("#==="), std::string::npos) << result.console;
-    EXPECT_NE(result.console.find("Dangerous! Do you want to flash BIOS? (Y/N)"), std::string::npos) << result.console;
     EXPECT_TRUE(FlashUnchanged(result));
   }
 }
@@ -332,7 +239,7 @@ TEST(PreFlashScenarios, ConfirmFlashAsksBeforeTheFirstBlock) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    SimResult result = RunTool("", {"-u"}, "", row.keys);
+    SimResult result = RunNew("", {"-u"}, "", row.keys);
     const size_t asked = result.console.find(question);
     ASSERT_NE(asked, std::string::npos) << result.console;
     EXPECT_NE(result.console.rfind("New     BIOS Version: V1.03\r\n\r\n\r\n", asked), std::string::npos)
@@ -393,14 +300,13 @@ TEST(PreFlashScenarios, WakeupAlarmFollowsAShutdownRunOnly) {
        "[AutoWakeup]\r\nFlag=1\r\ninterval=3600\r\n[FlashComplete]\r\nAction=1\r\n", 3600, true},
       {"reboot: the clock is left alone", R"({"time": "10:00:00"})", {}, "[AutoWakeup]\r\nFlag=1\r\ninterval=120\r\n",
        -1, false},
-      {"Flag 0 with -s", R"({"time": "10:00:00"})", {"-s"}, "[AutoWakeup]\r\nFlag=0\r\n", -1, false},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     std::vector<std::string> options = row.options;
     options.push_back("-dbg");
     // The firmware answers 1Bh, so the walk over the image costs no retry delays.
-    SimResult result = RunTool(R"({"module_check": {"status": 0}, "rtc": )" + row.rtc + "}", options, row.ini);
+    SimResult result = RunNew(R"({"module_check": {"status": 0}, "rtc": )" + row.rtc + "}", options, row.ini);
     EXPECT_EQ(result.exitCode, 0) << result.console << result.errors;
     EXPECT_TRUE(FlashUpdated(result));
     const size_t line = result.console.find("zaprom-sim: clock registers written:");

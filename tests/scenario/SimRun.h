@@ -3,6 +3,7 @@
 // log file, the flash file and the SMI trace.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <cstdint>
@@ -40,7 +41,22 @@ struct SimResult {
   std::vector<std::string> FunctionOrder() const;
 };
 
+// Runs the front end; a run that ends with pool memory or pages still allocated (exit status 5)
+// fails the calling test, whatever else it expects.
 SimResult RunSim(const SimRequest& request);
+
+using Bytes = std::vector<uint8_t>;
+inline std::string Text(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
+// The first offset at which a and b differ, npos when they are equal.
+size_t FirstDifference(const Bytes& a, const Bytes& b);
+size_t Count(const SimResult& result, const std::string& fn);
+// The first call of function fn, or nullptr.
+const SmiCall* First(const SimResult& result, const std::string& fn);
+// A run of the tool on new.bin (image) with these options, machine, platform.ini and keys.
+SimResult RunTool(const std::string& machine, const Bytes& flash, const Bytes& image, std::vector<std::string> options,
+                  const std::string& ini = "", const std::string& keys = "");
+// Every piece must appear in text, each after the one before; what names the text in a failure.
+void ExpectInOrder(const std::string& text, const std::vector<std::string>& pieces, const std::string& what);
 
 // The embedded default machine's flash as a run leaves it untouched (read once, then kept).
 const std::vector<uint8_t>& DefaultFlash();

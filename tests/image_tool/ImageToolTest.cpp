@@ -1,10 +1,8 @@
-// The flash descriptor that the image tool writes: region registers in 4 KB units, unused
-// regions, agreement with an independent descriptor reader (ifdtool) and with the simulator's
-// default machine, which the demo image must match.
+// The images zaprom-image builds: descriptor region registers in 4 KB units, the BVDT and "$OBLIS"
+// map bytes, the EC image in front, and a demo image that fits the simulator's default machine.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <filesystem>
+#include <cstring>
 #include <fstream>
 #include <regex>
 
@@ -14,10 +12,27 @@
 
 namespace {
 
+using nlohmann::json;
 using zimage::SpiRegion;
 
 uint32_t U32At(const std::vector<uint8_t>& bytes, size_t at) {
   return uint32_t(bytes[at]) | uint32_t(bytes[at + 1]) << 8 | uint32_t(bytes[at + 2]) << 16 | uint32_t(bytes[at + 3]) << 24;
+}
+
+std::string Bytes(const std::vector<uint8_t>& image, size_t at, size_t n) {
+  return std::string(reinterpret_cast<const char*>(image.data() + at), n);
+}
+
+json SmallImage() {
+  return json::parse(R"({
+    "size": "1 MB",
+    "regions": {
+      "descriptor": { "offset": 0, "size": "4K" },
+      "me": { "offset": "0x1000", "size": "0x7F000", "fill": 0 },
+      "bios": { "offset": "512K", "size": "512K", "fill": { "random": 9 } }
+    },
+    "bvdt": { "offset": "0x90000", "version": "V3.45", "model": "DV-TEST7", "extra": "EXTRA TEXT" }
+  })");
 }
 
 zimage::ImageDescription Layout(uint32_t size, std::vector<zimage::RegionSpec> regions) {
@@ -48,9 +63,6 @@ std::vector<DescriptorCase> DescriptorCases() {
                          {SpiRegion::Bios, 0x200000, 0x600000}}),
        {0x00020000, 0x07FF0200, 0x01FF0006, 0x00040003, 0x00050005},
        4},
-      {"BiosOnly1MB", Layout(1u << 20, {{SpiRegion::Descriptor, 0, 0x1000}, {SpiRegion::Bios, 0x1000, 0xFF000}}),
-       {0x00000000, 0x00FF0001, 0x00007FFF, 0x00007FFF, 0x00007FFF},
-       1},
   };
 }
 
@@ -67,61 +79,45 @@ TEST(ImageDescriptor, RegionRegistersCountFourKilobyteUnits) {
   }
 }
 
-TEST(ImageDescriptor, NoDescriptorRegionLeavesTheFirstBlockToTheFill) {
-  zimage::ImageDescription d = Layout(1u << 20, {{SpiRegion::Bios, 0x80000, 0x80000}});
-  d.fill.byte = 0x00;
-  const std::vector<uint8_t> image = zimage::BuildImage(d);
-  EXPECT_EQ(U32At(image, 0x10), 0u);
-  EXPECT_EQ(image[0x80000], 0xFF);
+TEST(ImageBvdt, FieldsStandAtTheirOffsetsFromTheSignature) {
+  const std::vector<uint8_t> image = zimage::BuildImage(zimage::ParseImageDescription(SmallImage()));
+  const size_t b = 0x90000;
+  EXPECT_EQ(Bytes(image, b, 6), "$BVDT$");
+  for (size_t at : {0x09, 0x0D, 0x26, 0x40}) EXPECT_EQ(image[b + at], '$') << std::hex << at;
+  EXPECT_EQ(Bytes(image, b + 0x0E, 24), std::string("V3.45") + std::string(19, '\0'));
+  EXPECT_EQ(Bytes(image, b + 0x27, 25), std::string("DV-TEST7") + std::string(17, '\0'));
+  EXPECT_EQ(Bytes(image, b + 0x41, 37), std::string("EXTRA TEXT") + std::string(27, '\0'));
 }
 
-std::string FindIfdtool() {
-  for (const char* path : {"/usr/sbin/ifdtool", "/usr/bin/ifdtool", "/usr/local/bin/ifdtool"}) {
-    if (std::filesystem::exists(path)) return path;
-  }
-  return {};
+TEST(ImageOblisMap, RecordsFollowTheSignatureAndEndAtTypeFF) {
+  json doc = SmallImage();
+  doc["oblis_map"] = json::parse(R"({ "records": [
+      { "type": "0x0A", "address": "0xFFF90000", "size": "64K", "action": 1 },
+      { "type": 254, "address": "0xFFFA0000", "size": "0x2000" } ] })");
+  const std::vector<uint8_t> image = zimage::BuildImage(zimage::ParseImageDescription(doc));
+  const zimage::ImageInfo info = zimage::InspectImage(image);
+  ASSERT_TRUE(info.mapOffset);
+  const size_t m = *info.mapOffset;
+  EXPECT_GT(m, 0x90000u + 0x66);  // by default right behind the BVDT block's members
+  EXPECT_LT(m, 0x90000u + 0x100);
+  EXPECT_EQ(Bytes(image, m, 6), "$OBLIS");
+  const uint8_t expected[] = {0x0A, 0x00, 0x00, 0xF9, 0xFF, 0x00, 0x00, 0x01, 0x00, 0x01,   // OEM Data
+                              0xFE, 0x00, 0x00, 0xFA, 0xFF, 0x00, 0x20, 0x00, 0x00, 0x00,   // private
+                              0xFF, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};  // end
+  EXPECT_EQ(0, std::memcmp(image.data() + m + 6, expected, sizeof(expected)));
 }
 
-std::string RunAndCapture(const std::string& command) {
-  std::string out;
-  if (FILE* pipe = popen(command.c_str(), "r")) {
-    char buffer[4096];
-    while (size_t n = fread(buffer, 1, sizeof(buffer), pipe)) out.append(buffer, n);
-    pclose(pipe);
-  }
-  return out;
-}
-
-// ifdtool reads the descriptor by the public layout, with no code in common with ours: if a
-// field stood one unit or one register off, its region lines would disagree.
-TEST(ImageDescriptor, IfdtoolReadsTheRegionsAsDescribed) {
-  const std::string ifdtool = FindIfdtool();
-  ASSERT_FALSE(ifdtool.empty()) << "ifdtool is missing: install coreboot-utils (scripts/install-deps.sh does)";
-  const std::regex line(R"(Flash Region (\d) \([^)]*\): ([0-9a-f]{8}) - ([0-9a-f]{8})( \(unused\))?)");
-  for (const DescriptorCase& c : DescriptorCases()) {
-    SCOPED_TRACE(c.name);
-    const std::string path = testing::TempDir() + "ifd-" + c.name + ".bin";
-    const std::vector<uint8_t> image = zimage::BuildImage(c.description);
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(image.data()), image.size());
-    const std::string out = RunAndCapture(ifdtool + " -d " + path + " 2>&1");
-    EXPECT_EQ(out.find("Peculiar"), std::string::npos) << "ifdtool did not recognise the descriptor:\n" << out;
-    int seen = 0;
-    for (std::sregex_iterator m(out.begin(), out.end(), line), end; m != end; ++m, ++seen) {
-      const auto region = static_cast<SpiRegion>(std::stoi((*m)[1]));
-      const uint32_t base = std::stoul((*m)[2], nullptr, 16), limit = std::stoul((*m)[3], nullptr, 16);
-      const zimage::RegionSpec* spec = nullptr;
-      for (const auto& r : c.description.regions) {
-        if (r.region == region) spec = &r;
-      }
-      SCOPED_TRACE(zimage::SpiRegionName(region));
-      EXPECT_EQ((*m)[4].matched, spec == nullptr);
-      if (spec) {
-        EXPECT_EQ(base, spec->offset);
-        EXPECT_EQ(limit, spec->offset + spec->size - 1);
-      }
-    }
-    EXPECT_EQ(seen, 5) << out;
-  }
+TEST(ImageEc, EcImageStandsInFrontAndInfoFindsItsSize) {
+  json doc = SmallImage();
+  doc["ec"] = json::parse(R"({ "size": "128K", "fill": "0xEC" })");
+  const std::vector<uint8_t> image = zimage::BuildImage(zimage::ParseImageDescription(doc));
+  ASSERT_EQ(image.size(), (1u << 20) + 0x20000);
+  EXPECT_EQ(image[0], 0xEC);
+  EXPECT_EQ(U32At(image, 0x20000 + 0x10), 0x0FF0A55Au);
+  EXPECT_EQ(Bytes(image, 0x20000 + 0x90000, 6), "$BVDT$");
+  const zimage::ImageInfo info = zimage::InspectImage(image);
+  EXPECT_EQ(info.ecSize, 0x20000u);
+  EXPECT_EQ(info.bvdtOffset, 0x90000u);  // counted from the flash image, not the file
 }
 
 // The demo image is flashed onto the simulator's default machine: its regions must be the ones

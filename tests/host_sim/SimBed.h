@@ -1,5 +1,5 @@
-// A small stand-in for the tool's side of a transaction in the simulator's tests: one block of
-// memory the firmware may use, and a call that loads the registers as the driver does.
+// The simulator's test bed: one block of memory the firmware may use, the registers loaded as the
+// driver loads them, and the 14h/15h calls of the block writer.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -40,11 +40,6 @@ struct TestMemory {
     std::memcpy(&v, At(address), 4);
     return v;
   }
-  uint16_t U16(uint32_t address) {
-    uint16_t v;
-    std::memcpy(&v, At(address), 2);
-    return v;
-  }
 };
 
 inline sim::Machine MachineFrom(const std::string& json) {
@@ -68,10 +63,24 @@ inline OblisRegisters Call(sim::Simulator& s, uint8_t fn, uint32_t ecx = 0, uint
 inline uint8_t Status(const OblisRegisters& r) { return static_cast<uint8_t>(r.eax); }
 inline uint8_t Ah(const OblisRegisters& r) { return static_cast<uint8_t>(r.eax >> 8); }
 
-// The tool information block of function 10h, as the driver stages it.
-inline void StageToolInformation(TestMemory& memory, uint32_t address) {
-  const uint8_t block[19] = {'$', 'V', 'E', 'R', 4, 0, '1', '3', 'k', '$', 'O', 'B', 'L', 'I', 'S', '2', '0', '8', 0xFF};
-  std::memcpy(memory.At(address), block, sizeof(block));
+inline std::vector<uint8_t> Fill(uint32_t length, uint8_t value) { return std::vector<uint8_t>(length, value); }
+
+inline uint8_t Write15(sim::Simulator& s, TestMemory& memory, uint32_t address, const std::vector<uint8_t>& data) {
+  std::memcpy(memory.At(kBuf), data.data(), data.size());
+  return Status(Call(s, 0x15, static_cast<uint32_t>(data.size()), address, kBuf));
+}
+
+inline uint8_t Read14(sim::Simulator& s, TestMemory& memory, uint32_t address, uint32_t length,
+                      std::vector<uint8_t>& out) {
+  std::fill_n(memory.At(kBuf2), length, 0xEE);
+  const uint8_t status = Status(Call(s, 0x14, length, address, kBuf2));
+  out.assign(memory.At(kBuf2), memory.At(kBuf2) + length);
+  return status;
+}
+
+// The byte of the flash at a 32-bit address of the part, which ends at 4 GB.
+inline uint8_t FlashAt(const sim::Simulator& s, uint32_t address) {
+  return s.Flash()[address - (0u - uint32_t(s.Flash().size()))];
 }
 
 }  // namespace simtest

@@ -1,0 +1,291 @@
+// Whole updates on the default simulated machine, one test per thing that must always hold: the
+// flash ends equal to the image except where the firmware keeps its own, the BVDT block goes
+// last, a second run writes nothing, a power cut keeps the old identity, a refusal leaves the
+// flash alone, a region option writes only its region, -g saves the flash as it is, and a
+// secure platform receives the image whole through 48h.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "SimRun.h"
+
+namespace {
+
+// The default machine: 16 MB part of 4 KB blocks ending at 4 GB, ME below 8 MB, BIOS above.
+constexpr uint32_t kRomSize = 0x1000000;
+constexpr uint32_t kRomBase = 0xFF000000u;
+constexpr uint32_t kBlock = 0x1000;
+constexpr uint32_t kMeStart = 0x1000, kBiosStart = 0x800000;
+constexpr uint32_t kVersionAt = kDefaultBvdt + 0x0E;
+constexpr uint32_t kModelAt = kDefaultBvdt + 0x27;
+
+struct Range {
+  uint32_t offset, size;
+};
+// NV Storage and FTW Backup (protection list) and FTW State (private list).
+const Range kKeptRanges[] = {{0x800000, 0x40000}, {0x840000, 0x40000}, {0x880000, 0x10000}};
+
+bool InKept(uint32_t offset) {
+  return std::any_of(std::begin(kKeptRanges), std::end(kKeptRanges),
+                     [offset](const Range& r) { return offset >= r.offset && offset - r.offset < r.size; });
+}
+bool InOemData(uint32_t address) { return address - kRomBase - kDefaultBvdt < 0x10000; }
+
+void PutField(Bytes& image, uint32_t at, size_t bytes, const std::string& text) {
+  std::fill(image.begin() + at, image.begin() + at + bytes, 0);
+  std::copy(text.begin(), text.begin() + std::min(bytes, text.size()), image.begin() + at);
+}
+
+// The default content with a pattern in every BIOS block, the ME changed, the given identity in
+// the BVDT, and the kept ranges filled with junk that must never reach the flash.
+Bytes NewImage(const std::string& version = "V9.99", const std::string& model = "DV-REF1000") {
+  Bytes image = DefaultFlash();
+  for (uint32_t at = kBiosStart; at < kRomSize; at += 0x100)
+    if (at < kDefaultBvdt || at >= kDefaultBvdt + kBlock) image[at] = static_cast<uint8_t>(at >> 12);
+  for (uint32_t at = kMeStart; at < kBiosStart; at += 0x10000) image[at] ^= 0x5A;
+  for (const Range& r : kKeptRanges) std::fill(image.begin() + r.offset, image.begin() + r.offset + r.size, 0xA5);
+  PutField(image, kVersionAt, 24, version);
+  PutField(image, kModelAt, 25, model);
+  return image;
+}
+
+// What a good update leaves: the image from `from` on, except where the firmware keeps its own.
+Bytes Expected(const Bytes& before, const Bytes& image, uint32_t from = 0) {
+  Bytes expected = image;
+  for (uint32_t i = 0; i < kRomSize; i++)
+    if (i < from || InKept(i)) expected[i] = before[i];
+  return expected;
+}
+
+std::vector<uint32_t> WrittenAddresses(const SimResult& result) {
+  std::vector<uint32_t> addresses;
+  for (const SmiCall& call : result.calls)
+    if (call.fn == "15h") addresses.push_back(call.in["edi"].get<uint32_t>());
+  return addresses;
+}
+
+// The BVDT block's writes come after every other block's, the rest in address order.
+void ExpectBvdtLast(const std::vector<uint32_t>& writes) {
+  ASSERT_FALSE(writes.empty());
+  const auto firstHeld = std::find_if(writes.begin(), writes.end(), InOemData);
+  EXPECT_TRUE(std::all_of(firstHeld, writes.end(), InOemData));
+  EXPECT_TRUE(std::is_sorted(writes.begin(), firstHeld));
+  EXPECT_EQ(std::count(writes.begin(), writes.end(), kRomBase + kDefaultBvdt), 1);
+  EXPECT_TRUE(InOemData(writes.back()));
+}
+
+TEST(UpdateScenarios, TheFlashEndsAsTheImageWithTheBvdtBlockLastAndASecondRunWritesNothing) {
+  const Bytes before = DefaultFlash();
+  const Bytes image = NewImage();
+  SimResult first = RunTool("", before, image, {"-dbg"});
+  ASSERT_EQ(first.exitCode, 0) << first.console << first.errors;
+  EXPECT_NE(first.console.find("Update Progress: Completed"), std::string::npos) << first.console;
+  EXPECT_EQ(FirstDifference(first.flash, Expected(before, image)), std::string::npos);
+  ExpectBvdtLast(WrittenAddresses(first));
+  for (uint32_t address : WrittenAddresses(first)) EXPECT_FALSE(InKept(address - kRomBase)) << std::hex << address;
+  EXPECT_NE(first.log.find("Write BVDT block 0xFF890000 size 0x1000\r\n"), std::string::npos);
+
+  SimResult second = RunTool("", first.flash, image, {});
+  ASSERT_EQ(second.exitCode, 0) << second.console;
+  EXPECT_EQ(Count(second, "15h"), 0u);
+  EXPECT_EQ(FirstDifference(second.flash, first.flash), std::string::npos);
+}
+
+TEST(UpdateScenarios, APowerCutKeepsTheOldBvdtAndASecondRunFinishes) {
+  const Bytes before = DefaultFlash();
+  const Bytes image = NewImage();
+  SimResult cut = RunTool(R"({"power_cut_after_writes": 600})", before, image, {});
+  EXPECT_EQ(cut.exitCode, 4) << cut.console;
+  EXPECT_EQ(Count(cut, "15h"), 600u);
+  EXPECT_TRUE(std::equal(before.begin() + kDefaultBvdt, before.begin() + kDefaultBvdt + kBlock,
+                         cut.flash.begin() + kDefaultBvdt));
+  EXPECT_NE(FirstDifference(cut.flash, before), std::string::npos);
+
+  SimResult again = RunTool("", cut.flash, image, {});
+  ASSERT_EQ(again.exitCode, 0) << again.console;
+  EXPECT_EQ(FirstDifference(again.flash, Expected(before, image)), std::string::npos);
+  EXPECT_TRUE(InOemData(WrittenAddresses(again).back()));
+}
+
+// One refusal of each kind: of the image's size, of the platform, of the version.
+TEST(UpdateScenarios, ARefusalLeavesTheFlashAlone) {
+  struct Row {
+    const char* what;
+    std::string machine;
+    Bytes image;
+    std::string message;
+  };
+  Bytes shortImage = NewImage("V1.03");
+  shortImage.pop_back();
+  const Row rows[] = {
+      {"one byte short", "", shortImage,
+       "ERROR!\r\nSize not match!\r\n-----+---------\r\n  ROM  0x1000000\r\n File  0xFFFFFF\r\n"},
+      {"model mismatch", R"({"info": {"policy": "0x01"}, "status": {"vendor_id": "0x1656"}})", NewImage("V1.03", "DV-OTHER"),
+       "Current BIOS Model Name: DV-REF1000\r\n                           New     BIOS Model Name: DV-OTHER\r\n"
+       "                           Current BIOS Version: V1.02\r\n                           New     BIOS Version: "
+       "V1.03\r\n\r\n\r\nModel name not match.\r\n\n" + kNothingWritten},
+      {"older version", R"({"info": {"policy": "0x02"}, "status": {"vendor_id": "0x1656"}})", NewImage("V1.01"),
+       "New     BIOS Version: V1.01\r\n\r\n\r\nThe version of ROM file is not newer than current BIOS.\r\n\n" +
+           kNothingWritten},
+  };
+  const Bytes before = DefaultFlash();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    SimResult result = RunTool(row.machine, before, row.image, {});
+    EXPECT_EQ(result.exitCode, 1) << result.errors;
+    EXPECT_NE(result.console.find(row.message), std::string::npos) << result.console;
+    EXPECT_EQ(Count(result, "15h"), 0u);
+    EXPECT_EQ(FirstDifference(result.flash, before), std::string::npos);
+  }
+}
+
+// -bios leaves the ME as it was; -me on a locked machine offers the ME blocks, which the firmware
+// skips, and leaves the BIOS alone.
+TEST(UpdateScenarios, ARegionOptionWritesOnlyItsRegion) {
+  struct Row {
+    const char* what;
+    std::string machine;
+    std::string option;
+    bool biosWritten;
+    int status;  // of every 15h call
+    std::string logLine;
+  };
+  const Row rows[] = {
+      {"-bios", "", "-bios", true, 0, "Write BVDT block 0xFF890000 size 0x1000\r\n"},
+      {"-me on a locked ME", R"({"me": {"locked": true}})", "-me", false, 0x29, "ME |LOCKED|\r\n"},
+  };
+  const Bytes before = DefaultFlash();
+  const Bytes image = NewImage();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    SimResult result = RunTool(row.machine, before, image, {row.option, "-dbg"});
+    ASSERT_EQ(result.exitCode, 0) << result.console << result.errors;
+    const Bytes expected = row.biosWritten ? Expected(before, image, kBiosStart) : before;
+    EXPECT_EQ(FirstDifference(result.flash, expected), std::string::npos);
+    ASSERT_GT(Count(result, "15h"), 0u);
+    for (const SmiCall& call : result.calls) {
+      if (call.fn != "15h") continue;
+      const uint32_t offset = call.in["edi"].get<uint32_t>() - kRomBase;
+      EXPECT_EQ(offset >= kBiosStart, row.biosWritten) << std::hex << offset;
+      EXPECT_EQ(call.status, row.status);
+    }
+    if (row.biosWritten) ExpectBvdtLast(WrittenAddresses(result));
+    EXPECT_NE(result.log.find(row.logLine), std::string::npos) << result.log;
+  }
+}
+
+TEST(UpdateScenarios, SaveWholeRomWritesAFileEqualToTheFlash) {
+  const std::string lockedWarning = "Warning!\r\nME is locked. The ME region of the saved file is invalid.\r\n";
+  for (bool locked : {false, true}) {
+    SCOPED_TRACE(locked ? "locked ME" : "open ME");
+    SimRequest request;
+    request.machineJson = locked ? R"({"me": {"locked": true}})" : "";
+    request.arguments = {"dump.bin", "-g"};
+    request.readBack = {"dump.bin"};
+    SimResult result = RunSim(request);
+    EXPECT_EQ(result.exitCode, 0) << result.console;
+    ASSERT_EQ(result.files.count("dump.bin"), 1u) << result.console;
+    EXPECT_EQ(result.files["dump.bin"].size(), kRomSize);
+    EXPECT_TRUE(result.files["dump.bin"] == Text(result.flash));
+    EXPECT_EQ(Count(result, "15h"), 0u);
+    const size_t done = result.console.find("Read Progress: Completed");
+    EXPECT_LT(result.console.find("Read current ROM start!"), done) << result.console;
+    EXPECT_EQ(FindFrom(result.console, lockedWarning, done) != std::string::npos, locked) << result.console;
+  }
+}
+
+// ---- the secure image and 48h ----
+
+void AppendU32(Bytes& out, uint32_t value) {
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+void AppendSlot(Bytes& out, const std::string& tag, const Bytes& data, uint32_t capacity) {
+  out.insert(out.end(), tag.begin(), tag.end());
+  AppendU32(out, capacity);
+  AppendU32(out, static_cast<uint32_t>(data.size()));
+  const size_t start = out.size();
+  out.resize(start + capacity, 0);
+  std::copy_n(data.begin(), std::min<size_t>(data.size(), capacity), out.begin() + start);
+}
+
+// A signed container as the packing step leaves it: code in front, the secure-image record, the
+// EC, BIOSIMG, INI and certificate slots, and the driver signature of this generation at the end.
+Bytes SecureImage(const Bytes& payload) {
+  Bytes image(0xD80, 0x90);
+  const uint8_t record[] = {'$',  'I',  'S',  'B',  0x33, 0x38, 0xA1, 0xDD, 0x42, 0xC3,
+                            0xAE, 0x4E, 0xB5, 0xC9, 0xC2, 0xD7, 0xD6, 0x13, 0xDB, 0xB8};
+  image.insert(image.end(), std::begin(record), std::end(record));
+  AppendSlot(image, "$_KOBALT_EC_IMG_", {}, 4);
+  AppendSlot(image, "$_KOBALT_BIOSIMG", payload, static_cast<uint32_t>(payload.size()));
+  AppendSlot(image, "$_KOBALT_INI_IMG", {}, 0x100);
+  AppendSlot(image, "$_KOBALT_BIOSCER", Bytes(0x100, 0x5C), 0x400);
+  const std::string signature = "I#EFI#DRV_1.2d";
+  image.insert(image.end(), signature.begin(), signature.end());
+  image.insert(image.end(), 2, 0);
+  return image;
+}
+
+// The digest the simulator reports of what it received, computed here on its own.
+std::string Fnv1a(const Bytes& bytes) {
+  uint64_t hash = 0xCBF29CE484222325ull;
+  for (uint8_t b : bytes) hash = (hash ^ b) * 0x100000001B3ull;
+  char text[17];
+  std::snprintf(text, sizeof(text), "%016llx", static_cast<unsigned long long>(hash));
+  return text;
+}
+
+TEST(UpdateScenarios, ASecurePlatformReceivesTheWholeImageThrough48hAndNoBlockIsWritten) {
+  const Bytes image = SecureImage(NewImage());
+  SimResult result = RunTool(R"({"capsule": {"secure": true, "action": 2}})", {}, image, {"-dbg"});
+  ASSERT_EQ(result.exitCode, 0) << result.console << result.errors;
+  EXPECT_EQ(Count(result, "15h"), 0u);
+  EXPECT_EQ(result.flash, DefaultFlash());
+
+  std::vector<nlohmann::json> capsules;
+  for (const SmiCall& call : result.calls)
+    if (call.fn == "48h" && call.record.contains("capsule")) capsules.push_back(call.record["capsule"]);
+  ASSERT_EQ(capsules.size(), 1u);
+  EXPECT_EQ(capsules[0]["size"].get<uint32_t>(), image.size());
+  EXPECT_EQ(capsules[0]["image_fnv1a"].get<std::string>(), Fnv1a(image));
+  // 512 KB blocks, the last one shorter, each behind the one before.
+  const auto lengths = capsules[0]["lengths"].get<std::vector<uint64_t>>();
+  const auto addresses = capsules[0]["addresses"].get<std::vector<uint64_t>>();
+  ASSERT_EQ(lengths.size(), (image.size() + 0x7FFFF) / 0x80000);
+  for (size_t i = 0; i + 1 < lengths.size(); ++i) {
+    EXPECT_EQ(lengths[i], 0x80000u);
+    EXPECT_EQ(addresses[i + 1], addresses[i] + 0x80000u);
+  }
+  EXPECT_EQ(lengths.back(), image.size() % 0x80000);
+
+  // The firmware's action 2 (shut down) becomes the finish report's action.
+  ASSERT_EQ(result.calls.back().fn, "16h");
+  EXPECT_EQ(result.calls.back().in["ecx"].get<uint32_t>() & 0xFF, 1u) << "shutdown";
+  EXPECT_NE(result.log.find("BIOS return action (2)\r\n"), std::string::npos);
+}
+
+// Hook point 1 right after 10h, hook point 0 and the final report at the very end of every run,
+// each call with the caller's signature and the command port of the FADT.
+TEST(UpdateScenarios, HookPointsAndTheFinalReportFrameEveryRun) {
+  SimRequest bare;
+  bare.keys = "  ";  // a bare run ends with the help, whose pager waits for keys
+  SimResult result = RunSim(bare);
+  ASSERT_GE(result.calls.size(), 3u);
+  EXPECT_EQ(result.calls[1].fn, "1Fh");
+  EXPECT_EQ(result.calls[1].in["ecx"], 1);
+  const SmiCall& hook = result.calls[result.calls.size() - 2];
+  EXPECT_EQ(hook.fn, "1Fh");
+  EXPECT_EQ(hook.in["ecx"], 0);
+  // A run that stopped before any finish state was set reports "Do Nothing": CL 0, CH 0.
+  EXPECT_EQ(result.calls.back().fn, "16h");
+  EXPECT_EQ(result.calls.back().in["ecx"].get<uint32_t>() & 0xFFFF, 0u);
+  for (const auto& call : result.calls) {
+    EXPECT_EQ(call.in["ebx"], 0x24445652) << call.fn;
+    EXPECT_EQ(call.in["edx"].get<uint32_t>() & 0xFFFF, 0xB2u) << call.fn;
+  }
+}
+
+}  // namespace
