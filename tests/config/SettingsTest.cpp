@@ -25,7 +25,8 @@ class SettingsLoad : public bed::DriverBed {
 
 TEST_F(SettingsLoad, InitialIniStructureIsTracedUnderItsName) {
   SetArguments({u"zaprom", u"-dbg"});
-  ScanDebugOption();
+  CHAR16* arguments[] = {const_cast<CHAR16*>(u"zaprom"), const_cast<CHAR16*>(u"-dbg")};
+  ScanDebugOption(2, arguments);
   InitialIniStructure();
   EXPECT_EQ(Log(), "===> InitialIniStructure [14:03:59]\r\n<=== InitialIniStructure\r\n");
 }

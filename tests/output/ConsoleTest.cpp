@@ -28,14 +28,14 @@ TEST(Console, PrintCutsAt320AndPrintLongSlicesAt300WithoutFormattingAgain) {
   };
   for (const Row& row : rows) {
     bed::FrameBed bed;
-    size_t blocks = bed.environment->LiveAllocations();
+    size_t blocks = bed.environment->LiveBlocks().size();
     size_t shown = row.slices ? (PrintLong(u"%s", row.text.c_str()), 0) : Print(u"%s", row.text.c_str());
     ASSERT_EQ(bed.calls.size(), row.pieces.size()) << row.text.size();
     size_t at = 0;
     for (size_t i = 0; i < row.pieces.size(); i++, at += row.pieces[i - 1])
       EXPECT_EQ(bed.calls[i], "Out:" + std::string(row.text.begin() + at, row.text.begin() + at + row.pieces[i])) << row.text.size() << " piece " << i;
     if (!row.slices) EXPECT_EQ(shown, row.pieces[0]);
-    EXPECT_EQ(bed.environment->LiveAllocations(), blocks) << "each print frees its block";
+    EXPECT_EQ(bed.environment->LiveBlocks().size(), blocks) << "each print frees its block";
   }
   bed::FrameBed refused;
   refused.outputStatus = EFI_DEVICE_ERROR;
@@ -69,12 +69,12 @@ TEST(Console, CenterLinesGivesOneBlockPerLine) {
 
 TEST(Console, AcWarningStandsCentredInARedBarOnAClearedScreen) {
   bed::FrameBed bed;
-  size_t blocks = bed.environment->LiveAllocations();
+  size_t blocks = bed.environment->LiveBlocks().size();
   ShowAcWarning("messagestringA02");  // no message table: the tool's own text
   const std::string edge = "Out:" + std::string(79, ' ') + "\r\n";
   const std::string text = "Out:" + std::string(23, ' ') + "Please do not remove the AC power!" + std::string(22, ' ') + "\r\n";
   EXPECT_EQ(bed.calls, (std::vector<std::string>{"Clear", "Attr:4F", edge, text, edge, "Cursor:0,6", "Attr:0F"}));
-  EXPECT_EQ(bed.environment->LiveAllocations(), blocks);
+  EXPECT_EQ(bed.environment->LiveBlocks().size(), blocks);
   const CHAR16* fallback = u"default";
   for (const CHAR8* key : {"messagestringA02", "", (const CHAR8*)nullptr}) EXPECT_EQ(GetMessageText(key, fallback), fallback);
 }

@@ -83,7 +83,7 @@ struct HostRun {
     self->FilePath = reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(this->imagePath.data());
     self->LoadOptions = (VOID*)loadOptions;
     self->LoadOptionsSize = loadOptions ? (UINT32)(2 * std::char_traits<char16_t>::length(loadOptions)) : 0;
-    blocksBefore = environment.LiveAllocations();
+    blocksBefore = environment.LiveBlocks().size();
     status = ZaPromShellEntry(image, environment.SystemTable());
   }
   static emu::Options Options() { return emu::Options{{{"/tmp", emu::VolumeKind::Usb}}, 0, "", false, nullptr}; }
@@ -123,7 +123,7 @@ TEST(ZaPromShell, LoadsTheDriverBesideItselfHandsOverTheRunInOrderAndGivesBackWh
                                                "SetShellExecuteCallback", "ShellFlashMain", "Hook 0", "FuncOblis_16h", "unloaded"}))
         << row.what;
     EXPECT_EQ(loadedPath, run.DriverPath(u"\\EFI\\Tools\\kobalt.efi")) << row.what;
-    EXPECT_EQ(run.environment.LiveAllocations(), run.blocksBefore) << row.what;
+    EXPECT_EQ(run.environment.LiveBlocks().size(), run.blocksBefore) << row.what;
     EXPECT_EQ(run.environment.ConsoleTranscript(), "") << row.what;
   }
 }

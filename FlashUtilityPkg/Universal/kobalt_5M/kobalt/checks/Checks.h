@@ -69,6 +69,8 @@ Bool ArmAutoWakeup(UINT32 interval);
 // driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
 // takes them back.
 VOID ResetChecksState();
+// Frees the answer words kept from the OEM parameter list; called when the driver unloads.
+VOID ReleaseChecksMemory();
 VOID ResetCommonFlashState();
 VOID ResetConditionalState();
 VOID ResetPlatformCheckState();

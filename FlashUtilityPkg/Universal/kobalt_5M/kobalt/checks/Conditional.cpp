@@ -416,3 +416,8 @@ Bool FuncOblis_1Bh(const UINT8* image, UINT32 size) {
 VOID ResetConditionalState() {
   gConditional = {};
 }
+
+VOID ReleaseChecksMemory() {
+  FreePoolAndNull(gConditional.oemAnswerList.words);
+  gConditional.oemAnswerList.count = 0;
+}

@@ -305,6 +305,8 @@ Bool AddEdtEntry(const CHAR16* text);
 // driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
 // takes them back.
 VOID ResetConfigState();
+// Frees the pool memory the folder keeps for the whole run; called when the driver unloads.
+VOID ReleaseConfigMemory();
 VOID ResetCommandFlagsState();
 VOID ResetIniReaderState();
 VOID ResetMultiImageState();

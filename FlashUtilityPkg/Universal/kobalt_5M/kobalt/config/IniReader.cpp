@@ -395,3 +395,5 @@ Bool GetIniString(const CHAR8* section, const CHAR8* key, CHAR8* out, UINTN capa
 VOID ResetIniReaderState() {
   gIni = {};
 }
+
+VOID ReleaseConfigMemory() { FreePoolAndNull(gIni.text); }

@@ -200,15 +200,17 @@ Bool LoadConfiguration(CHAR16* imageName) {
 Bool LoadConfigFormal(CHAR16* imageName) {
   UINT8* text = nullptr;
   UINT32 textSize = 0;
-  // The text's buffer stays with the run: the settings live on in the working text.
+  // LoadOption keeps its own copy of the normal form, so the file's buffer goes back at once.
   if (ReadFile(kPlatformIniName, &text, &textSize)) {
     LogPrint(kLogSettings, kFormalExternal);
     CHAR8* iniText = reinterpret_cast<CHAR8*>(text);
     LoadOption(iniText, &textSize, true);
     if (Settings()->multiFd.flag != 1) {
       SaveCfg_Variable(iniText, textSize);
+      FreePoolAndNull(text);
       return true;
     }
+    FreePoolAndNull(text);
     if (!IsCondi_match()) {
       PrintBanner(true);
       Print(kNoMultiFdMatch);

@@ -2,7 +2,12 @@
 // directory and the component name on the image handle, and marks the entry slot tags. It does
 // no work of a run: no OBLIS call, no console output, no setting is read here.
 #include "frame/FrameInternal.h"
+#include "checks/Checks.h"
+#include "config/Config.h"
 #include "image/Image.h"
+#include "oblis/Oblis.h"
+#include "output/Output.h"
+#include "update/Update.h"
 
 namespace {
 
@@ -78,5 +83,12 @@ EFI_STATUS EFIAPI DriverUnload(EFI_HANDLE imageHandle) {
   // Errors are not looked at: the platform unloads the image whatever they say.
   gBS->UninstallMultipleProtocolInterfaces(imageHandle, &kComponentNameProtocolGuid, &componentName, nullptr);
   gBS->UninstallMultipleProtocolInterfaces(imageHandle, &kFunctionDirectoryProtocolGuid, &functionDirectory, nullptr);
+  // What the folders kept for the whole run goes back to the pool; the log buffer goes last,
+  // since any trace line would take it again.
+  ReleaseUpdateMemory();
+  ReleaseChecksMemory();
+  ReleaseOblisMemory();
+  ReleaseConfigMemory();
+  ReleaseOutputMemory();
   return EFI_SUCCESS;
 }

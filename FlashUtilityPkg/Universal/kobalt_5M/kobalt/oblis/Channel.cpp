@@ -407,3 +407,21 @@ VOID ResetOblisState() {
   ResetMapsState();
   ResetPlatformStatusState();
 }
+
+namespace {
+
+VOID FreeSharedBuffer(OblisSharedBuffer* shared) {
+  if (shared->data != nullptr && gBS != nullptr) {
+    gBS->FreePages((EFI_PHYSICAL_ADDRESS)(UINTN)shared->data, shared->pages);
+  }
+  *shared = {nullptr, 0};
+}
+
+}  // namespace
+
+VOID ReleaseOblisMemory() {
+  ReleaseMapsMemory();
+  ReleasePlatformStatusMemory();
+  FreeSharedBuffer(&gOblisBuffer);
+  FreeSharedBuffer(&gOblisBuffer2);
+}

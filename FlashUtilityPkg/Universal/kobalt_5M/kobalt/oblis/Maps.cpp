@@ -332,3 +332,9 @@ VOID ShowProtectionMapConsole(const OblisProtectionRecord* list, UINT32 count) {
 VOID ResetMapsState() {
   gMaps = {};
 }
+
+VOID ReleaseMapsMemory() {
+  FreePoolAndNull(gMaps.protectionBuffer);
+  FreePoolAndNull(gMaps.privateBuffer);
+  FreePoolAndNull(gMaps.wholeRecords);
+}

@@ -221,10 +221,15 @@ Bool ShowBvdtMapFile(const CHAR16* name);
 // driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
 // takes them back.
 VOID ResetOblisState();
+// Frees the pool memory and the shared pages the folder keeps for the whole run; called when the
+// driver unloads.
+VOID ReleaseOblisMemory();
 VOID ResetBlockTableState();
 VOID ResetBvdtMapState();
 VOID ResetChannelState();
 VOID ResetFinishState();
 VOID ResetFlashReadState();
 VOID ResetMapsState();
+VOID ReleaseMapsMemory();
 VOID ResetPlatformStatusState();
+VOID ReleasePlatformStatusMemory();

@@ -314,3 +314,5 @@ Bool EFIAPI SMI_ApHookPoint(UINT32 point) {
 VOID ResetPlatformStatusState() {
   gPlatform = {{}, kVendorNone, nullptr, 0, {}};
 }
+
+VOID ReleasePlatformStatusMemory() { FreePoolAndNull(gPlatform.filterRecord); }

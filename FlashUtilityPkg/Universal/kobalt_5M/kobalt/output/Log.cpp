@@ -184,3 +184,8 @@ VOID ResetOutputState() {
   ResetLogState();
   ResetProgressState();
 }
+
+VOID ReleaseOutputMemory() {
+  ReleaseProgressMemory();
+  FreePoolAndNull(gLog.buffer);
+}

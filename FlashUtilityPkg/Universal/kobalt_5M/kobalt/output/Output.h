@@ -100,6 +100,10 @@ Bool ReadMessageTable(const CHAR8* key, CHAR8* value, UINTN capacity);
 // driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
 // takes them back.
 VOID ResetOutputState();
+// Frees the block map and the log buffer; called last when the driver unloads, since a trace line
+// after it would take a new buffer.
+VOID ReleaseOutputMemory();
 VOID ResetConsoleState();
 VOID ResetLogState();
 VOID ResetProgressState();
+VOID ReleaseProgressMemory();

@@ -250,3 +250,5 @@ VOID AddBlockMark(const BlockMapEntry& entry) {
 VOID ResetProgressState() {
   progress = kProgressStart;
 }
+
+VOID ReleaseProgressMemory() { FreePoolAndNull(progress.blockMap); }

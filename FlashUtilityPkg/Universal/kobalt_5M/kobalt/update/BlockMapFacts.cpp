@@ -37,6 +37,8 @@ BlockMapEntry DescribeBlock(UINT32 address, UINT16 mark) {
   for (UINT32 i = 0; privateList != nullptr && i < privateCount && !entry.inPrivateRegion; i++) {
     entry.inPrivateRegion = Holds(privateList[i].address, privateList[i].size, address);
   }
+  FreePoolAndNull(privateList);
+  FreePoolAndNull(protectionList);
 
   entry.externalType = kNoExternalRegion;
   for (UINT8 type : kExternalTypes) {

@@ -455,3 +455,8 @@ VOID ResetUpdateState() {
   ResetOemMeState();
   ResetRegionState();
 }
+
+VOID ReleaseUpdateMemory() {
+  FreePoolAndNull(gWriter.updateBuffer);
+  ReleaseRegionMemory();
+}

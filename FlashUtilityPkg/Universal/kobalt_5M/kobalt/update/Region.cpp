@@ -340,3 +340,5 @@ Bool IsSkipMeRegion() { return gRegion.skipMeRegion; }
 VOID ResetRegionState() {
   gRegion = {};
 }
+
+VOID ReleaseRegionMemory() { FreePoolAndNull(gRegion.answer); }

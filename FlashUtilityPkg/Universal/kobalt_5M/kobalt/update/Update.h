@@ -78,8 +78,11 @@ Bool UpdateOemME();
 // driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
 // takes them back.
 VOID ResetUpdateState();
+// Frees the update buffer and the kept 17h answer; called when the driver unloads.
+VOID ReleaseUpdateMemory();
 VOID ResetBlockWriterState();
 VOID ResetCapsuleState();
 VOID ResetEcPrefixState();
 VOID ResetOemMeState();
 VOID ResetRegionState();
+VOID ReleaseRegionMemory();
