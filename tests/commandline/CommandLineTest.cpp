@@ -79,6 +79,7 @@ TEST(CommandLine, EachOptionTokenSetsItsFlagOrIsRefused) {
       {"-eob", true, [](auto& f) { return f.eob; }, "Command -eob\r\n", ""},
       {"-edt4f:logo.jpg", true,
        [](auto& f) { return f.edtCount == 1 && Narrow(f.edtList[0]) == "edt4f:logo.jpg"; }, "raw command (edt4f:logo.jpg)", ""},
+      {"-edtAs:x", true, [](auto& f) { return f.edtCount == 1 && Narrow(f.edtList[0]) == "edtas:x"; }, "", ""},
       {"/EDTCDW:Ab", true, [](auto& f) { return f.edtCount == 1 && Narrow(f.edtList[0]) == "edtcdw:Ab"; }, "", ""},
       {"-edt3f:x", false, nullptr, "", "Warning - Type code error. (0x4-0xC)\r\n"},
       {"-edtDf:x", false, nullptr, "", "Warning - Type code error. (0x4-0xC)\r\n"},

@@ -161,12 +161,13 @@ TEST(FinishState, SetStatusLoadsTheSettingThenOptionsThenArguments) {
     bool r, s, n;
     uint8_t cmos, action, complete;
     uint8_t keptCmos, keptAction, keptComplete;
+    const char* options;  // the option lines of the trace, in the order they are taken
   };
   const Row rows[] = {
-      {"all left as they are", 1, false, false, false, 0xEF, 0xEF, 0xEF, 0, 1, 0},
-      {"-r and -n: nothing", 2, true, false, true, 0xEF, 0xEF, 1, 0, 0, 1},
-      {"-s beats -r", 0, true, true, false, 0xEF, 0xEF, 0xEF, 0, 1, 0},
-      {"argument beats options", 2, false, false, true, 1, 2, 2, 1, 2, 2},
+      {"all left as they are", 1, false, false, false, 0xEF, 0xEF, 0xEF, 0, 1, 0, ""},
+      {"-r and -n: nothing", 2, true, false, true, 0xEF, 0xEF, 1, 0, 0, 1, "Set 16h -r\r\nSet 16h -n\r\n"},
+      {"-s beats -r", 0, true, true, false, 0xEF, 0xEF, 0xEF, 0, 1, 0, "Set 16h -r\r\nSet 16h -s\r\n"},
+      {"argument beats options", 2, false, false, true, 1, 2, 2, 1, 2, 2, "Set 16h -n\r\n"},
   };
   for (const Row& row : rows) {
     EXPECT_EQ(0, RunIsolated([&] {
@@ -179,6 +180,10 @@ TEST(FinishState, SetStatusLoadsTheSettingThenOptionsThenArguments) {
                 EXPECT_EQ(GetFinishClearCmos(), row.keptCmos) << row.what;
                 EXPECT_EQ(GetFinishAction(), row.keptAction) << row.what;
                 EXPECT_EQ(GetFinishComplete(), row.keptComplete) << row.what;
+                std::string options;
+                for (size_t at = fw.Log().find("Set 16h -"); at != std::string::npos; at = fw.Log().find("Set 16h -", at + 1))
+                  options += fw.Log().substr(at, 12);
+                EXPECT_EQ(options, row.options) << row.what;
               }))
         << row.what;
   }
