@@ -88,15 +88,6 @@ Options ParseCommandLine(int argc, char** argv) {
   return options;
 }
 
-bool ReadWholeFile(const std::string& path, std::string& content) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::stringstream text;
-  text << in.rdbuf();
-  content = text.str();
-  return !in.bad();
-}
-
 // The host's side of the shared memory, with counts for the channel's figures.
 class SharedLine {
  public:
@@ -169,18 +160,10 @@ uint8_t* MapSharedFile(const std::string& path) {
 int main(int argc, char** argv) {
   Options options = ParseCommandLine(argc, argv);
 
-  sim::Machine machine = sim::DefaultMachine();
-  if (!options.machineFile.empty()) {
-    std::string text, error;
-    if (!ReadWholeFile(options.machineFile, text)) Fail("cannot read the machine file " + options.machineFile);
-    if (!sim::ParseMachine(text, machine, error)) Fail(options.machineFile + ": " + error);
-  }
+  sim::Machine machine;
   std::vector<uint8_t> flash;
-  if (!options.flashFile.empty() && std::filesystem::exists(options.flashFile)) {
-    std::string content;
-    if (!ReadWholeFile(options.flashFile, content)) Fail("cannot read the flash file " + options.flashFile);
-    flash.assign(content.begin(), content.end());
-  }
+  std::string loadError;
+  if (!sim::LoadMachineAndFlash(options.machineFile, options.flashFile, machine, flash, loadError)) Fail(loadError);
   std::string flashProblem = sim::ValidateFlashContent(machine, flash);
   if (!flashProblem.empty()) Fail(flashProblem);
 

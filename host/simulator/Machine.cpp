@@ -4,6 +4,9 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <nlohmann/json.hpp>
 
 #include "MachineLayout.h"
@@ -552,6 +555,35 @@ bool ParseMachine(const std::string& jsonText, Machine& machine, std::string& er
     return false;
   }
   machine = std::move(parsed);
+  return true;
+}
+
+}  // namespace sim
+
+namespace sim {
+
+bool LoadMachineAndFlash(const std::string& machineFile, const std::string& flashFile, Machine& machine,
+                         std::vector<uint8_t>& flash, std::string& error) {
+  auto readWhole = [](const std::string& path, std::string& content) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    std::stringstream text;
+    text << in.rdbuf();
+    content = text.str();
+    return !in.bad();
+  };
+  machine = DefaultMachine();
+  flash.clear();
+  if (!machineFile.empty()) {
+    std::string text, parseError;
+    if (!readWhole(machineFile, text)) return error = "cannot read the machine file " + machineFile, false;
+    if (!ParseMachine(text, machine, parseError)) return error = machineFile + ": " + parseError, false;
+  }
+  if (!flashFile.empty() && std::filesystem::exists(flashFile)) {
+    std::string content;
+    if (!readWhole(flashFile, content)) return error = "cannot read the flash file " + flashFile, false;
+    flash.assign(content.begin(), content.end());
+  }
   return true;
 }
 

@@ -148,6 +148,10 @@ Machine DefaultMachine();
 // Parses a description; keys left out keep the default machine's values. False with a message
 // on a bad key or value.
 bool ParseMachine(const std::string& jsonText, Machine& machine, std::string& error);
+// Reads a machine file (none: the default machine) and a flash file (none or missing: empty, the
+// machine's own content); false with the reason in error if either cannot be read or parsed.
+bool LoadMachineAndFlash(const std::string& machineFile, const std::string& flashFile, Machine& machine,
+                         std::vector<uint8_t>& flash, std::string& error);
 
 // The flash content of a machine that brings none: an Intel flash descriptor with descriptor,
 // ME and BIOS regions, a "$BVDT$" block in the OEM Data region, all else erased (0xFF).

@@ -85,15 +85,6 @@ FrontEndOptions ParseCommandLine(int argc, char** argv) {
   return options;
 }
 
-bool ReadWholeFile(const std::string& path, std::string& content) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::stringstream text;
-  text << in.rdbuf();
-  content = text.str();
-  return !in.bad();
-}
-
 bool ParseVolumeKind(const std::string& text, emu::VolumeKind& kind) {
   if (text == "usb" || text.empty()) kind = emu::VolumeKind::Usb;
   else if (text == "sata") kind = emu::VolumeKind::Sata;
@@ -174,21 +165,13 @@ const char* ResetName(EFI_RESET_TYPE type) {
 int main(int argc, char** argv) {
   FrontEndOptions options = ParseCommandLine(argc, argv);
 
-  sim::Machine machine = sim::DefaultMachine();
-  std::filesystem::path machineDirectory = ".";
-  if (!options.machineFile.empty()) {
-    std::string text, error;
-    if (!ReadWholeFile(options.machineFile, text)) UsageError("cannot read the machine file " + options.machineFile, false);
-    if (!sim::ParseMachine(text, machine, error)) UsageError(options.machineFile + ": " + error, false);
-    machineDirectory = std::filesystem::path(options.machineFile).parent_path();
-  }
-
+  sim::Machine machine;
   std::vector<uint8_t> flash;
-  if (!options.flashFile.empty() && std::filesystem::exists(options.flashFile)) {
-    std::string content;
-    if (!ReadWholeFile(options.flashFile, content)) UsageError("cannot read the flash file " + options.flashFile, false);
-    flash.assign(content.begin(), content.end());
-  }
+  std::string loadError;
+  if (!sim::LoadMachineAndFlash(options.machineFile, options.flashFile, machine, flash, loadError))
+    UsageError(loadError, false);
+  std::filesystem::path machineDirectory =
+      options.machineFile.empty() ? std::filesystem::path(".") : std::filesystem::path(options.machineFile).parent_path();
 
   std::vector<EFI_INPUT_KEY> keys;
   std::string keyError;
