@@ -6,13 +6,12 @@
 #include <vector>
 
 #include "config/Config.h"
-#include "support/FrameHarness.h"
-#include "support/Isolated.h"
-
-using frame_test::FindAfter;
-using frame_test::FrameHarness;
+#include "support/DriverBed.h"
 
 namespace {
+
+// Each row starts from a fresh driver with the trace on at level 4.
+class CommandLine : public bed::DriverBed {};
 
 std::u16string Wide(const std::string& text) { return std::u16string(text.begin(), text.end()); }
 
@@ -36,7 +35,7 @@ bool OnlyTypeFlag(const CommandFlags& f, size_t type) {
   return true;
 }
 
-TEST(CommandLine, EachOptionTokenSetsItsFlagOrIsRefused) {
+TEST_F(CommandLine, EachOptionTokenSetsItsFlagOrIsRefused) {
   struct Row {
     std::string token;
     bool accepted;
@@ -107,26 +106,21 @@ TEST(CommandLine, EachOptionTokenSetsItsFlagOrIsRefused) {
       {"-hh", false, nullptr, "", ""},
   };
   for (const auto& row : rows) {
-    auto body = [&] {
-      FrameHarness harness;
-      harness.StartDriver();
-      harness.EnableLog();
-      CommandFlags before = *Flags();
-      std::u16string token = Wide(row.token);
-      EXPECT_EQ(ParseOption(token.data()), row.accepted);
-      if (row.check) {
-        EXPECT_TRUE(row.check(*Flags()));
-      } else {
-        EXPECT_EQ(std::memcmp(&before, Flags(), sizeof(CommandFlags)), 0);
-      }
-      if (!row.trace.empty()) EXPECT_NE(harness.Log().find(row.trace), std::string::npos) << harness.Log();
-      EXPECT_EQ(harness.Console(), row.console);
-    };
-    EXPECT_EQ(0, RunIsolated(body)) << row.token;
+    SCOPED_TRACE(row.token);
+    Install({});
+    CommandFlags before = *Flags();
+    EXPECT_EQ(Options({Wide(row.token)}), row.accepted);
+    if (row.check) {
+      EXPECT_TRUE(row.check(*Flags()));
+    } else {
+      EXPECT_EQ(std::memcmp(&before, Flags(), sizeof(CommandFlags)), 0);
+    }
+    if (!row.trace.empty()) EXPECT_NE(Log().find(row.trace), std::string::npos) << Log();
+    EXPECT_EQ(Console(), row.console);
   }
 }
 
-TEST(CommandLine, ArgumentsBecomeImageNameAndOptionText) {
+TEST_F(CommandLine, ArgumentsBecomeImageNameAndOptionText) {
   struct Row {
     std::string name;
     std::vector<std::string> arguments;  // without argument 0
@@ -157,30 +151,28 @@ TEST(CommandLine, ArgumentsBecomeImageNameAndOptionText) {
       {"-OemCus at the end", {"-n", "-OemCus"}, false, "", "?", "    Invalid parameter \"\".\r\n"},
   };
   for (const auto& row : rows) {
-    auto body = [&] {
-      FrameHarness harness;
-      harness.StartDriver();
-      std::vector<std::u16string> arguments = {u"ZAPROM.efi"};
-      for (const auto& argument : row.arguments) arguments.push_back(Wide(argument));
-      harness.SetArguments(arguments);
-      CHAR16 imageName[kImageNameCharacters] = {u'?'};
-      CHAR16 commandText[kCommandTextCharacters] = {u'?'};
-      EXPECT_EQ(ParseCommandLine(imageName, commandText), row.accepted);
-      EXPECT_EQ(Narrow(imageName), row.imageName);
-      EXPECT_EQ(Narrow(commandText), row.commandText);
-      std::string console = harness.Console();
-      if (row.refusal.empty()) {
-        EXPECT_EQ(console, "");
-      } else {
-        size_t banner = console.find("Version 1.3k.00");
-        EXPECT_NE(FindAfter(console, row.refusal, banner), std::string::npos) << console;
-      }
-    };
-    EXPECT_EQ(0, RunIsolated(body)) << row.name;
+    SCOPED_TRACE(row.name);
+    Install({});
+    std::vector<std::u16string> arguments = {u"ZAPROM.efi"};
+    for (const auto& argument : row.arguments) arguments.push_back(Wide(argument));
+    SetArguments(arguments);
+    CHAR16 imageName[kImageNameCharacters] = {u'?'};
+    CHAR16 commandText[kCommandTextCharacters] = {u'?'};
+    EXPECT_EQ(ParseCommandLine(imageName, commandText), row.accepted);
+    EXPECT_EQ(Narrow(imageName), row.imageName);
+    EXPECT_EQ(Narrow(commandText), row.commandText);
+    std::string console = Console();
+    size_t banner = console.find("Version 1.3k.00");
+    if (row.refusal.empty()) {
+      EXPECT_EQ(console, "");
+    } else {
+      EXPECT_NE(banner, std::string::npos) << console;
+      EXPECT_NE(console.find(row.refusal, banner), std::string::npos) << console;
+    }
   }
 }
 
-TEST(CommandLine, MatchTextComparesExactlyTheCountGiven) {
+TEST(TextHelpers, MatchTextComparesExactlyTheCountGiven) {
   struct Row {
     bool caseSensitive;
     const char16_t* text;
@@ -202,7 +194,7 @@ TEST(CommandLine, MatchTextComparesExactlyTheCountGiven) {
   }
 }
 
-TEST(CommandLine, NextTokenCutsAtTheSeparatorWithinTheBuffer) {
+TEST(TextHelpers, NextTokenCutsAtTheSeparatorWithinTheBuffer) {
   struct Row {
     const char16_t* text;
     uint16_t position;
@@ -230,7 +222,7 @@ TEST(CommandLine, NextTokenCutsAtTheSeparatorWithinTheBuffer) {
   }
 }
 
-TEST(CommandLine, ParseHexReadsDigitsUntilTheFirstOther) {
+TEST(TextHelpers, ParseHexReadsDigitsUntilTheFirstOther) {
   struct Row {
     const char16_t* text;
     uint32_t value;
@@ -245,17 +237,10 @@ TEST(CommandLine, ParseHexReadsDigitsUntilTheFirstOther) {
   }
 }
 
-TEST(CommandLine, TenthExtraDataOptionIsRefusedWithoutWritingBesideTheList) {
-  FrameHarness harness;
-  harness.StartDriver();
-  for (int i = 0; i < 9; i++) {
-    std::u16string token = u"-edt4s:" + Wide(std::to_string(i));
-    ASSERT_TRUE(ParseOption(token.data())) << i;
-  }
-  uint32_t countBefore = Flags()->edtCount;
-  std::u16string tenth = u"-edt5s:x";
-  EXPECT_FALSE(ParseOption(tenth.data()));
-  EXPECT_EQ(countBefore, 9u);
+TEST_F(CommandLine, TenthExtraDataOptionIsRefusedWithoutWritingBesideTheList) {
+  for (int i = 0; i < 9; i++) ASSERT_TRUE(Options({u"-edt4s:" + Wide(std::to_string(i))})) << i;
+  EXPECT_EQ(Flags()->edtCount, 9u);
+  EXPECT_FALSE(Options({u"-edt5s:x"}));
   EXPECT_EQ(Flags()->edtCount, 9u);
   EXPECT_EQ(Narrow(Flags()->edtList[8]), "edt4s:8");
 }

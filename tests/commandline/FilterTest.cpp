@@ -5,11 +5,8 @@
 #include <vector>
 
 #include "config/Config.h"
-#include "support/FrameHarness.h"
-#include "support/Isolated.h"
-
-using frame_test::FrameHarness;
-using frame_test::HarnessSetup;
+#include "frame/Frame.h"
+#include "support/DriverBed.h"
 
 namespace {
 
@@ -20,35 +17,30 @@ const Filter kEmpty = std::vector<uint8_t>{};
 const Filter kOnlyAll = std::vector<uint8_t>{0x01};
 const Filter kEverything = std::vector<uint8_t>(8, 0xFF);
 
-HarnessSetup MachineWithFilter(const Filter& filter, const std::string& keys = "") {
-  HarnessSetup setup;
-  sim::Machine machine = sim::DefaultMachine();
-  machine.filter = filter;
-  setup.machine = machine;
-  setup.keys = keys;
-  return setup;
-}
-
 // The driver after function 10h has handed over the filter, with the log on.
-struct FilteredRun {
-  explicit FilteredRun(const Filter& filter, const std::string& keys = "") : harness(MachineWithFilter(filter, keys)) {
-    harness.StartDriver();
-    harness.EnableLog();
+class CommandFilter : public bed::DriverBed {
+ protected:
+  void Start(const Filter& filter, const std::string& keys = "") {
+    bed::BedSetup setup;
+    setup.keys = keys;
+    std::string bytes = "null";
+    if (filter) {
+      bytes = "[";
+      for (uint8_t b : *filter) bytes += (bytes.size() > 1 ? "," : "") + std::to_string(b);
+      bytes += "]";
+    }
+    setup.machineJson = "{\"status\": {\"filter\": " + bytes + "}}";
+    Install(setup);
     EXPECT_TRUE(Initialize());
-    consoleBefore = harness.Console().size();
+    consoleBefore_ = Console().size();
   }
-  std::string NewConsole() { return harness.Console().substr(consoleBefore); }
-  FrameHarness harness;
-  size_t consoleBefore = 0;
+  std::string NewConsole() { return Console().substr(consoleBefore_); }
+
+ private:
+  size_t consoleBefore_ = 0;
 };
 
-size_t Count(const std::string& text, const std::string& needle) {
-  size_t count = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) count++;
-  return count;
-}
-
-TEST(CommandFilter, OptionTextPassesOnlyWhatTheFilterPermits) {
+TEST_F(CommandFilter, OptionTextPassesOnlyWhatTheFilterPermits) {
   struct Row {
     std::string name;
     Filter filter;
@@ -71,27 +63,25 @@ TEST(CommandFilter, OptionTextPassesOnlyWhatTheFilterPermits) {
       {"clear bit quotes the token as typed", noBios, u" -r /BIOS", false, "/BIOS"},
   };
   for (const auto& row : rows) {
-    auto body = [&] {
-      FilteredRun run(row.filter);
-      EXPECT_EQ(ChkFilterArg(row.commandText.c_str()), row.accepted);
-      std::string console = run.NewConsole();
-      if (row.accepted) {
-        EXPECT_EQ(console, "");
-      } else {
-        size_t banner = console.find("Version 1.3k.00");
-        ASSERT_NE(banner, std::string::npos) << console;
-        EXPECT_EQ(console.substr(console.find("Error command:")),
-                  "Error command: " + row.refused + " (Not supports on current platform)\r\n\r\n");
-      }
-      if (row.filter) {
-        EXPECT_NE(run.harness.Log().find("Argument filter enabled\r\n"), std::string::npos);
-      }
-    };
-    EXPECT_EQ(0, RunIsolated(body)) << row.name;
+    SCOPED_TRACE(row.name);
+    Start(row.filter);
+    EXPECT_EQ(ChkFilterArg(row.commandText.c_str()), row.accepted);
+    std::string console = NewConsole();
+    if (row.accepted) {
+      EXPECT_EQ(console, "");
+    } else {
+      size_t banner = console.find("Version 1.3k.00");
+      ASSERT_NE(banner, std::string::npos) << console;
+      EXPECT_EQ(console.substr(console.find("Error command:")),
+                "Error command: " + row.refused + " (Not supports on current platform)\r\n\r\n");
+    }
+    if (row.filter) {
+      EXPECT_NE(Log().find("Argument filter enabled\r\n"), std::string::npos);
+    }
   }
 }
 
-TEST(CommandFilter, ClearBitsPutSettingsBackToTheirStartValues) {
+TEST_F(CommandFilter, ClearBitsPutSettingsBackToTheirStartValues) {
   struct Row {
     std::string name;
     Filter filter;
@@ -104,45 +94,45 @@ TEST(CommandFilter, ClearBitsPutSettingsBackToTheirStartValues) {
       {"everything permitted", kEverything, false},
   };
   for (const auto& row : rows) {
-    auto body = [&] {
-      FilteredRun run(row.filter);
-      InitialIniStructure();
-      FlashSettings* settings = MutableSettings();
-      settings->engineeringErrorDisable.skipSecureBootProtectionCheck = true;
-      settings->flashComplete.action = 3;
-      settings->flashSecureBiosOverride.enable = true;
-      settings->flashSecureBiosOverride.action = 4;
-      settings->forceFlash.all = true;
-      settings->forceFlash.bbPei = true;
-      settings->forceFlash.forceTypes[0x00] = true;
-      settings->forceFlash.forceTypes[0x13] = true;
-      settings->region.bios = true;
-      settings->updateEc.progressBar = false;
-      settings->platformCheck.flag = 1;
-      ChkFilterTblIni();
-      const FlashSettings* after = Settings();
-      // Byte 0 bit 0 is all that the one-byte table permits.
-      bool allKept = !row.reset || row.filter == kOnlyAll;
-      EXPECT_EQ(after->forceFlash.all, allKept ? 1 : 0);
-      EXPECT_EQ(after->forceFlash.bbPei, row.reset ? 0 : 1);
-      EXPECT_EQ(after->forceFlash.forceTypes[0x00], row.reset ? 0 : 1);
-      EXPECT_EQ(after->forceFlash.forceTypes[0x13], row.reset ? 0 : 1);
-      EXPECT_EQ(after->region.bios, row.reset ? 0 : 1);
-      EXPECT_EQ(after->updateEc.progressBar, row.reset ? 1 : 0);
-      EXPECT_EQ(after->platformCheck.flag, row.reset ? 3 : 1);
-      EXPECT_EQ(after->engineeringErrorDisable.skipSecureBootProtectionCheck, row.reset ? 0 : 1);
-      EXPECT_EQ(after->flashComplete.action, row.reset ? 2 : 3);
-      EXPECT_EQ(after->flashSecureBiosOverride.enable, row.reset ? 0 : 1);
-      EXPECT_EQ(after->flashSecureBiosOverride.action, row.reset ? 1 : 4);
-      std::string log = run.harness.Log();
-      EXPECT_EQ(log.find("filter ini 4, 7\r\n") != std::string::npos, row.reset) << log;
-      EXPECT_EQ(log.find("INI filter() |enable|\r\n") != std::string::npos, row.filter.has_value()) << log;
-    };
-    EXPECT_EQ(0, RunIsolated(body)) << row.name;
+    SCOPED_TRACE(row.name);
+    Start(row.filter);
+    InitialIniStructure();
+    FlashSettings* settings = MutableSettings();
+    settings->engineeringErrorDisable.skipSecureBootProtectionCheck = true;
+    settings->flashComplete.action = 3;
+    settings->flashSecureBiosOverride.enable = true;
+    settings->flashSecureBiosOverride.action = 4;
+    settings->forceFlash.all = true;
+    settings->forceFlash.bbPei = true;
+    settings->forceFlash.forceTypes[0x00] = true;
+    settings->forceFlash.forceTypes[0x13] = true;
+    settings->region.bios = true;
+    settings->updateEc.progressBar = false;
+    settings->platformCheck.flag = 1;
+    settings->logFile.flag = 1;
+    settings->logFile.level = 4;
+    ChkFilterTblIni();
+    const FlashSettings* after = Settings();
+    // Byte 0 bit 0 is all that the one-byte table permits.
+    bool allKept = !row.reset || row.filter == kOnlyAll;
+    EXPECT_EQ(after->forceFlash.all, allKept ? 1 : 0);
+    EXPECT_EQ(after->forceFlash.bbPei, row.reset ? 0 : 1);
+    EXPECT_EQ(after->forceFlash.forceTypes[0x00], row.reset ? 0 : 1);
+    EXPECT_EQ(after->forceFlash.forceTypes[0x13], row.reset ? 0 : 1);
+    EXPECT_EQ(after->region.bios, row.reset ? 0 : 1);
+    EXPECT_EQ(after->updateEc.progressBar, row.reset ? 1 : 0);
+    EXPECT_EQ(after->platformCheck.flag, row.reset ? 3 : 1);
+    EXPECT_EQ(after->engineeringErrorDisable.skipSecureBootProtectionCheck, row.reset ? 0 : 1);
+    EXPECT_EQ(after->flashComplete.action, row.reset ? 2 : 3);
+    EXPECT_EQ(after->flashSecureBiosOverride.enable, row.reset ? 0 : 1);
+    EXPECT_EQ(after->flashSecureBiosOverride.action, row.reset ? 1 : 4);
+    std::string log = Log();
+    EXPECT_EQ(log.find("filter ini 4, 7\r\n") != std::string::npos, row.reset) << log;
+    EXPECT_EQ(log.find("INI filter() |enable|\r\n") != std::string::npos, row.filter.has_value()) << log;
   }
 }
 
-TEST(CommandFilter, UsageShowsOnlyPermittedRowsAndPagesBeforeTheScreenIsFull) {
+TEST_F(CommandFilter, UsageShowsOnlyPermittedRowsAndPagesBeforeTheScreenIsFull) {
   struct Row {
     std::string name;
     Filter filter;
@@ -162,28 +152,26 @@ TEST(CommandFilter, UsageShowsOnlyPermittedRowsAndPagesBeforeTheScreenIsFull) {
       {"rows without a bit never show", kEverything, {kHelp, kAll, kEdt}, {kUsage, kDi, kVrt}, 2},
   };
   for (const auto& row : rows) {
-    auto body = [&] {
-      FilteredRun run(row.filter, "abcdef");
-      DisplayUsage();
-      std::string console = run.NewConsole();
-      for (const auto& text : row.shown) EXPECT_NE(console.find("\r         " + text), std::string::npos) << text;
-      for (const auto& text : row.hidden) EXPECT_EQ(console.find(text), std::string::npos) << text;
-      EXPECT_EQ(Count(console, "\r\n Press a key to continue"), row.pages) << console;
-    };
-    EXPECT_EQ(0, RunIsolated(body)) << row.name;
+    SCOPED_TRACE(row.name);
+    Start(row.filter, "abcdef");
+    DisplayUsage();
+    std::string console = NewConsole();
+    for (const auto& text : row.shown) EXPECT_NE(console.find("\r         " + text), std::string::npos) << text;
+    for (const auto& text : row.hidden) EXPECT_EQ(console.find(text), std::string::npos) << text;
+    EXPECT_EQ(bed::CountOf(console, "\r\n Press a key to continue"), row.pages) << console;
   }
 }
 
-TEST(CommandFilter, EmptyTableLeavesOnlyTheClosingLineOfTheUsage) {
-  FilteredRun run(kEmpty);
+TEST_F(CommandFilter, EmptyTableLeavesOnlyTheClosingLineOfTheUsage) {
+  Start(kEmpty);
   DisplayUsage();
-  EXPECT_EQ(run.NewConsole(), "\r\n");
+  EXPECT_EQ(NewConsole(), "\r\n");
 }
 
-TEST(CommandFilter, PagerBreaksBeforeTheRowThatWouldFillTheScreen) {
-  FilteredRun run(kNoFilter, "xy");
+TEST_F(CommandFilter, PagerBreaksBeforeTheRowThatWouldFillTheScreen) {
+  Start(kNoFilter, "xy");
   DisplayUsage();
-  std::string console = run.NewConsole();
+  std::string console = NewConsole();
   size_t first = console.find("Press a key to continue");
   size_t second = console.find("Press a key to continue", first + 1);
   ASSERT_NE(second, std::string::npos) << console;

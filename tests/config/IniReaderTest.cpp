@@ -7,24 +7,35 @@
 #include <string>
 #include <vector>
 
-#include "support/LogHarness.h"
-#include "support/Isolated.h"
+#include "config/Config.h"
+#include "output/Output.h"
+#include "support/DriverBed.h"
 
 namespace {
+
+// A volume for ZAPROM.Log and no settings loaded: each test loads its own text.
+class IniReader : public bed::DriverBed {
+ protected:
+  bed::BedSetup Layout() const override {
+    bed::BedSetup setup;
+    setup.firmware = bed::Firmware::Scripted;
+    setup.log = false;
+    return setup;
+  }
+};
 
 std::string WorkingText() { return std::string(GetIniText(), GetIniTextSize()); }
 
 // Loads text as a run would: start values first, then the text.
-std::string Load(const std::string& text, UINT32* sizeOut = nullptr) {
+std::string Load(const std::string& text) {
   std::vector<CHAR8> buffer(text.begin(), text.end());
   buffer.push_back(0);
   UINT32 size = static_cast<UINT32>(text.size());
   LoadOption(buffer.data(), &size, true);
-  if (sizeOut != nullptr) *sizeOut = size;
   return std::string(buffer.data(), size);
 }
 
-TEST(IniReader, LoadOptionLeavesTheNormalForm) {
+TEST_F(IniReader, LoadOptionLeavesTheNormalForm) {
   struct Row {
     const char* what;
     std::string in;
@@ -45,21 +56,14 @@ TEST(IniReader, LoadOptionLeavesTheNormalForm) {
       {"an empty text stays empty", "", ""},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(RunIsolated([&] {
-                log_test::LogVolume volume;
-                UINT32 size = 0;
-                std::string rewritten = Load(row.in, &size);
-                EXPECT_EQ(rewritten, row.out) << row.what;
-                EXPECT_EQ(WorkingText(), row.out) << row.what;
-                EXPECT_EQ(GetIniText()[GetIniTextSize()], 0) << row.what;
-              }),
-              0)
-        << row.what;
+    Install(Layout());
+    EXPECT_EQ(Load(row.in), row.out) << row.what;
+    EXPECT_EQ(WorkingText(), row.out) << row.what;
+    EXPECT_EQ(GetIniText()[GetIniTextSize()], 0) << row.what;
   }
 }
 
-TEST(IniReader, LookupsOnAnAwkwardText) {
-  log_test::LogVolume volume;
+TEST_F(IniReader, LookupsOnAnAwkwardText) {
   Load(
       "; platform settings\n"
       "[Log_file]\n"
@@ -123,7 +127,7 @@ TEST(IniReader, LookupsOnAnAwkwardText) {
   EXPECT_FALSE(IniSectionExists("Common", GetIniText(), GetIniTextSize()));
 }
 
-TEST(IniReader, NumbersAreReadUpToTheFirstOtherCharacter) {
+TEST_F(IniReader, NumbersAreReadUpToTheFirstOtherCharacter) {
   struct Row {
     const char* text;
     INT32 decimal;
@@ -142,8 +146,7 @@ TEST(IniReader, NumbersAreReadUpToTheFirstOtherCharacter) {
   EXPECT_EQ(ParseHex8(nullptr), 0);
 }
 
-TEST(IniReader, GettersFallBackToTheirDefaultsAndBeforeAnyText) {
-  log_test::LogVolume volume;
+TEST_F(IniReader, GettersFallBackToTheirDefaultsAndBeforeAnyText) {
   EXPECT_EQ(GetIniInt("Others", "SMIErrorRetry", 5), 5);  // no text loaded yet
   EXPECT_EQ(GetIniHex("UpdateEC", "MaskByte0", 3), 3);
   Load("[Others]\nSMIErrorRetry=\nVerifyErrorRetry=x1\n[UpdateEC]\nMaskByte0=A0\nMaskByte1=\n");
@@ -159,8 +162,7 @@ TEST(IniReader, GettersFallBackToTheirDefaultsAndBeforeAnyText) {
   EXPECT_STREQ(field, "");
 }
 
-TEST(IniReader, LimitsCutOrRefuseInsideTheBuffers) {
-  log_test::LogVolume volume;
+TEST_F(IniReader, LimitsCutOrRefuseInsideTheBuffers) {
   const std::string longValue(2000, 'v');
   const std::string longKey(62, 'k');   // with '=' 63: fits
   const std::string tooLongKey(63, 'k');  // with '=' 64: refused
@@ -188,8 +190,7 @@ TEST(IniReader, LimitsCutOrRefuseInsideTheBuffers) {
   EXPECT_EQ(GetIniInt(tooLongSection.c_str(), "y", 0), 0);
 }
 
-TEST(IniReader, ALaterTextReplacesTheFirstAndMayBeLonger) {
-  log_test::LogVolume volume;
+TEST_F(IniReader, ALaterTextReplacesTheFirstAndMayBeLonger) {
   InitialIniStructure();
   Load("[FlashComplete]\nAction=1\n[Others]\nSMIErrorRetry=9\n");
   EXPECT_EQ(Settings()->flashComplete.action, 1);
@@ -201,21 +202,19 @@ TEST(IniReader, ALaterTextReplacesTheFirstAndMayBeLonger) {
   EXPECT_EQ(GetIniTextSize(), WorkingText().size());
 }
 
-TEST(IniReader, ChangedValuesGoToTheLogAtLevelZero) {
-  log_test::LogVolume volume;
+TEST_F(IniReader, ChangedValuesGoToTheLogAtLevelZero) {
   InitialIniStructure();
   // [Log_file] is read first, so every value after it is already logged by its rules.
   Load("[Log_file]\nFlag=1\n[FlashComplete]\nAction=1\n[Others]\nSMIErrorRetry=5\n[AC_Adapter]\n"
        "LauncherAcWarning=messagestringA02\n");
-  EXPECT_EQ(volume.Log(),
+  EXPECT_EQ(Log(),
             " [Log_file] FileName=\r\n"
             " [AC_Adapter] SecurityAcWarning=\r\n"
             " [FlashComplete] Action=1\r\n"
             " [UpdateEC] EC_DockWarning=\r\n");
 }
 
-TEST(IniReader, MessagesComeFromTheMessageStringTable) {
-  log_test::LogVolume volume;
+TEST_F(IniReader, MessagesComeFromTheMessageStringTable) {
   Load("[MessageStringTable]\nMessageStringA02=\"Plug in\\nthe AC adapter\"\nmessagestringA03=\n");
   const CHAR16* fallback = u"own text\r\n";
   const CHAR16* text = GetMessageText("messagestringA02", fallback);

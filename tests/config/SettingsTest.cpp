@@ -24,9 +24,7 @@ class SettingsLoad : public bed::DriverBed {
 };
 
 TEST_F(SettingsLoad, InitialIniStructureIsTracedUnderItsName) {
-  SetArguments({u"zaprom", u"-dbg"});
-  CHAR16* arguments[] = {const_cast<CHAR16*>(u"zaprom"), const_cast<CHAR16*>(u"-dbg")};
-  ScanDebugOption(2, arguments);
+  ScanArguments({u"zaprom", u"-dbg"});
   InitialIniStructure();
   EXPECT_EQ(Log(), "===> InitialIniStructure [14:03:59]\r\n<=== InitialIniStructure\r\n");
 }

@@ -6,12 +6,22 @@
 #include <string>
 #include <vector>
 
-#include "support/FrameHarness.h"
+#include "config/Config.h"
 #include "image/Image.h"
-#include "support/LogHarness.h"
-#include "support/Isolated.h"
+#include "support/DriverBed.h"
 
 namespace {
+
+// A volume and a variable store, no settings loaded and no trace unless the test asks.
+class Sources : public bed::DriverBed {
+ protected:
+  bed::BedSetup Layout() const override {
+    bed::BedSetup setup;
+    setup.firmware = bed::Firmware::Scripted;
+    setup.log = false;
+    return setup;
+  }
+};
 
 constexpr EFI_GUID kSettingsGuid = {0x382AF2BB, 0xFFFF, 0xABCD, {0xAA, 0xEE, 0xCC, 0xE0, 0x99, 0x33, 0x88, 0x77}};
 
@@ -22,7 +32,7 @@ std::string StoredVariable(emu::Environment& environment, bool* exists = nullptr
   return std::string(data.begin(), data.end());
 }
 
-TEST(Sources, SaveCfgVariableStoresAllButTheListedSections) {
+TEST_F(Sources, SaveCfgVariableStoresAllButTheListedSections) {
   struct Row {
     const char* what;
     std::string text;
@@ -40,47 +50,42 @@ TEST(Sources, SaveCfgVariableStoresAllButTheListedSections) {
       {"only listed sections: nothing is stored", "[fdfile]\nname=x\n[PasswordCheck]\n", false, ""},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(RunIsolated([&] {
-                log_test::LogVolume volume;
-                SaveCfg_Variable(row.text.data(), static_cast<UINT32>(row.text.size()));
-                bool exists = false;
-                EXPECT_EQ(StoredVariable(volume.Environment(), &exists), row.content) << row.what;
-                EXPECT_EQ(exists, row.stored) << row.what;
-              }),
-              0)
-        << row.what;
+    Install(Layout());
+    SaveCfg_Variable(row.text.data(), static_cast<UINT32>(row.text.size()));
+    bool exists = false;
+    EXPECT_EQ(StoredVariable(Environment(), &exists), row.content) << row.what;
+    EXPECT_EQ(exists, row.stored) << row.what;
   }
 }
 
-TEST(Sources, SaveCfgVariableTracesTheDroppedSections) {
-  log_test::LogVolume volume;
-  log_test::LogVolume::SetLogFile(1, 0);
+TEST_F(Sources, SaveCfgVariableTracesTheDroppedSections) {
+  MutableSettings()->logFile.flag = 1;
+  MutableSettings()->logFile.level = 0;
   std::string text = "[Log_file]\nflag=1\n[Option]\nx=1\n";
   SaveCfg_Variable(text.data(), static_cast<UINT32>(text.size()));
-  EXPECT_EQ(volume.Log(), " Variable FlashINISettings()\r\n-----+---------------------------\r\n       Option\r\n");
+  EXPECT_EQ(Log(), " Variable FlashINISettings()\r\n-----+---------------------------\r\n       Option\r\n");
 }
 
-TEST(Sources, GetCfgVariableLoadsOnceAndRemovesTheVariable) {
-  log_test::LogVolume volume;
-  volume.ScanArguments({u"zaprom", u"-dbg"});
+TEST_F(Sources, GetCfgVariableLoadsOnceAndRemovesTheVariable) {
+  ScanArguments({u"zaprom", u"-dbg"});
   InitialIniStructure();
   EXPECT_FALSE(GetCfg_Variable());  // none stored yet
-  EXPECT_NE(volume.Log().find("<=== GetCfg_Variable (Get variable size failed)\r\n"), std::string::npos);
+  EXPECT_NE(Log().find("<=== GetCfg_Variable (Get variable size failed)\r\n"), std::string::npos);
 
   std::string text = "[flashcomplete]\naction=0\n";
-  volume.Environment().PresetVariable(u"FlashINISettings", kSettingsGuid, 7,
+  Environment().PresetVariable(u"FlashINISettings", kSettingsGuid, 7,
                                       std::vector<uint8_t>(text.begin(), text.end()));
   EXPECT_TRUE(GetCfg_Variable());
   EXPECT_EQ(Settings()->flashComplete.action, 0);
   bool exists = true;
-  StoredVariable(volume.Environment(), &exists);
+  StoredVariable(Environment(), &exists);
   EXPECT_FALSE(exists);
-  std::string log = volume.Log();
+  std::string log = Log();
   EXPECT_NE(log.find("FlashINISettings size 0x19\r\n"), std::string::npos);
   EXPECT_NE(log.find("Reference configure from Variable\r\n"), std::string::npos);
 }
 
-TEST(Sources, GetCfgSecureTakesTheDriversOwnIniSlot) {
+TEST_F(Sources, GetCfgSecureTakesTheDriversOwnIniSlot) {
   struct Row {
     const char* what;
     std::string ini;
@@ -95,23 +100,22 @@ TEST(Sources, GetCfgSecureTakesTheDriversOwnIniSlot) {
       {"settings read", "[FlashComplete]\nAction=1\n", 25, true, "", 1},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(RunIsolated([&] {
-                log_test::LogVolume volume;
-                InitialIniStructure();
-                // The packing step's work: size field and data of the INI slot.
-                UINT8* chain = const_cast<UINT8*>(DriverSlotChain());
-                WriteU32(chain + 0x500048 + 20, row.sizeField);
-                std::memcpy(chain + 0x500060, row.ini.data(), row.ini.size());
-                EXPECT_EQ(GetCfg_Secure(), row.loaded) << row.what;
-                EXPECT_EQ(volume.Environment().ConsoleTranscript(), row.console) << row.what;
-                EXPECT_EQ(Settings()->flashComplete.action, row.action) << row.what;
-              }),
-              0)
-        << row.what;
+    Install(Layout());
+    InitialIniStructure();
+    // The packing step's work: size field and data of the INI slot, put back afterwards since
+    // the slot is part of the driver's image.
+    UINT8* chain = const_cast<UINT8*>(DriverSlotChain());
+    std::vector<UINT8> kept(chain + 0x500048, chain + 0x500060 + 32);
+    WriteU32(chain + 0x500048 + 20, row.sizeField);
+    std::memcpy(chain + 0x500060, row.ini.data(), row.ini.size());
+    EXPECT_EQ(GetCfg_Secure(), row.loaded) << row.what;
+    EXPECT_EQ(Console(), row.console) << row.what;
+    EXPECT_EQ(Settings()->flashComplete.action, row.action) << row.what;
+    std::memcpy(chain + 0x500048, kept.data(), kept.size());
   }
 }
 
-TEST(Sources, LoadConfigurationReadsPlatformIniBesideTheTool) {
+TEST_F(Sources, LoadConfigurationReadsPlatformIniBesideTheTool) {
   struct Row {
     const char* what;
     std::string platformIni;  // empty: none
@@ -133,20 +137,16 @@ TEST(Sources, LoadConfigurationReadsPlatformIniBesideTheTool) {
       {"no image file", "", "", false, "", 2, "the FD file not found. (image.fd)"},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(RunIsolated([&] {
-                frame_test::FrameHarness harness;
-                harness.StartDriver();
-                InitialIniStructure();
-                if (!row.platformIni.empty()) frame_test::WriteHostFile(harness.Volume(0) / "platform.ini", row.platformIni);
-                if (!row.image.empty()) frame_test::WriteHostFile(harness.Volume(0) / "image.fd", row.image);
-                CHAR16 imageName[kImageNameCharacters] = u"image.fd";
-                EXPECT_EQ(LoadConfiguration(imageName), row.result) << row.what;
-                EXPECT_EQ(StoredVariable(harness.Environment()), row.variable) << row.what;
-                EXPECT_EQ(Settings()->flashComplete.action, row.action) << row.what;
-                EXPECT_NE(harness.Console().find(row.console), std::string::npos) << row.what << harness.Console();
-              }),
-              0)
-        << row.what;
+    Install(Layout());
+    StartDriver();
+    InitialIniStructure();
+    if (!row.platformIni.empty()) PutFile("platform.ini", bed::Bytes(row.platformIni));
+    if (!row.image.empty()) PutFile("image.fd", bed::Bytes(row.image));
+    CHAR16 imageName[kImageNameCharacters] = u"image.fd";
+    EXPECT_EQ(LoadConfiguration(imageName), row.result) << row.what;
+    EXPECT_EQ(StoredVariable(Environment()), row.variable) << row.what;
+    EXPECT_EQ(Settings()->flashComplete.action, row.action) << row.what;
+    EXPECT_NE(Console().find(row.console), std::string::npos) << row.what << Console();
   }
 }
 

@@ -4,10 +4,22 @@
 
 #include "frame/FrameInternal.h"
 #include "oblis/Oblis.h"
-#include "support/FrameBed.h"
-#include "support/Isolated.h"
+#include "support/DriverBed.h"
 
 namespace {
+
+// No trace: the entry must leave the volume as it found it.
+class DriverEntry : public bed::DriverBed {
+ protected:
+  bed::BedSetup Layout() const override {
+    bed::BedSetup setup;
+    setup.firmware = bed::Firmware::Scripted;
+    setup.log = false;
+    setup.keys = "ab";
+    return setup;
+  }
+};
+using Directory = DriverEntry;
 
 template <typename T>
 T* OnHandle(EFI_HANDLE handle, const EFI_GUID& guid) {
@@ -15,10 +27,9 @@ T* OnHandle(EFI_HANDLE handle, const EFI_GUID& guid) {
   return EFI_ERROR(gBS->HandleProtocol(handle, &guid, &interface)) ? nullptr : static_cast<T*>(interface);
 }
 
-TEST(DriverEntry, InstallsDirectoryAndNameOnceLeavesConsoleAndFilesAloneAndUnloadRemovesThem) {
-  bed::FrameBed bed;
-  EFI_HANDLE first = bed.StartDriver();
-  EFI_HANDLE second = bed.StartDriver();  // a directory already there belongs to the first load and stays
+TEST_F(DriverEntry, InstallsDirectoryAndNameOnceLeavesConsoleAndFilesAloneAndUnloadRemovesThem) {
+  EFI_HANDLE first = StartDriver();
+  EFI_HANDLE second = StartDriver();  // a directory already there belongs to the first load and stays
   auto* directory = OnHandle<FunctionDirectoryProtocol>(first, kFunctionDirectoryProtocolGuid);
   ASSERT_NE(directory, nullptr);
   EXPECT_EQ(directory->LookupFunction(u"UefiFlashMain"), reinterpret_cast<void*>(&UefiFlashMain));
@@ -26,15 +37,14 @@ TEST(DriverEntry, InstallsDirectoryAndNameOnceLeavesConsoleAndFilesAloneAndUnloa
   for (EFI_HANDLE image : {first, second})
     EXPECT_TRUE(OnHandle<EFI_COMPONENT_NAME_PROTOCOL>(image, kComponentNameProtocolGuid) != nullptr &&
                 OnHandle<EFI_LOADED_IMAGE_PROTOCOL>(image, kLoadedImageProtocolGuid)->Unload == &DriverUnload);
-  EXPECT_TRUE(bed.Console().empty() && std::filesystem::is_empty(bed.volumes[0]) && GetImageWorkBuffer() == nullptr);
+  EXPECT_TRUE(Console().empty() && std::filesystem::is_empty(Volume(0)) && GetImageWorkBuffer() == nullptr);
   EXPECT_EQ(DriverUnload(first), EFI_SUCCESS);
   EXPECT_TRUE(OnHandle<FunctionDirectoryProtocol>(first, kFunctionDirectoryProtocolGuid) == nullptr &&
               OnHandle<EFI_COMPONENT_NAME_PROTOCOL>(first, kComponentNameProtocolGuid) == nullptr);
 }
 
-TEST(DriverEntry, ComponentNameAnswersOnlyEnglish) {
-  bed::FrameBed bed;
-  EFI_HANDLE image = bed.StartDriver();
+TEST_F(DriverEntry, ComponentNameAnswersOnlyEnglish) {
+  EFI_HANDLE image = StartDriver();
   auto* name = OnHandle<EFI_COMPONENT_NAME_PROTOCOL>(image, kComponentNameProtocolGuid);
   ASSERT_NE(name, nullptr);
   struct Row {
@@ -49,7 +59,7 @@ TEST(DriverEntry, ComponentNameAnswersOnlyEnglish) {
   EXPECT_EQ(name->GetControllerName(name, image, nullptr, "eng", &text), EFI_UNSUPPORTED);
 }
 
-TEST(Directory, LookupFindsEachNameInAnyCaseAndWarnsOfAnyOtherTakingOneKey) {
+TEST_F(Directory, LookupFindsEachNameInAnyCaseAndWarnsOfAnyOtherTakingOneKey) {
   struct Row {
     const char16_t* name;
     void* expected;  // null: the warning and one key
@@ -62,19 +72,17 @@ TEST(Directory, LookupFindsEachNameInAnyCaseAndWarnsOfAnyOtherTakingOneKey) {
   };
   for (const Row& row : rows) {
     std::string name(row.name, row.name + std::char_traits<char16_t>::length(row.name));
-    EXPECT_EQ(0, RunIsolated([&] {
-      bed::FrameBed bed(bed::Setup{{emu::VolumeKind::Usb}, "ab", {}});
-      bed.StartDriver();
-      EXPECT_EQ(LookupFunction((const CHAR16*)row.name), row.expected);
-      EXPECT_EQ(bed.Console(), row.expected ? "" : " Engineering Warning:\r\n [" + name + "] founction not found.\r\n");
-      EFI_INPUT_KEY key{};
-      ASSERT_EQ(gST->ConIn->ReadKeyStroke(gST->ConIn, &key), EFI_SUCCESS);
-      EXPECT_EQ(key.UnicodeChar, row.expected ? u'a' : u'b') << "exactly one key was taken";
-    })) << name;
+    Install(Layout());
+    StartDriver();
+    EXPECT_EQ(LookupFunction((const CHAR16*)row.name), row.expected) << name;
+    EXPECT_EQ(Console(), row.expected ? "" : " Engineering Warning:\r\n [" + name + "] founction not found.\r\n");
+    EFI_INPUT_KEY key{};
+    ASSERT_EQ(gST->ConIn->ReadKeyStroke(gST->ConIn, &key), EFI_SUCCESS);
+    EXPECT_EQ(key.UnicodeChar, row.expected ? u'a' : u'b') << name << ": exactly one key was taken";
   }
 }
 
-TEST(Directory, HostSettingsAreKeptAsTheDriverNeedsThem) {
+TEST_F(Directory, HostSettingsAreKeptAsTheDriverNeedsThem) {
   const std::u16string longPath = u"fs0:" + std::u16string(300, u'x');
   struct Row {
     const CHAR16* path;

@@ -6,10 +6,19 @@
 
 #include "frame/FrameInternal.h"
 #include "output/Output.h"
-#include "support/FrameBed.h"
-#include "support/Isolated.h"
+#include "support/DriverBed.h"
 
 namespace {
+
+// The trace at level 4, no firmware needed.
+class FileLayer : public bed::DriverBed {
+ protected:
+  bed::BedSetup Layout() const override {
+    bed::BedSetup setup;
+    setup.firmware = bed::Firmware::Scripted;
+    return setup;
+  }
+};
 
 namespace fs = std::filesystem;
 
@@ -22,7 +31,7 @@ std::string Read(const CHAR16* name) {
   return bytes;
 }
 
-TEST(FileLayer, EachOperationLeavesItsFiles) {
+TEST_F(FileLayer, EachOperationLeavesItsFiles) {
   struct Row {
     const char* what;
     std::function<bool()> operation;
@@ -50,28 +59,25 @@ TEST(FileLayer, EachOperationLeavesItsFiles) {
       {"a refused read is traced", [] { return true; }, "ZAPROM.Log", "~Open file [\\missing.fd] fail - Not Found\r\n"},
       {"the log follows the current directory", [] { return true; }, "Dovrin/ZAPROM.Log",
        "~  Str - (Out)\r\nmkDir - (.\\Dovrin\\\\Out)\r\n"},
-      {"a log that cannot be written ends without endless recursion", [] {
-         fs::path log = bed::FrameBed::current->volumes[0] / "Dovrin" / "ZAPROM.Log";
+      {"a log that cannot be written ends without endless recursion", [this] {
+         fs::path log = Volume(0) / "Dovrin" / "ZAPROM.Log";
          fs::remove(log), fs::create_directories(log / "inside");
          return !AppendBufferToFile(u"ZAPROM.Log", "line\r\n", 6) && (LogPrint(kLogDetail, u"still alive\r\n"), true);
        }, "Dovrin/ZAPROM.Log", "/"},
   };
-  EXPECT_EQ(0, RunIsolated([&] {  // the root directory is looked for once per run
-  bed::FrameBed bed;
-  bed.StartDriver();
-  bed.SetLog(1, 4);
+  StartDriver();
   for (const Row& row : rows) {
     EXPECT_TRUE(row.operation()) << row.what;
-    fs::path path = bed.volumes[0] / row.path;
-    if (row.expected == nullptr) EXPECT_FALSE(fs::exists(path)) << row.what;
-    else if (std::string(row.expected) == "/") EXPECT_TRUE(fs::is_directory(path)) << row.what;
-    else if (row.expected[0] == '~') EXPECT_NE(bed::ReadHostFile(path).find(row.expected + 1), std::string::npos) << row.what;
-    else EXPECT_EQ(bed::ReadHostFile(path), row.expected) << row.what;
+    std::string path = fs::path(row.path).string();
+    fs::path onVolume = Volume(0) / row.path;
+    if (row.expected == nullptr) EXPECT_FALSE(fs::exists(onVolume)) << row.what;
+    else if (std::string(row.expected) == "/") EXPECT_TRUE(fs::is_directory(onVolume)) << row.what;
+    else if (row.expected[0] == '~') EXPECT_NE(ReadVolumeFile(path).find(row.expected + 1), std::string::npos) << row.what;
+    else EXPECT_EQ(ReadVolumeFile(path), row.expected) << row.what;
   }
-  }));
 }
 
-TEST(FileLayer, TheVolumeIsTheHostImagesElseTheFirstUsbElseTheFirst) {
+TEST_F(FileLayer, TheVolumeIsTheHostImagesElseTheFirstUsbElseTheFirst) {
   using emu::VolumeKind;
   struct Row {
     std::vector<VolumeKind> volumes;
@@ -84,16 +90,17 @@ TEST(FileLayer, TheVolumeIsTheHostImagesElseTheFirstUsbElseTheFirst) {
       {{}, false, 0},  // no volume: nothing works
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(0, RunIsolated([&] {
-      bed::FrameBed bed(bed::Setup{row.volumes, "", {}});
-      if (!row.volumes.empty()) bed.StartDriver();
-      if (row.hostImage) SetImageHandle(bed.environment->CreateImageHandle(u"ZAPROM.efi", {u"ZAPROM.efi"}));
-      EXPECT_EQ(SaveBufferToFile(u"probe.bin", "P", 1), !row.volumes.empty());
-      for (size_t i = 0; i < row.volumes.size(); i++) EXPECT_EQ(fs::exists(bed.volumes[i] / "probe.bin"), i == row.expected);
-      if (row.volumes.empty())
-        EXPECT_TRUE(GetRootDirectory() == nullptr && !ReadFile(u"a", nullptr, nullptr) && !AppendBufferToFile(u"a", "x", 1) &&
-                    !EfiDeleteFile(u"a") && !MakeDirectory(u"a"));
-    }));
+    bed::BedSetup setup = Layout();
+    setup.volumes = row.volumes;
+    setup.log = false;
+    Install(setup);
+    if (!row.volumes.empty()) StartDriver();
+    if (row.hostImage) SetImageHandle(Environment().CreateImageHandle(u"ZAPROM.efi", {u"ZAPROM.efi"}));
+    EXPECT_EQ(SaveBufferToFile(u"probe.bin", "P", 1), !row.volumes.empty());
+    for (size_t i = 0; i < row.volumes.size(); i++) EXPECT_EQ(fs::exists(Volume(i) / "probe.bin"), i == row.expected);
+    if (row.volumes.empty())
+      EXPECT_TRUE(GetRootDirectory() == nullptr && !ReadFile(u"a", nullptr, nullptr) && !AppendBufferToFile(u"a", "x", 1) &&
+                  !EfiDeleteFile(u"a") && !MakeDirectory(u"a"));
   }
 }
 

@@ -7,9 +7,18 @@
 
 #include "frame/Frame.h"
 #include "image/Image.h"
-#include "support/LogHarness.h"
+#include "support/DriverBed.h"
 
 namespace {
+
+class ImageAnalysis : public bed::DriverBed {
+ protected:
+  bed::BedSetup Layout() const override {
+    bed::BedSetup setup;
+    setup.firmware = bed::Firmware::Scripted;
+    return setup;
+  }
+};
 
 using Bytes = std::vector<uint8_t>;
 
@@ -34,7 +43,7 @@ struct Analysis {
   uint32_t ecSize;
 };
 
-TEST(ImageAnalysis, AnalyzeImageTellsKindSignatureAndEc) {
+TEST_F(ImageAnalysis, AnalyzeImageTellsKindSignatureAndEc) {
   struct Row {
     const char* what;
     Bytes image;
@@ -82,8 +91,7 @@ TEST(ImageAnalysis, AnalyzeImageTellsKindSignatureAndEc) {
       {"empty image", {}, {false, 0, false, false, 0}},
   };
   for (const Row& row : rows) {
-    ResetDriverState();
-    log_test::LogVolume volume;
+    Install(Layout());
     InitSlotTags();
     EXPECT_EQ(AnalyzeImage(row.image.data(), static_cast<UINT32>(row.image.size())), row.expected.secure) << row.what;
     UINT32 secureSize = 7, ecSize = 7;

@@ -4,7 +4,6 @@
 #include <string>
 
 #include "image/Image.h"
-#include "support/LogHarness.h"
 
 namespace {
 

@@ -6,12 +6,39 @@
 #include <string>
 #include <vector>
 
-#include "MachineHarness.h"
-#include "support/Isolated.h"
+#include "config/Config.h"
+#include "oblis/Oblis.h"
+#include "support/DriverBed.h"
 
 namespace {
 
-using multiimage_test::MachineHarness;
+// Real values behind port, PCI and memory reads, written in the machine description's own form.
+constexpr const char* kMachineJson = R"({
+  "info": {"model_name": "DV-X200"},
+  "io_ports": {"0xC0": {"value": "0x5AABFE02", "width": 4}, "0x80": "0x12"},
+  "pci": [{"bus": 0, "device": "0x1F", "function": 2, "offset": "0x80", "value": "0x00007007"}],
+  "memory": [{"address": "0x7F000000", "bytes": "5A A5 34 12"}]
+})";
+
+// The described machine behind the port, memory and SMI seams and behind the emulated PCI root
+// bridge (unless a test takes it away).
+class MultiImage : public bed::DriverBed {
+ protected:
+  bed::BedSetup Layout() const override { return Machine(true); }
+  static bed::BedSetup Machine(bool rootBridge) {
+    bed::BedSetup setup;
+    setup.machineJson = kMachineJson;
+    setup.rootBridge = rootBridge;
+    return setup;
+  }
+  // Lengths of the reads of the described memory.
+  std::vector<uint32_t> MemoryWidths() const {
+    std::vector<uint32_t> widths;
+    for (auto [address, length] : physicalReads)
+      if (address >= 0x7F000000u && address < 0x80000000u) widths.push_back(length);
+    return widths;
+  }
+};
 
 // The rules of one walk, by number, and the numbers the walk asked for.
 std::map<UINTN, std::string> gRules;
@@ -39,7 +66,7 @@ std::string MatchedBlock(const std::string& image, const std::string& me, const 
 
 const std::string kNoImageMessage = "configure type format error\r\nFD file setting NOT found\r\n\r\n\r\n[Multi_FD]\r\n";
 
-TEST(MultiImage, EachRuleTypeHoldsOnlyForTheMachinesOwnValues) {
+TEST_F(MultiImage, EachRuleTypeHoldsOnlyForTheMachinesOwnValues) {
   struct Row {
     const char* rule;
     bool holds;
@@ -112,49 +139,48 @@ TEST(MultiImage, EachRuleTypeHoldsOnlyForTheMachinesOwnValues) {
       {tooLongRule.c_str(), false, "", "", {"IsCondi_match() file name too long | " + tooLongRule + "\r\n"}, {1}, {}},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(0, RunIsolated([&] {
-                MachineHarness machine;
-                machine.LearnModelName();
-                gRules = {{1, row.rule}};
-                EXPECT_EQ(WalkMultiFdRules(ReadTestRule), row.holds);
-                EXPECT_EQ(MatchedImageName(), row.image);
-                const std::string log = machine.Log();
-                size_t at = log.find(std::string("IsCondi_match() # (01) ") + row.rule + "\r\n");
-                EXPECT_NE(at, std::string::npos);
-                for (const std::string& trace : row.traces) {
-                  at = at == std::string::npos ? at : log.find(trace, at);
-                  EXPECT_NE(at, std::string::npos) << "missing trace: " << trace;
-                  if (at != std::string::npos) at += trace.size();
-                }
-                EXPECT_EQ(log.find(" M-FD matched") != std::string::npos, row.holds);
-                if (row.holds) EXPECT_NE(log.find(MatchedBlock(row.image, row.me, "")), std::string::npos);
-                EXPECT_EQ(machine.ioWidths, row.ioWidths);
-                EXPECT_EQ(machine.memoryWidths, row.memoryWidths);
-                EXPECT_EQ(machine.Console().find("FD file setting NOT found"), std::string::npos);
-                if (::testing::Test::HasFailure()) std::fprintf(stderr, "---- ZAPROM.Log ----\n%s\n", log.c_str());
-              }))
-        << row.rule;
+    SCOPED_TRACE(row.rule);
+    Install(Layout());
+    // Initialize opens the channel and asks 11h for the model name before any rule is walked.
+    ASSERT_TRUE(InitialSmi());
+    ASSERT_TRUE(FuncOblis_11h());
+    ioWidths.clear();
+    physicalReads.clear();
+    gRules = {{1, row.rule}};
+    EXPECT_EQ(WalkMultiFdRules(ReadTestRule), row.holds);
+    EXPECT_EQ(MatchedImageName(), row.image);
+    const std::string log = Log();
+    size_t at = log.find(std::string("IsCondi_match() # (01) ") + row.rule + "\r\n");
+    EXPECT_NE(at, std::string::npos) << log;
+    for (const std::string& trace : row.traces) {
+      at = at == std::string::npos ? at : log.find(trace, at);
+      EXPECT_NE(at, std::string::npos) << "missing trace: " << trace << "\n" << log;
+      if (at != std::string::npos) at += trace.size();
+    }
+    EXPECT_EQ(log.find(" M-FD matched") != std::string::npos, row.holds);
+    if (row.holds) EXPECT_NE(log.find(MatchedBlock(row.image, row.me, "")), std::string::npos);
+    EXPECT_EQ(ioWidths, row.ioWidths);
+    EXPECT_EQ(MemoryWidths(), row.memoryWidths);
+    EXPECT_EQ(Console().find("FD file setting NOT found"), std::string::npos);
   }
 }
 
-TEST(MultiImage, RuleWithoutImageFileIsShownAndTheWalkGoesOn) {
+TEST_F(MultiImage, RuleWithoutImageFileIsShownAndTheWalkGoesOn) {
   // A rule ending in a comma has no empty last field. MPCIIO with count 2 and one condition
   // takes the image name as the second condition; the first holds and no image name is left.
   const char* const rules[] = {"IO,80,FF,12", "IO,80,FF,12,", "MPCIIO,2,IO-80-FF-12,mp.fd"};
   for (const char* rule : rules) {
-    EXPECT_EQ(0, RunIsolated([&] {
-                MachineHarness machine;
-                gRules = {{1, rule}, {2, "IO,80,FF,12,ok.fd,me.fd,cfg.ini"}};
-                EXPECT_TRUE(WalkMultiFdRules(ReadTestRule));
-                EXPECT_EQ(MatchedImageName(), "ok.fd");
-                EXPECT_NE(machine.Console().find(kNoImageMessage + rule + "\r\n"), std::string::npos);
-                EXPECT_NE(machine.Log().find(MatchedBlock("ok.fd", "me.fd", "cfg.ini")), std::string::npos);
-              }))
-        << rule;
+    SCOPED_TRACE(rule);
+    Install(Layout());
+    gRules = {{1, rule}, {2, "IO,80,FF,12,ok.fd,me.fd,cfg.ini"}};
+    EXPECT_TRUE(WalkMultiFdRules(ReadTestRule));
+    EXPECT_EQ(MatchedImageName(), "ok.fd");
+    EXPECT_NE(Console().find(kNoImageMessage + rule + "\r\n"), std::string::npos);
+    EXPECT_NE(Log().find(MatchedBlock("ok.fd", "me.fd", "cfg.ini")), std::string::npos);
   }
 }
 
-TEST(MultiImage, WalkTakesTheLowestHoldingNumberAndOnlyOneToNinetyNine) {
+TEST_F(MultiImage, WalkTakesTheLowestHoldingNumberAndOnlyOneToNinetyNine) {
   struct Row {
     std::map<UINTN, std::string> rules;
     bool holds;
@@ -168,60 +194,55 @@ TEST(MultiImage, WalkTakesTheLowestHoldingNumberAndOnlyOneToNinetyNine) {
       {{}, false, "", 99},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(0, RunIsolated([&] {
-      MachineHarness machine;
-      // A walk that held before: its names are cleared by the next walk.
-      gRules = {{1, "IO,80,FF,12,before.fd"}};
-      ASSERT_TRUE(WalkMultiFdRules(ReadTestRule));
-      gRules = row.rules;
-      gAsked.clear();
-      EXPECT_EQ(WalkMultiFdRules(ReadTestRule), row.holds);
-      EXPECT_EQ(MatchedImageName(), row.image);
-      std::vector<UINTN> expected;
-      for (UINTN n = 1; n <= row.lastAsked; n++) expected.push_back(n);
-      EXPECT_EQ(gAsked, expected);
-    }));
+    Install(Layout());
+    // A walk that held before: its names are cleared by the next walk.
+    gRules = {{1, "IO,80,FF,12,before.fd"}};
+    ASSERT_TRUE(WalkMultiFdRules(ReadTestRule));
+    gRules = row.rules;
+    gAsked.clear();
+    EXPECT_EQ(WalkMultiFdRules(ReadTestRule), row.holds);
+    EXPECT_EQ(MatchedImageName(), row.image);
+    std::vector<UINTN> expected;
+    for (UINTN n = 1; n <= row.lastAsked; n++) expected.push_back(n);
+    EXPECT_EQ(gAsked, expected);
   }
 }
 
-TEST(MultiImage, WalkTracesEachRuleWithItsNumber) {
-  MachineHarness machine;
+TEST_F(MultiImage, WalkTracesEachRuleWithItsNumber) {
   gRules = {{4, "OS,x,a.fd"}, {12, "IO,80,FF,12,b.fd"}};
   ASSERT_TRUE(WalkMultiFdRules(ReadTestRule));
-  const std::string log = machine.Log();
+  const std::string log = Log();
   const size_t first = log.find("IsCondi_match() # (04) OS,x,a.fd\r\n");
   ASSERT_NE(first, std::string::npos);
   EXPECT_NE(log.find("IsCondi_match() # (12) IO,80,FF,12,b.fd\r\n", first), std::string::npos);
 }
 
-TEST(MultiImage, SettingsRulesAreWalkedAndOnlyFlagOneIsMultiImageMode) {
+TEST_F(MultiImage, SettingsRulesAreWalkedAndOnlyFlagOneIsMultiImageMode) {
   const int flags[] = {0, 1, 2};
   for (int flag : flags) {
-    EXPECT_EQ(0, RunIsolated([&] {
-      MachineHarness machine;
-      FlashSettings& settings = *const_cast<FlashSettings*>(Settings());
-      settings.multiFd.flag = flag;
-      std::snprintf(settings.multiFd.fd[0], kIniTextBytes, "IO,80,FF,12,zero.fd");
-      std::snprintf(settings.multiFd.fd[9], kIniTextBytes, "IO,80,FF,12,nine.fd");
-      EXPECT_EQ(IsMultiFdMode(), flag == 1);
-      EXPECT_TRUE(IsCondi_match());
-      EXPECT_EQ(MatchedImageName(), "nine.fd");
-    })) << flag;
+    Install(Layout());
+    FlashSettings& settings = *MutableSettings();
+    settings.multiFd.flag = flag;
+    std::snprintf(settings.multiFd.fd[0], kIniTextBytes, "IO,80,FF,12,zero.fd");
+    std::snprintf(settings.multiFd.fd[9], kIniTextBytes, "IO,80,FF,12,nine.fd");
+    EXPECT_EQ(IsMultiFdMode(), flag == 1);
+    EXPECT_TRUE(IsCondi_match());
+    EXPECT_EQ(MatchedImageName(), "nine.fd") << flag;
   }
 }
 
-TEST(MultiImage, PlatformReadsFailWithoutTheirDevice) {
+TEST_F(MultiImage, PlatformReadsFailWithoutTheirDevice) {
   // No root bridge protocol: the PCI read fails, so does its rule, and no register was asked.
-  MachineHarness machine(false);
+  Install(Machine(false));
   UINT32 data = 0x1234;
   EXPECT_FALSE(ReadPciIo(0, 0x1F, 2, 0x80, &data));
   EXPECT_EQ(data, 0x1234u);
   gRules = {{1, "PCI,0,1F,2,80,0,0,p.fd"}};
   EXPECT_FALSE(WalkMultiFdRules(ReadTestRule));
-  EXPECT_EQ(machine.pciReads, 0);
+  EXPECT_EQ(pciReads, 0);
   // Port input has three widths only.
   EXPECT_FALSE(CpuIoRead(3, 0xC0, &data));
-  EXPECT_TRUE(machine.ioWidths.empty());
+  EXPECT_TRUE(ioWidths.empty());
   ASSERT_TRUE(CpuIoRead(4, 0xC0, &data));
   EXPECT_EQ(data, 0x5AABFE02u);
 }

@@ -5,9 +5,21 @@
 #include <string>
 
 #include "output/OutputInternal.h"
-#include "support/FrameBed.h"
+#include "support/DriverBed.h"
 
 namespace {
+
+// A recording console and no log.
+class ConsoleCalls : public bed::DriverBed {
+ protected:
+  bed::BedSetup Layout() const override {
+    bed::BedSetup setup;
+    setup.firmware = bed::Firmware::Scripted;
+    setup.recordConsole = true;
+    setup.log = false;
+    return setup;
+  }
+};
 
 std::u16string Digits(size_t n) {
   std::u16string text;
@@ -15,7 +27,7 @@ std::u16string Digits(size_t n) {
   return text;
 }
 
-TEST(Console, PrintCutsAt320AndPrintLongSlicesAt300WithoutFormattingAgain) {
+TEST_F(ConsoleCalls, PrintCutsAt320AndPrintLongSlicesAt300WithoutFormattingAgain) {
   std::u16string percent = Digits(700);
   percent[350] = u'%', percent[351] = u'd';  // a slice is printed with "%s", never as a format
   struct Row {
@@ -27,23 +39,21 @@ TEST(Console, PrintCutsAt320AndPrintLongSlicesAt300WithoutFormattingAgain) {
       {Digits(5000), true, {300, 300, 300, 300, 300, 300, 300, 300, 300, 300, 300, 300, 300, 195}},  // 4095 kept
   };
   for (const Row& row : rows) {
-    bed::FrameBed bed;
-    size_t blocks = bed.environment->LiveBlocks().size();
+    Install(Layout());
+    size_t blocks = Environment().LiveBlocks().size();
     size_t shown = row.slices ? (PrintLong(u"%s", row.text.c_str()), 0) : Print(u"%s", row.text.c_str());
-    ASSERT_EQ(bed.calls.size(), row.pieces.size()) << row.text.size();
+    ASSERT_EQ(consoleCalls.size(), row.pieces.size()) << row.text.size();
     size_t at = 0;
     for (size_t i = 0; i < row.pieces.size(); i++, at += row.pieces[i - 1])
-      EXPECT_EQ(bed.calls[i], "Out:" + std::string(row.text.begin() + at, row.text.begin() + at + row.pieces[i])) << row.text.size() << " piece " << i;
+      EXPECT_EQ(consoleCalls[i], "Out:" + std::string(row.text.begin() + at, row.text.begin() + at + row.pieces[i])) << row.text.size() << " piece " << i;
     if (!row.slices) EXPECT_EQ(shown, row.pieces[0]);
-    EXPECT_EQ(bed.environment->LiveBlocks().size(), blocks) << "each print frees its block";
+    EXPECT_EQ(Environment().LiveBlocks().size(), blocks) << "each print frees its block";
   }
-  bed::FrameBed refused;
-  refused.outputStatus = EFI_DEVICE_ERROR;
+  outputStatus = EFI_DEVICE_ERROR;
   EXPECT_EQ(Print(u"hello\n"), 0u);
 }
 
-TEST(Console, CenterLinesGivesOneBlockPerLine) {
-  bed::FrameBed bed;
+TEST_F(ConsoleCalls, CenterLinesGivesOneBlockPerLine) {
   const std::u16string ac = u"Please do not remove the AC power!";
   struct Row {
     UINT16 width;
@@ -67,14 +77,13 @@ TEST(Console, CenterLinesGivesOneBlockPerLine) {
   EXPECT_EQ(CenterLines(80, nullptr), nullptr);
 }
 
-TEST(Console, AcWarningStandsCentredInARedBarOnAClearedScreen) {
-  bed::FrameBed bed;
-  size_t blocks = bed.environment->LiveBlocks().size();
+TEST_F(ConsoleCalls, AcWarningStandsCentredInARedBarOnAClearedScreen) {
+  size_t blocks = Environment().LiveBlocks().size();
   ShowAcWarning("messagestringA02");  // no message table: the tool's own text
   const std::string edge = "Out:" + std::string(79, ' ') + "\r\n";
   const std::string text = "Out:" + std::string(23, ' ') + "Please do not remove the AC power!" + std::string(22, ' ') + "\r\n";
-  EXPECT_EQ(bed.calls, (std::vector<std::string>{"Clear", "Attr:4F", edge, text, edge, "Cursor:0,6", "Attr:0F"}));
-  EXPECT_EQ(bed.environment->LiveBlocks().size(), blocks);
+  EXPECT_EQ(consoleCalls, (std::vector<std::string>{"Clear", "Attr:4F", edge, text, edge, "Cursor:0,6", "Attr:0F"}));
+  EXPECT_EQ(Environment().LiveBlocks().size(), blocks);
   const CHAR16* fallback = u"default";
   for (const CHAR8* key : {"messagestringA02", "", (const CHAR8*)nullptr}) EXPECT_EQ(GetMessageText(key, fallback), fallback);
 }
@@ -82,7 +91,7 @@ TEST(Console, AcWarningStandsCentredInARedBarOnAClearedScreen) {
 std::vector<std::pair<EFI_STATUS, EFI_INPUT_KEY>> script;
 size_t reads = 0;
 
-TEST(Console, WaitKeyPollsUntilAKeyOrAnErrorAndGivesItsCharacter) {
+TEST_F(ConsoleCalls, WaitKeyPollsUntilAKeyOrAnErrorAndGivesItsCharacter) {
   struct Row {
     std::vector<std::pair<EFI_STATUS, EFI_INPUT_KEY>> script;
     CHAR16 expected;
@@ -91,12 +100,11 @@ TEST(Console, WaitKeyPollsUntilAKeyOrAnErrorAndGivesItsCharacter) {
       {{{EFI_SUCCESS, {0x0B, 0}}}, 0},  // a function key: character 0
       {{{EFI_NOT_READY, {}}, {EFI_DEVICE_ERROR, {0, u'z'}}}, 0},
   };
-  bed::FrameBed bed;
   EFI_SIMPLE_TEXT_INPUT_PROTOCOL input{nullptr, [](EFI_SIMPLE_TEXT_INPUT_PROTOCOL*, EFI_INPUT_KEY* key) -> EFI_STATUS {
     auto [status, value] = script.at(reads++);
     return *key = EFI_ERROR(status) ? *key : value, status;
   }};
-  bed.system->ConIn = &input;
+  Environment().SystemTable()->ConIn = &input;
   for (const Row& row : rows) {
     script = row.script, reads = 0;
     EXPECT_EQ(WaitKey(), row.expected);

@@ -5,34 +5,40 @@
 #include <fstream>
 #include <string>
 
+#include "config/Config.h"
 #include "output/OutputInternal.h"
-#include "support/FrameBed.h"
-#include "support/Isolated.h"
+#include "support/DriverBed.h"
 
 namespace {
 
-// Each row is a run of its own: the -dbg scan and the first line's delete happen once per run.
-void LogRun(const char* what, INT32 flag, INT32 level, std::vector<std::u16string> arguments, void (*lines)(),
-         const char* expected) {
-  EXPECT_EQ(0, RunIsolated([&] {
-    bed::FrameBed bed;
-    std::ofstream(bed.volumes[0] / "ZAPROM.Log") << "old run\r\n";
-    std::vector<CHAR16*> vector;
-    for (auto& argument : arguments) vector.push_back(argument.data());
-    ScanDebugOption((UINT32)vector.size(), vector.data());
-    bed.SetLog(flag, level);
+class LogFile : public bed::DriverBed {
+ protected:
+  // Each row is a run of its own: the -dbg scan and the first line's delete happen once per run.
+  void LogRun(const char* what, INT32 flag, INT32 level, const std::vector<std::u16string>& arguments, void (*lines)(),
+              const char* expected) {
+    bed::BedSetup setup;
+    setup.firmware = bed::Firmware::Scripted;
+    setup.log = false;
+    Install(setup);
+    // The bed's own set-up has printed; handing the log buffer back makes the next line the
+    // first of a run again.
+    ReleaseOutputMemory();
+    std::ofstream(Volume(0) / "ZAPROM.Log") << "old run\r\n";
+    ScanArguments(arguments);
+    MutableSettings()->logFile.flag = flag;
+    MutableSettings()->logFile.level = level;
     lines();
     if (expected == nullptr) {
-      EXPECT_FALSE(std::filesystem::exists(bed.volumes[0] / "ZAPROM.Log")) << what;
+      EXPECT_FALSE(std::filesystem::exists(Volume(0) / "ZAPROM.Log")) << what;
     } else {
-      EXPECT_EQ(bed.Log(), expected) << what;
+      EXPECT_EQ(Log(), expected) << what;
     }
-  })) << what;
-}
+  }
+};
 
 void ThreeLevels() { LogPrint(0, u"level %d\n", 0), LogPrint(2, u"level %d\n", 2), LogPrint(4, u"level %d\n", 4); }
 
-TEST(Log, OnAndLevelRulesDecideWhichLinesReachTheFile) {
+TEST_F(LogFile, OnAndLevelRulesDecideWhichLinesReachTheFile) {
   const char* all = "level 0\r\nlevel 2\r\nlevel 4\r\n";
   LogRun("log off: the old log is deleted, none written", 0, 0, {u"zaprom"}, ThreeLevels, nullptr);
   LogRun("a level without Flag does not turn the log on", 0, 4, {u"zaprom"}, ThreeLevels, nullptr);
@@ -46,7 +52,7 @@ TEST(Log, OnAndLevelRulesDecideWhichLinesReachTheFile) {
   LogRun("the program's own name is not an option", 0, 0, {u"-dbg"}, ThreeLevels, nullptr);
 }
 
-TEST(Log, LinesTracesAndDumpsHaveTheirExactBytes) {
+TEST_F(LogFile, LinesTracesAndDumpsHaveTheirExactBytes) {
   LogRun("the first line replaces the old log whole", 0, 0, {u"z", u"-dbg"}, [] {
     LogPrint(0, u"first %s %d\n", u"line", 1);
     LogPrint(4, u"second\n");

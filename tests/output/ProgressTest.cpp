@@ -4,9 +4,9 @@
 
 #include <algorithm>
 
+#include "config/Config.h"
 #include "output/OutputInternal.h"
-#include "support/FrameBed.h"
-#include "support/Isolated.h"
+#include "support/DriverBed.h"
 
 namespace {
 
@@ -15,12 +15,22 @@ std::vector<std::string> Draw(int width, const std::string& number, int filled) 
   return {"CursorOff", "Cursor:" + std::to_string(width) + ",21", "Out:" + number, "Cursor:0,21", "Attr:1F",
           "Out:" + Blanks(width - 1), "Attr:7F", "Out:" + Blanks(filled - 1), "Attr:0F"};
 }
-bool Shown(const std::string& call) {
-  const auto& calls = bed::FrameBed::current->calls;
-  return std::find(calls.begin(), calls.end(), call) != calls.end();
-}
 
-TEST(Progress, ShowProgressDrawsTheBarOnRow21AndRedrawsOnlyANewPercentage) {
+// A recording console, and the trace at level 4 for the block map.
+class Progress : public bed::DriverBed {
+ protected:
+  bed::BedSetup Layout() const override {
+    bed::BedSetup setup;
+    setup.firmware = bed::Firmware::Scripted;
+    setup.recordConsole = true;
+    return setup;
+  }
+  bool Shown(const std::string& call) const {
+    return std::find(consoleCalls.begin(), consoleCalls.end(), call) != consoleCalls.end();
+  }
+};
+
+TEST_F(Progress, ShowProgressDrawsTheBarOnRow21AndRedrawsOnlyANewPercentage) {
   struct Row {
     bool elapse;
     std::vector<int> percents;  // the calls of the last are compared
@@ -32,17 +42,17 @@ TEST(Progress, ShowProgressDrawsTheBarOnRow21AndRedrawsOnlyANewPercentage) {
       {false, {40, 40}, {"CursorOff", "Cursor:75,21", "Out: 40%", "Attr:0F"}},
   };
   for (const Row& row : rows) {
-    bed::FrameBed bed;
-    bed.SetElapse(row.elapse);
-    for (int percent : row.percents) bed.calls.clear(), ShowProgress((UINT8)percent);
-    EXPECT_EQ(bed.calls, row.calls) << row.percents.back() << (row.elapse ? " with time" : "");
+    Install(Layout());
+    MutableSettings()->ui.elapse = row.elapse;
+    for (int percent : row.percents) consoleCalls.clear(), ShowProgress((UINT8)percent);
+    EXPECT_EQ(consoleCalls, row.calls) << row.percents.back() << (row.elapse ? " with time" : "");
   }
-  bed::FrameBed bed;  // the seconds come from the time-stamp counter
-  bed.SetElapse(true);
+  Install(Layout());  // the seconds come from the time-stamp counter
+  MutableSettings()->ui.elapse = true;
   StartProgressTimer();
   gBS->Stall(3500000), ShowProgress(10), gBS->Stall(9000000), ShowProgress(20);
   EXPECT_TRUE(Shown("Out: 10%, 3sec") && Shown("Out: 20%,12sec") && !Shown("Out:Locate protocol failed\r\n"));
-  bed.system->BootServices->LocateProtocol = [](const EFI_GUID*, VOID*, VOID**) -> EFI_STATUS { return EFI_NOT_FOUND; };
+  Environment().SystemTable()->BootServices->LocateProtocol = [](const EFI_GUID*, VOID*, VOID**) -> EFI_STATUS { return EFI_NOT_FOUND; };
   StartProgressTimer(), ShowProgress(30);  // without the timer the update goes on
   EXPECT_TRUE(Shown("Out:Locate protocol failed\r\n") && Shown("Out: 30%, 0sec"));
 }
@@ -57,7 +67,7 @@ BlockMapEntry Block(UINT32 i, UINT16 mark, char region = 0, const CHAR16* extern
   return entry;
 }
 
-TEST(Progress, BlockMapLineShowsProtectionMarksRegionsAndTheExternalRegion) {
+TEST_F(Progress, BlockMapLineShowsProtectionMarksRegionsAndTheExternalRegion) {
   struct Row {
     const char* what;
     BlockMapEntry (*block)(UINT32 i);
@@ -76,14 +86,12 @@ TEST(Progress, BlockMapLineShowsProtectionMarksRegionsAndTheExternalRegion) {
        "........ - ........    VVVVVVVV - VVVVVVVV    ........ - ........    BBBBBBBB - MMMM....\r\n"},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(0, RunIsolated([&] {  // the map is taken once per run
-      bed::FrameBed bed;
-      bed.SetLog(1, 4);
-      for (int i = 0; i < 128; i++) AddBlockMark(row.block(i % 16));  // a group of 128 reaches the trace
-      std::string log = bed.Log();
-      size_t start = log.find(" 1Fh |  v\r\n") + 11;
-      EXPECT_EQ(log.substr(start, log.find("\r\n", start) + 2 - start), "[        0 ] FF000000:              " + row.expected);
-    })) << row.what;
+    Install(Layout());  // the map is taken once per run
+    for (int i = 0; i < 128; i++) AddBlockMark(row.block(i % 16));  // a group of 128 reaches the trace
+    std::string log = Log();
+    size_t start = log.find(" 1Fh |  v\r\n") + 11;
+    EXPECT_EQ(log.substr(start, log.find("\r\n", start) + 2 - start), "[        0 ] FF000000:              " + row.expected)
+        << row.what;
   }
 }
 

@@ -9,6 +9,7 @@
 
 #include "config/Config.h"
 #include "frame/Frame.h"
+#include "output/Output.h"
 #include "simulator/Simulator.h"
 
 namespace bed {
@@ -90,6 +91,7 @@ void DriverBed::Install(const BedSetup& setup) {
     if (simulator_) simulator_->IoWrite8(port, value);
   };
   backend.readPhysical = [this](uint32_t address, void* out, uint32_t length) {
+    physicalReads.push_back({address, length});
     if (simulator_) return simulator_->ReadPhysical(address, out, length);
     uint8_t* bytes = static_cast<uint8_t*>(out);
     for (uint32_t i = 0; i < length; i++) bytes[i] = ReadScripted(address + i);
@@ -127,6 +129,7 @@ void DriverBed::Install(const BedSetup& setup) {
   }
   emu::SetPlatformBackend(backend);
   environment_ = std::make_unique<emu::Environment>(options);
+  if (setup.recordConsole) RecordConsole();
   SetFirmwareTables(nullptr, environment_->SystemTable());
   InitialIniStructure();
   if (setup.log) {
@@ -155,7 +158,17 @@ void DriverBed::Uninstall() {
   smiCalls.clear();
   answers.clear();
   ioWidths.clear();
+  physicalReads.clear();
+  consoleCalls.clear();
+  outputStatus = EFI_SUCCESS;
+  recording_ = nullptr;
   pciReads = 0;
+}
+
+EFI_HANDLE DriverBed::StartDriver() {
+  EFI_HANDLE image = environment_->CreateImageHandle(u"kobalt.efi", {});
+  EXPECT_EQ(KobaltDriverEntry(image, environment_->SystemTable()), EFI_SUCCESS);
+  return image;
 }
 
 bool DriverBed::Options(const std::vector<std::u16string>& tokens) {
@@ -180,6 +193,11 @@ void DriverBed::SetArguments(const std::vector<std::u16string>& arguments) {
   argumentPointers_.clear();
   for (auto& argument : arguments_) argumentPointers_.push_back(argument.data());
   SetCommandLineArgument((UINT32)argumentPointers_.size(), argumentPointers_.data());
+}
+
+void DriverBed::ScanArguments(const std::vector<std::u16string>& arguments) {
+  SetArguments(arguments);
+  ScanDebugOption((UINT32)argumentPointers_.size(), argumentPointers_.data());
 }
 
 void DriverBed::PutFile(const std::string& name, const std::vector<uint8_t>& bytes, size_t volume) {
@@ -215,6 +233,33 @@ std::string DriverBed::Log(size_t volume) const { return ReadHostFile(volumes_.a
 std::string DriverBed::Console() const { return environment_->ConsoleTranscript(); }
 std::string DriverBed::ReadVolumeFile(const std::string& name, size_t volume) const {
   return ReadHostFile(volumes_.at(volume) / name);
+}
+
+EFI_STATUS DriverBed::Record(const std::string& call) {
+  recording_->consoleCalls.push_back(call);
+  return recording_->outputStatus;
+}
+
+void DriverBed::RecordConsole() {
+  recording_ = this;
+  EFI_SYSTEM_TABLE* system = environment_->SystemTable();
+  emulatedOut_ = *system->ConOut;
+  recordingOut_ = emulatedOut_;
+  recordingOut_.OutputString = [](EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL*, const CHAR16* text) -> EFI_STATUS {
+    recording_->emulatedOut_.OutputString(&recording_->emulatedOut_, text);
+    return Record("Out:" + std::string(text, text + std::char_traits<char16_t>::length(text)));
+  };
+  recordingOut_.ClearScreen = [](EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL*) { return Record("Clear"); };
+  recordingOut_.SetAttribute = [](EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL*, UINTN attribute) {
+    char text[16];
+    std::snprintf(text, sizeof text, "Attr:%02lX", (unsigned long)attribute);
+    return Record(text);
+  };
+  recordingOut_.SetCursorPosition = [](EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL*, UINTN column, UINTN row) {
+    return Record("Cursor:" + std::to_string(column) + "," + std::to_string(row));
+  };
+  recordingOut_.EnableCursor = [](EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL*, BOOLEAN on) { return Record(on ? "CursorOn" : "CursorOff"); };
+  system->ConOut = &recordingOut_;
 }
 
 uint8_t DriverBed::ReadScripted(uint32_t address) const {

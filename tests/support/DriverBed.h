@@ -42,6 +42,8 @@ struct BedSetup {
   // Installs a PCI root bridge protocol that asks the simulator.
   bool rootBridge = false;
   EFI_TIME clock = {2026, 3, 7, 14, 3, 59, 0, 0, 0, 0, 0};
+  // Records each console call in order (see DriverBed::consoleCalls); the text still renders.
+  bool recordConsole = false;
   // The trace at level 4 into ZAPROM.Log on volume 0, and SMI retries without a wait, as a
   // loaded [Log_file] Flag=1, Level=4 and [Others] SmiErrorRetryDelay=1 leave them.
   bool log = true;
@@ -71,12 +73,16 @@ class DriverBed : public ::testing::Test {
   void Uninstall();
 
   // ---- input through the driver's own paths ----
+  // Loads the driver as the platform would: an image handle on volume 0, then the entry point.
+  EFI_HANDLE StartDriver();
   // Each token through ParseOption, as the command line hands it; false if one is refused.
   bool Options(const std::vector<std::u16string>& tokens);
   // A platform.ini text through LoadOption: start values, then the sections it carries.
   void LoadSettings(const std::string& ini, bool withMultiFd = false);
   // The argument vector as a shell host hands it in (the program's name first).
   void SetArguments(const std::vector<std::u16string>& arguments);
+  // SetArguments, then the driver's scan for -dbg (the trace at level 4 when it is there).
+  void ScanArguments(const std::vector<std::u16string>& arguments);
   void PutFile(const std::string& name, const std::vector<uint8_t>& bytes, size_t volume = 0);
 
   // ---- the scripted firmware ----
@@ -99,13 +105,21 @@ class DriverBed : public ::testing::Test {
   // Every SMI call in order; the answers per function of the scripted firmware (also taken
   // before the simulator when set).
   std::vector<OblisRegisters> smiCalls;
+  // With BedSetup::recordConsole: "Out:text", "Clear", "Attr:4F", "Cursor:0,6", "CursorOn",
+  // "CursorOff"; each answers outputStatus.
+  std::vector<std::string> consoleCalls;
+  EFI_STATUS outputStatus = EFI_SUCCESS;
   std::map<uint8_t, Handler> answers;
   // Register widths of each port read, and PCI configuration reads.
   std::vector<int> ioWidths;
+  // Address and length of each read of physical memory.
+  std::vector<std::pair<uint32_t, uint32_t>> physicalReads;
   int pciReads = 0;
 
  private:
   uint8_t ReadScripted(uint32_t address) const;
+  void RecordConsole();
+  static EFI_STATUS Record(const std::string& call);
   void PlaceDefaultPlatform(emu::Options& options);
 
   fs::path root_;
@@ -117,6 +131,8 @@ class DriverBed : public ::testing::Test {
   std::vector<std::u16string> arguments_;
   std::vector<CHAR16*> argumentPointers_;
   std::vector<char> iniText_;
+  EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL recordingOut_{}, emulatedOut_{};
+  inline static DriverBed* recording_ = nullptr;
 };
 
 }  // namespace bed
