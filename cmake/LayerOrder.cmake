@@ -1,10 +1,11 @@
 # The driver's folders form an order, lowest first: a folder may include its own headers and
-# those of the folders below it, never one above. The file layer (frame/FileLayer.h) sits below
-# them all, since the trace log is written through it. ENFORCED folders fail the configure on an
+# those of the folders below it, never one above. The file layer (frame/FileLayer.h) and the
+# host's settings (frame/Host.h) sit below them all: the trace log is written through the one,
+# and the other only holds what the host and the mains hand down. ENFORCED folders fail the configure on an
 # upward include; the others are still being untangled and are listed as a warning.
 set(KOBALT_LAYERS output config oblis image checks update frame)
 set(KOBALT_LAYERS_ENFORCED output)
-set(KOBALT_BASE_HEADERS frame/FileLayer.h)
+set(KOBALT_BASE_HEADERS frame/FileLayer.h frame/Host.h)
 foreach(folder ${KOBALT_LAYERS})
   list(FIND KOBALT_LAYERS ${folder} rank)
   file(GLOB files CONFIGURE_DEPENDS ${KOBALT_DIR}/${folder}/*.cpp ${KOBALT_DIR}/${folder}/*.h)

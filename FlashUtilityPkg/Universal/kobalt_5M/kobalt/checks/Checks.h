@@ -55,7 +55,6 @@ Bool IsCommonFlashActive();
 
 // ---- conditional data, OEM parameters and the 1Bh verification ----
 Bool SMI_CheckConditionalData(UINT8 type, UINT8 format, UINT16 length, const UINT8* data, UINT8* allow);
-VOID AddOemParameter(CHAR16* word);
 Bool SendOemParameters();
 Bool Oblis_19h(UINT8* record);
 Bool Oblis_1Bh(const UINT8* data, UINT32 size, UINT32 address, UINT8* status);

@@ -4,11 +4,10 @@
 #include "PlatformSeams.h"
 #include "checks/Checks.h"
 #include "config/Config.h"
-#include "frame/Frame.h"
+#include "frame/Host.h"
 #include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
-#include "update/Update.h"
 
 namespace {
 
@@ -24,9 +23,6 @@ constexpr UINT32 kSignatureBytes = 8;
 constexpr UINT8 kFormatLimit = 4;  // binary, string, word, dword
 
 // ---- OEM parameters (19h) ----
-constexpr UINTN kOemListBytes = 256;
-constexpr UINTN kOemListTextLimit = 254;
-constexpr CHAR8 kWordMark = '#';
 constexpr UINT8 kListEnd = 0xFF;
 constexpr UINT32 kAlphaDumpExtra = 16;
 constexpr UINT32 kInfoDumpBytes = 32;
@@ -36,14 +32,12 @@ constexpr UINT32 kChainEcSizeField = 0x14 + 20;
 
 // ---- 1Bh verification ----
 constexpr UINT32 kPieceBytes = 0x1000;
-constexpr UINT32 kEcBufferBytes = 0x200000;
 
 struct OemAnswerList {
   UINT32 count;
   CHAR8 (*words)[kAnswerWordBytes];
 };
 struct ConditionalState {
-  CHAR8 oemParameterList[kOemListBytes];
   OemAnswerList oemAnswerList;
 };
 constinit ConditionalState gConditional = {};
@@ -109,42 +103,17 @@ Bool EcCommandInForce() {
   return flags->ecbp || flags->ecb || (!secure && (flags->ecp || flags->ec));
 }
 
-// The list's text length. After a 19h call the list holds the firmware's answer, which need not
-// end in a zero anywhere, so the count stops at the list's end.
-UINTN OemListLength() {
-  UINTN length = 0;
-  while (length < kOemListBytes && gConditional.oemParameterList[length] != 0) {
-    ++length;
-  }
-  return length;
-}
-
-// Puts 0xFF behind the collected words and turns every '#' into the zero that ends a word, so
-// that an empty list goes out as 00 FF.
-VOID CloseOemList() {
-  UINTN length = OemListLength();
-  if (length > kOemListTextLimit) {
-    length = kOemListTextLimit;
-  }
-  UINTN end = length == 0 ? 1 : length;
-  gConditional.oemParameterList[end] = (CHAR8)kListEnd;
-  for (UINTN i = 0; i < end; ++i) {
-    if (gConditional.oemParameterList[i] == kWordMark) {
-      gConditional.oemParameterList[i] = 0;
-    }
-  }
-}
 
 // The firmware's word list: zero-ended words up to the first 0xFF, or up to the list's end when
 // the answer holds none. Each word is kept in a 32-byte slot, longer ones cut to 31 characters.
 Bool KeepOemAnswer() {
   UINT32 limit = 0;
-  while (limit < kOemListBytes && (UINT8)gConditional.oemParameterList[limit] != kListEnd) {
+  while (limit < kOemListBytes && (UINT8)OemParameterList()[limit] != kListEnd) {
     ++limit;
   }
   UINT32 count = 0;
   for (UINT32 i = 0; i < limit; ++i) {
-    if (gConditional.oemParameterList[i] == 0) {
+    if (OemParameterList()[i] == 0) {
       ++count;
     }
   }
@@ -160,9 +129,9 @@ Bool KeepOemAnswer() {
   UINT32 at = 0;
   for (UINT32 word = 0; word < count; ++word) {
     UINT32 length = 0;
-    while (at < limit && gConditional.oemParameterList[at] != 0) {
+    while (at < limit && OemParameterList()[at] != 0) {
       if (length < kAnswerWordBytes - 1) {
-        gConditional.oemAnswerList.words[word][length++] = gConditional.oemParameterList[at];
+        gConditional.oemAnswerList.words[word][length++] = OemParameterList()[at];
       }
       ++at;
     }
@@ -258,27 +227,6 @@ Bool SMI_CheckConditionalData(UINT8 type, UINT8 format, UINT16 length, const UIN
   return true;
 }
 
-VOID AddOemParameter(CHAR16* word) {
-  if (word == nullptr) {
-    return;
-  }
-  for (UINTN i = 0; word[i] != 0; ++i) {
-    if (word[i] >= u'a' && word[i] <= u'z') {
-      word[i] = (CHAR16)(word[i] - u'a' + u'A');
-    }
-  }
-  UINTN used = OemListLength();
-  UINTN length = StrLen16(word);
-  // A word that does not fit is left out whole: a cut word would be another word to the firmware.
-  if (used + length + 1 > kOemListTextLimit) {
-    return;
-  }
-  for (UINTN i = 0; i < length; ++i) {
-    gConditional.oemParameterList[used + i] = (CHAR8)word[i];
-  }
-  gConditional.oemParameterList[used + length] = kWordMark;
-  gConditional.oemParameterList[used + length + 1] = 0;
-}
 
 Bool Oblis_19h(UINT8* record) {
   if (record == nullptr) {
@@ -312,9 +260,9 @@ Bool SendOemParameters() {
     return false;
   }
   ZeroMem(buffer, kOblisBufferSize);
-  CopyMem(buffer, gConditional.oemParameterList, kOemListBytes);
+  CopyMem(buffer, OemParameterList(), kOemListBytes);
   UINT32 end = 0;
-  while (end < kOemListBytes && (UINT8)gConditional.oemParameterList[end] != kListEnd) {
+  while (end < kOemListBytes && (UINT8)OemParameterList()[end] != kListEnd) {
     ++end;
   }
   UINT32 dump = end + 1 + kAlphaDumpExtra;
@@ -323,8 +271,8 @@ Bool SendOemParameters() {
     TraceLeave(kSendOemParameters, kReasonNotSuccess);
     return false;
   }
-  CopyMem(gConditional.oemParameterList, buffer, kOemListBytes);
-  HexDumpFramed(kLabel19hInfo, gConditional.oemParameterList, kInfoDumpBytes);
+  CopyMem(OemParameterList(), buffer, kOemListBytes);
+  HexDumpFramed(kLabel19hInfo, OemParameterList(), kInfoDumpBytes);
   if (!KeepOemAnswer()) {
     TraceLeave(kSendOemParameters, kReasonAllocate);
     return false;

@@ -3,7 +3,7 @@
 // refusal boxes. The power state itself is read once, by function 10h at set-up (oblis folder).
 #include "checks/Checks.h"
 #include "config/Config.h"
-#include "frame/Frame.h"
+#include "frame/Host.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
 
@@ -12,7 +12,6 @@ namespace {
 constexpr UINT8 kNoBattery = 0x65;          // the DC byte of a machine without a battery
 constexpr INT32 kBoundFromFirmware = 0xFF;  // BatteryBound: take the firmware's Bound
 constexpr UINT32 kStatusBoundOffset = 6;    // Bound in the kept 10h status record
-constexpr UINT8 kRunModeUefi = 1;
 // The capsule run has nobody to press a key, so a box stays readable for five seconds.
 constexpr UINT32 kBoxWaitStalls = 5000;
 constexpr UINTN kBoxWaitStallMicroseconds = 1000;

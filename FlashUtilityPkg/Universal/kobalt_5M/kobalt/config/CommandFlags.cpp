@@ -66,5 +66,6 @@ VOID ResetConfigState() {
   ResetCommandFlagsState();
   ResetIniReaderState();
   ResetMultiImageState();
+  ResetOemParameterState();
   ResetSettingsState();
 }

@@ -1,10 +1,8 @@
 // The command line of ShellFlashMain: arguments into one option text, the text into tokens, each
 // token into CommandFlags by the option table, and the text helpers that serve it. What an option
 // then does is the business of the step that reads its flag; the filters live in Filters.cpp.
-#include "checks/Checks.h"
 #include "config/Config.h"
-#include "frame/Frame.h"
-#include "oblis/Oblis.h"
+#include "frame/Host.h"
 #include "output/Output.h"
 
 namespace {

@@ -177,6 +177,19 @@ Bool LoadConfigFormal(CHAR16* imageName);
 // variable FlashINISettings.
 VOID SaveCfg_Variable(const CHAR8* text, UINT32 size);
 
+// ---- OEM parameters (function 19h) ----
+constexpr UINTN kOemListBytes = 256;
+// Adds a word (upper-cased in place) to the list; a word that does not fit is left out whole.
+VOID AddOemParameter(CHAR16* word);
+// Ends the list for the firmware: 0xFF behind the words, each word's '#' turned into its zero,
+// so that an empty list goes out as 00 FF.
+VOID CloseOemList();
+// The list's kOemListBytes bytes; the conditional check sends them and keeps the answer there.
+CHAR8* OemParameterList();
+
+// The name of a region type of the platform ROM map ("Undefined" for an unknown type).
+const CHAR16* RegionTypeName(UINT8 type);
+
 // ---- command line and filters ----
 constexpr UINTN kImageNameCharacters = 128;
 constexpr UINTN kCommandTextCharacters = 512;
@@ -310,4 +323,5 @@ VOID ReleaseConfigMemory();
 VOID ResetCommandFlagsState();
 VOID ResetIniReaderState();
 VOID ResetMultiImageState();
+VOID ResetOemParameterState();
 VOID ResetSettingsState();

@@ -3,7 +3,7 @@
 // the driver's own INI slot. Reading the text is the INI reader's; the choice among several
 // images is the multi-image rules'; what an image is, the image analysis'.
 #include "config/Config.h"
-#include "frame/Frame.h"
+#include "frame/FileLayer.h"
 #include "image/Image.h"
 #include "output/Output.h"
 

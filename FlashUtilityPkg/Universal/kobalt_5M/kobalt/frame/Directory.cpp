@@ -1,6 +1,6 @@
-// The function directory a host asks by name, and what the host hands in through it: arguments,
-// image handle, current directory and execute callback. The functions themselves live with the
-// mains (frame) and the firmware wrappers (oblis); the files are reached through FileLayer.cpp.
+// The function directory a host asks by name. What the host hands in through it (arguments, image
+// handle, current directory, execute callback) is kept in Host.cpp; the functions themselves live
+// with the mains (frame) and the firmware wrappers (oblis).
 #include "frame/FrameInternal.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
@@ -8,9 +8,6 @@
 namespace {
 
 constexpr UINTN kDirectoryNameCharacters = 64;
-constexpr UINTN kCurrentDirectoryCharacters = 512;
-// The copy of the host's path holds 255 characters and the terminator; a longer path is cut.
-constexpr UINTN kPathCopyCharacters = 256;
 
 constexpr CHAR16 kLookupNotFoundWarning[] = u" Engineering Warning:\r\n [%s] founction not found.\r\n";
 
@@ -33,16 +30,6 @@ constinit const DirectoryEntry directoryTable[] = {
     {u"", nullptr},
 };
 
-// What the host handed in.
-struct DirectoryState {
-  CHAR16 currentDirectory[kCurrentDirectoryCharacters];
-  CHAR16 pathCopy[kPathCopyCharacters];
-  EFI_HANDLE hostImageHandle;
-  UINT32 argumentCount;
-  CHAR16** argumentVector;
-  ShellExecuteCallback shellExecuteCallback;
-};
-constinit DirectoryState gDirectory = {};
 
 // The warning's key wait talks to the console itself: it must not raise hook points, since the
 // host that asked for a missing name may not have set anything up yet.
@@ -68,48 +55,4 @@ VOID* EFIAPI LookupFunction(const CHAR16* name) {
   Print(kLookupNotFoundWarning, name != nullptr ? name : u"");
   WaitForOneKeyDirect();
   return nullptr;
-}
-
-VOID EFIAPI SetCurrentDirectory(const CHAR16* path) {
-  StrCopy16(gDirectory.pathCopy, kPathCopyCharacters, path);
-  UINTN colon = 0;
-  while (gDirectory.pathCopy[colon] != 0 && gDirectory.pathCopy[colon] != u':') {
-    colon++;
-  }
-  if (gDirectory.pathCopy[colon] == 0) {
-    StrCopy16(gDirectory.currentDirectory, kCurrentDirectoryCharacters, gDirectory.pathCopy);
-    return;
-  }
-  // The volume name falls away: "fs0:\efi\tool" becomes ".\efi\tool\".
-  StrCopy16(gDirectory.currentDirectory, kCurrentDirectoryCharacters, u".");
-  StrCat16(gDirectory.currentDirectory, kCurrentDirectoryCharacters, gDirectory.pathCopy + colon + 1);
-  StrCat16(gDirectory.currentDirectory, kCurrentDirectoryCharacters, u"\\");
-}
-
-const CHAR16* GetCurrentDirectory() { return gDirectory.currentDirectory; }
-
-VOID EFIAPI SetCommandLineArgument(UINT32 count, CHAR16** vector) {
-  // The vector stays the host's; options are read and blanked in place during the run.
-  gDirectory.argumentCount = count;
-  gDirectory.argumentVector = vector;
-}
-
-UINT32 GetArgumentCount() { return gDirectory.argumentCount; }
-CHAR16** GetArgumentVector() { return gDirectory.argumentVector; }
-
-VOID EFIAPI SetImageHandle(EFI_HANDLE imageHandle) { gDirectory.hostImageHandle = imageHandle; }
-EFI_HANDLE GetHostImageHandle() { return gDirectory.hostImageHandle; }
-
-VOID EFIAPI SetShellExecuteCallback(ShellExecuteCallback callback) { gDirectory.shellExecuteCallback = callback; }
-
-EFI_STATUS RunShellCommand(const CHAR16* text) {
-  // Without a host callback there is no shell to run the command: refuse rather than pretend.
-  if (gDirectory.shellExecuteCallback == nullptr) {
-    return EFI_UNSUPPORTED;
-  }
-  return gDirectory.shellExecuteCallback(text);
-}
-
-VOID ResetDirectoryState() {
-  gDirectory = {};
 }

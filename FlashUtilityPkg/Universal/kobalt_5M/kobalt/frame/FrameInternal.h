@@ -7,6 +7,3 @@
 UINT8* GetImageWorkBuffer();
 // The driver's unload handler, set into its EFI_LOADED_IMAGE_PROTOCOL by the entry.
 EFI_STATUS EFIAPI DriverUnload(EFI_HANDLE imageHandle);
-// What the host gave: the prefix of relative file names (never null) and its image handle.
-const CHAR16* GetCurrentDirectory();
-EFI_HANDLE GetHostImageHandle();

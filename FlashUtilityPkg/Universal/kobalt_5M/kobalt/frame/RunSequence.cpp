@@ -12,9 +12,6 @@
 namespace {
 
 constexpr UINTN kImageWorkBufferBytes = 0x1000000;  // 16 MiB, reserved for the whole run
-constexpr UINTN kEcBufferBytes = 0x200000;          // 2 MiB, the staged EC image
-constexpr UINT8 kRunModeShell = 0;
-constexpr UINT8 kRunModeUefi = 1;
 constexpr UINT32 kHookPointApLaunch = 1;
 // The firmware hears of every key wait of a dialog, before and after.
 constexpr UINT32 kHookPointBeforeDialog = 5;
@@ -74,9 +71,7 @@ constexpr CHAR16 kErrorInvalidCommand[] = u"Error command: %s (Invalid command)\
 constexpr CHAR16 kAlpOption[] = u"-alp";
 
 struct RunState {
-  UINT8 runMode;
   UINT8* imageWorkBuffer;
-  UINT8* ecBuffer;
 };
 constinit RunState gRun = {};
 
@@ -204,10 +199,10 @@ StepEnd UpdateWithImage(const UINT8* image, UINT32 size) {
   }
   SetViaEsp(Settings()->secureUpdate.viaEsp ? 1 : 0);
   // The platform's kind is kept for the image check and the capsule road.
-  SMI_IsSecurePlatform();
+  Bool securePlatform = SMI_IsSecurePlatform();
   // The analysis is kept for the choice of road.
   AnalyzeImage(image, size);
-  if (!CheckImageKind()) {
+  if (!CheckImageKind(securePlatform)) {
     Print(kLineEnd);
     return Stop(nullptr);
   }
@@ -258,7 +253,7 @@ Bool FuncUpdate(const CHAR16* imageName) {
 
 // ShellFlashMain once its trace is open, step by step; a refused step has printed its own message.
 StepEnd RunShellSteps(ShellRun& run) {
-  gRun.runMode = kRunModeShell;
+  SetRunMode(kRunModeShell);
   // -dbg turns the trace on at the detail level.
   ScanDebugOption(run.argumentCount, run.arguments);
   // Settings a shell run left behind are gone before this run starts; a failure is traced.
@@ -337,11 +332,8 @@ SetUpFailure InitializeSteps() {
       return {kErrorAllocate16M, kReasonAllocate16M, false};
     }
   }
-  if (gRun.ecBuffer == nullptr) {
-    gRun.ecBuffer = static_cast<UINT8*>(AllocateZeroPool(kEcBufferBytes));
-    if (gRun.ecBuffer == nullptr) {
-      return SetUpFailed(kErrorAllocate2M, kReasonAllocate2M);
-    }
+  if (!ReserveEcBuffer()) {
+    return SetUpFailed(kErrorAllocate2M, kReasonAllocate2M);
   }
   // The command port and the SMI number.
   if (!InitialSmi()) {
@@ -386,14 +378,12 @@ SetUpFailure NecessarySmiSteps() {
 
 }  // namespace
 
-UINT8 GetRunMode() { return gRun.runMode; }
 UINT8* GetImageWorkBuffer() { return gRun.imageWorkBuffer; }
-UINT8* GetEcBuffer() { return gRun.ecBuffer; }
 
 VOID FreeResource() {
   TraceEnter(kFreeResource);
   FreePoolAndNull(gRun.imageWorkBuffer);
-  FreePoolAndNull(gRun.ecBuffer);
+  ReleaseEcBuffer();
   TraceLeave(kFreeResource, nullptr);
 }
 
@@ -419,7 +409,7 @@ Bool EFIAPI ShellFlashMain() {
 
 Bool EFIAPI UefiFlashMain() {
   TraceEnter(kUefiFlashMain);
-  gRun.runMode = kRunModeUefi;
+  SetRunMode(kRunModeUefi);
   InitialIniStructure();
   StepEnd end = Stop(kReasonUefiInitialize);
   if (Initialize()) {
@@ -438,7 +428,7 @@ VOID ResetRunSequenceState() {
 }
 
 VOID ResetFrameState() {
-  ResetDirectoryState();
+  ResetHostState();
   ResetFileLayerState();
   ResetRunSequenceState();
   SetFirmwareTables(nullptr, nullptr);

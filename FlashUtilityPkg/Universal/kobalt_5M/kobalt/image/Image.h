@@ -28,8 +28,9 @@ ImageView SecurePayload();
 // The image's EC slot data; empty without the slot or when the slot holds nothing. Staging it
 // for the EC write is the caller's business.
 ImageView SecureEcSlot(const UINT8* image, UINT32 length);
-// Whether the analysed image may go on this platform; prints the refusal.
-Bool CheckImageKind();
+// Whether the analysed image may go on a platform of this kind (function 48h tells a secure
+// one); prints the refusal.
+Bool CheckImageKind(Bool securePlatform);
 // Parses the INI slot of a secure image as settings.
 Bool LoadImageConfig(const UINT8* image, UINT32 length);
 

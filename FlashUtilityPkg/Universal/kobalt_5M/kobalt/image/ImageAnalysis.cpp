@@ -4,7 +4,6 @@
 #include "config/Config.h"
 #include "image/Image.h"
 #include "output/Output.h"
-#include "update/Update.h"
 
 namespace {
 
@@ -186,8 +185,7 @@ ImageView SecureEcSlot(const UINT8* image, UINT32 length) {
 // Whether the analysed image may go onto this platform: a secure platform takes only secure
 // images signed by this generation of the tool; a legacy platform takes anything unless the
 // settings forbid secure images.
-Bool CheckImageKind() {
-  Bool securePlatform = SMI_IsSecurePlatform();
+Bool CheckImageKind(Bool securePlatform) {
   const CHAR16* refusal = nullptr;
   const CHAR8* messageKey = nullptr;
   if (securePlatform) {

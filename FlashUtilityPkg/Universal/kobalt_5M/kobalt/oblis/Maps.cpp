@@ -1,6 +1,7 @@
 // The ROM maps the firmware gives: the 12h private and protection lists and the 1Eh whole map,
 // kept for the run, with region names and console and trace displays. Marking blocks is left to
 // the marking step; an image's BVDT map and the 17h external records live in BvdtMap.cpp.
+#include "config/Config.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
 
@@ -43,12 +44,6 @@ const CHAR16 kMapRecordLine[] = u"  %02xh | 0x%08x | 0x%08x | 0x%08x |%13s\r\n";
 const CHAR16 kMapClose[] = u"\r\n";
 // Long enough for the three-line heads, which are the longest texts of a display.
 constexpr UINTN kMapLineCharacters = 320;
-
-const CHAR16* const kRegionNames[] = {
-    u"PEI",        u"CPU Microcode", u"Variable", u"DXE",      u"EC",         u"LOGO",
-    u"NV Storage", u"FTW Backup",    u"FTW State", u"SMBIOS Log", u"OEM Data", u"GPNV",
-    u"DMI FRU",    u"PAL-B",         u"MCA Log",  u"Password", u"OEM NVS",
-};
 
 struct WholeRegionRow {
   UINT8 type;
@@ -98,25 +93,6 @@ VOID CopyWholeMapOut(RomMapEntry* entries, UINT8* count) {
 }
 
 }  // namespace
-
-const CHAR16* RegionTypeName(UINT8 type) {
-  if (type <= 0x10) {
-    return kRegionNames[type];
-  }
-  if (type <= 0x14) {
-    return u"Reserved";
-  }
-  if (type == 0x15) {
-    return u"Unused";
-  }
-  if (type == 0x16) {
-    return u"Factory Copy";
-  }
-  if (type == kPrivateMapType) {
-    return u"Private Map";
-  }
-  return u"Undefined";
-}
 
 const CHAR16* WholeRegionTypeName(UINT8 type) {
   for (const WholeRegionRow& row : kWholeRegionRows) {

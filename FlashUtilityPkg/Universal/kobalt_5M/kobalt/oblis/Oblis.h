@@ -148,7 +148,6 @@ VOID GetPlatformRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, U
 Bool SMI_GetWholeRomMap(RomMapEntry* entries, UINT8* count);
 Bool FuncGetWholeRomMap(RomMapEntry* entries, UINT8* count);
 VOID GetWholeRomMapRecords(UINT32* count, UINT8** records);
-const CHAR16* RegionTypeName(UINT8 type);
 const CHAR16* WholeRegionTypeName(UINT8 type);
 VOID ShowPrivateMapTrace(const OblisPrivateRecord* list, UINT32 count);
 VOID ShowProtectionMapTrace(const OblisProtectionRecord* list, UINT32 count);

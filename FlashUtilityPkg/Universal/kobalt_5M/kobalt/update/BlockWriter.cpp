@@ -3,7 +3,7 @@
 // blocks are open is the block table's business, which regions are selected region selection's.
 #include "checks/Checks.h"
 #include "config/Config.h"
-#include "frame/Frame.h"
+#include "frame/Host.h"
 #include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
@@ -451,7 +451,6 @@ VOID ResetBlockWriterState() {
 VOID ResetUpdateState() {
   ResetBlockWriterState();
   ResetCapsuleState();
-  ResetEcPrefixState();
   ResetOemMeState();
   ResetRegionState();
 }

@@ -4,7 +4,8 @@
 // writes no block itself; on a legacy platform only the BIOSIMG payload goes to the block writer.
 #include "checks/Checks.h"
 #include "config/Config.h"
-#include "frame/Frame.h"
+#include "frame/FileLayer.h"
+#include "frame/Host.h"
 #include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"

@@ -1,8 +1,8 @@
 // An EC image in front of a BIOS image: the check that a file longer than the ROM is one the
-// options explain, and the copy of the EC part into EcBuffer. Writing the EC, and asking the
-// firmware about its EC part (function 21h), belong to the EC update.
+// options explain; KeepEcImage keeps the EC part in the run's EC block. Writing the EC, and
+// asking the firmware about its EC part (function 21h), belong to the EC update.
 #include "config/Config.h"
-#include "frame/Frame.h"
+#include "frame/Host.h"
 #include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr UINT32 kEcBufferBytes = 0x200000;  // the largest EC image there is
 
 constexpr CHAR16 kTraceSizeEc[] =
     u" FuncChk_SizeEC\r\n-----+---------\r\n   EC  %dK\r\n /ecb  %d\r\n/ecbp  %d\r\n /eob  %d\r\n";
@@ -19,11 +18,6 @@ constexpr CHAR16 kErrorSizeWithEc[] = u"ERROR!\r\nsize not match\r\n-----+------
 // before anything is written, rather than taken on trust.
 constexpr CHAR16 kErrorEcCheckNotBuilt[] =
     u"ERROR!\r\nThe file carries an EC image (%dK), and this build cannot check or write an EC.\r\nNothing was written.\r\n";
-
-struct EcPrefixState {
-  UINT32 keptEcSize;
-};
-constinit EcPrefixState gEcPrefix = {};
 
 }  // namespace
 
@@ -51,22 +45,3 @@ Bool FuncChk_SizeEC(UINT32 ecSize) {
   return true;
 }
 
-VOID KeepEcImage(const UINT8* data, UINT32 size) {
-  UINT8* ecBuffer = GetEcBuffer();
-  if (data == nullptr || ecBuffer == nullptr) {
-    gEcPrefix.keptEcSize = 0;
-    return;
-  }
-  if (size > kEcBufferBytes) {
-    size = kEcBufferBytes;
-  }
-  ZeroMem(ecBuffer, kEcBufferBytes);
-  CopyMem(ecBuffer, data, size);
-  gEcPrefix.keptEcSize = size;
-}
-
-UINT32 KeptEcSize() { return gEcPrefix.keptEcSize; }
-
-VOID ResetEcPrefixState() {
-  gEcPrefix = {};
-}

@@ -48,11 +48,8 @@ BlockResult SMI_WriteRom(UINT32 address, ImageView block);
 Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data);
 // The block map entry of a block the writer has just marked: the facts the trace shows of it.
 BlockMapEntry DescribeBlock(UINT32 address, UINT16 mark);
-// The EC part in front of a BIOS image: its size check and where it is kept.
+// The EC part in front of a BIOS image: its size check (KeepEcImage keeps it).
 Bool FuncChk_SizeEC(UINT32 ecSize);
-VOID KeepEcImage(const UINT8* data, UINT32 size);
-// The bytes KeepEcImage staged in EcBuffer last; 0 before.
-UINT32 KeptEcSize();
 
 // ---- secure capsule road ----
 VOID SetViaEsp(UINT8 viaEsp);
@@ -82,7 +79,6 @@ VOID ResetUpdateState();
 VOID ReleaseUpdateMemory();
 VOID ResetBlockWriterState();
 VOID ResetCapsuleState();
-VOID ResetEcPrefixState();
 VOID ResetOemMeState();
 VOID ResetRegionState();
 VOID ReleaseRegionMemory();
