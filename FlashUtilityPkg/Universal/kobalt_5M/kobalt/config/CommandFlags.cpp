@@ -67,5 +67,6 @@ VOID ResetConfigState() {
   ResetIniReaderState();
   ResetMultiImageState();
   ResetOemParameterState();
+  ResetFilterState();
   ResetSettingsState();
 }

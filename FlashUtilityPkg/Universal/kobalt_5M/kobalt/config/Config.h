@@ -215,6 +215,11 @@ struct CommandFilter {
   UINT8* record;  // the firmware's record with its head; null without a filter
   UINT32 count;   // entry bytes behind the head
 };
+// Takes the firmware's filter record (a pool block, its length field the record's length) from
+// the 10h wrapper; it is freed when another comes or the driver unloads.
+VOID KeepFirmwareFilter(UINT8* record, UINT32 length);
+// A copy of the kept record whose length field counts the entries only; nothing without one.
+VOID GetFilterTable(UINT8** table);
 Bool LoadCommandFilter(CommandFilter* filter);
 Bool FilterPermits(const CommandFilter* filter, UINT8 byte, UINT8 bit);
 VOID FreeCommandFilter(CommandFilter* filter);
@@ -238,6 +243,10 @@ Bool IsMatch_IO(CHAR8* rule, UINTN* position);
 Bool IsMatch_PCI(CHAR8* rule, UINTN* position);
 Bool IsMatch_MPCIIO(CHAR8* rule, UINTN* position);
 Bool IsMatch_ID(CHAR8* rule, UINTN* position);
+// The model name the ID rule compares with; function 11h hands it over (at most 255 characters
+// are kept).
+constexpr UINTN kModelNameCharacters = 256;
+VOID KeepModelName(const CHAR16* name);
 Bool IsMatch_MEMORY(CHAR8* rule, UINTN* position);
 // One 32-bit configuration register through the PCI root bridge; false without the protocol or
 // on an error status.
@@ -324,4 +333,6 @@ VOID ResetCommandFlagsState();
 VOID ResetIniReaderState();
 VOID ResetMultiImageState();
 VOID ResetOemParameterState();
+VOID ResetFilterState();
+VOID ReleaseFilterMemory();
 VOID ResetSettingsState();

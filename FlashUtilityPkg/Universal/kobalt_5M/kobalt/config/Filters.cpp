@@ -1,8 +1,7 @@
 // The firmware's command filter: options it refuses on the command line (ChkFilterArg) and the
-// settings it puts back after every load (ChkFilterTblIni). The bits come from function 10h
-// through the oblis folder; the package's own list of options is checked with the package work.
+// settings it puts back after every load (ChkFilterTblIni). The record comes from function 10h,
+// whose wrapper hands it over (KeepFirmwareFilter); the package's own list of options is checked with the package work.
 #include "config/Config.h"
-#include "oblis/Oblis.h"
 #include "output/Output.h"
 
 namespace {
@@ -10,6 +9,13 @@ namespace {
 // The record's head: "$CMDFILT" and a u32 that the copy sets to the number of entry bytes.
 constexpr UINT32 kFilterCountOffset = 8;
 constexpr UINT32 kFilterHeadBytes = 12;
+
+// The record as function 10h left it, its length field holding the whole record's length.
+struct FilterState {
+  UINT8* record;
+  UINT32 length;
+};
+constinit FilterState gFilter = {};
 constexpr UINT8 kHighestBit = 7;
 
 constexpr UINTN kAsciiLineBytes = 512;   // 511 characters and the terminator
@@ -175,6 +181,32 @@ VOID NormalizeToken(const CHAR8* token, CHAR8* out) {
 // The record itself is static in the settings file; it was never a constant, so the filter may
 // write it through the reader's pointer.
 FlashSettings* MutableSettings() { return const_cast<FlashSettings*>(Settings()); }
+
+VOID KeepFirmwareFilter(UINT8* record, UINT32 length) {
+  FreePoolAndNull(gFilter.record);
+  gFilter.record = record;
+  gFilter.length = record != nullptr && length >= kFilterHeadBytes ? length : 0;
+  if (gFilter.length == 0) {
+    FreePoolAndNull(gFilter.record);
+  }
+}
+
+VOID GetFilterTable(UINT8** table) {
+  if (table == nullptr || gFilter.record == nullptr) {
+    return;
+  }
+  UINT8* copy = (UINT8*)AllocateZeroPool(gFilter.length);
+  if (copy == nullptr) {
+    return;
+  }
+  CopyMem(copy, gFilter.record, gFilter.length);
+  // The caller's copy counts the entries only.
+  WriteU32(copy + kFilterCountOffset, gFilter.length - kFilterHeadBytes);
+  *table = copy;
+}
+
+VOID ReleaseFilterMemory() { FreePoolAndNull(gFilter.record); }
+VOID ResetFilterState() { gFilter = {}; }
 
 Bool LoadCommandFilter(CommandFilter* filter) {
   filter->record = nullptr;

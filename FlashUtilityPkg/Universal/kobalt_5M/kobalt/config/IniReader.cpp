@@ -396,4 +396,7 @@ VOID ResetIniReaderState() {
   gIni = {};
 }
 
-VOID ReleaseConfigMemory() { FreePoolAndNull(gIni.text); }
+VOID ReleaseConfigMemory() {
+  FreePoolAndNull(gIni.text);
+  ReleaseFilterMemory();
+}

@@ -4,7 +4,6 @@
 // the chosen name are left to the configuration sources and the mains.
 #include "PlatformSeams.h"
 #include "config/Config.h"
-#include "oblis/Oblis.h"
 #include "output/Output.h"
 
 namespace {
@@ -84,7 +83,7 @@ struct MultiImageState {
   CHAR8 rule[kIniTextBytes];
   CHAR8 conditions[kMaxConditions][kConditionBytes];
   CHAR16 wideText[kIniTextBytes];
-  PlatformInfo info;
+  CHAR16 modelName[kModelNameCharacters];  // as function 11h told it; always terminated
 };
 constinit MultiImageState gMulti = {};
 
@@ -400,16 +399,20 @@ Bool IsMatch_ID(CHAR8* rule, UINTN* position) {
   }
   *position = cursor.position;
 
-  GetPlatformInfo(&gMulti.info);
-  constexpr UINTN kNameCharacters = sizeof(gMulti.info.modelName) / sizeof(gMulti.info.modelName[0]);
-  gMulti.info.modelName[kNameCharacters - 1] = 0;
-  LogPrint(kLogDetail, kTraceId, Wide(model), gMulti.info.modelName);
+  LogPrint(kLogDetail, kTraceId, Wide(model), gMulti.modelName);
   UINTN i = 0;
   for (; model[i] != 0; i++) {
-    const CHAR16 theirs = gMulti.info.modelName[i];
+    const CHAR16 theirs = gMulti.modelName[i];
     if (theirs > 0x7F || Upper((CHAR8)theirs) != Upper(model[i])) return false;
   }
-  return gMulti.info.modelName[i] == 0;
+  return gMulti.modelName[i] == 0;
+}
+
+VOID KeepModelName(const CHAR16* name) {
+  ZeroMem(gMulti.modelName, sizeof(gMulti.modelName));
+  for (UINTN i = 0; name != nullptr && i + 1 < kModelNameCharacters && name[i] != 0; i++) {
+    gMulti.modelName[i] = name[i];
+  }
 }
 
 Bool IsMatch_MPCIIO(CHAR8* rule, UINTN* position) {

@@ -421,7 +421,6 @@ VOID FreeSharedBuffer(OblisSharedBuffer* shared) {
 
 VOID ReleaseOblisMemory() {
   ReleaseMapsMemory();
-  ReleasePlatformStatusMemory();
   FreeSharedBuffer(&gOblisBuffer);
   FreeSharedBuffer(&gOblisBuffer2);
 }

@@ -104,7 +104,6 @@ static_assert(sizeof(PlatformInfo) == 0x409, "PlatformInfo is 0x409 bytes");
 
 Bool SMI_IsSupport();
 VOID GetPlatformStatus(UINT8* record);
-VOID GetFilterTable(UINT8** table);
 Bool IsVendor(UINT16 id);
 UINT8 GetAcStatus();
 UINT8 GetDcStatus();
@@ -231,4 +230,3 @@ VOID ResetFlashReadState();
 VOID ResetMapsState();
 VOID ReleaseMapsMemory();
 VOID ResetPlatformStatusState();
-VOID ReleasePlatformStatusMemory();

@@ -1,7 +1,9 @@
 // What functions 10h, 11h and 1Fh say and hear: the kept platform status with the vendor number
 // and the firmware's command filter record, the platform information with its policy flags, and
-// the hook points. How the filter entries judge options is left to the config folder.
+// the hook points. The filter record and the model name are handed to the config folder, whose
+// filters and multi-image rules read them.
 #include "PlatformSeams.h"
+#include "config/Config.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
 
@@ -21,13 +23,11 @@ constexpr UINT32 kAcpiOemIdOffset = 10;
 struct PlatformState {
   UINT8 status[kPlatformStatusBytes];
   UINT16 vendorId;
-  UINT8* filterRecord;
-  UINT32 filterLength;
   PlatformInfo info;
 };
 
 // The vendor number starts as the one value for which no vendor case applies.
-constinit PlatformState gPlatform = {{}, kVendorNone, nullptr, 0, {}};
+constinit PlatformState gPlatform = {{}, kVendorNone, {}};
 
 const CHAR16 kTraceStatusHead[] = u" Platform Status (10h)\r\n";
 const CHAR16 kTraceStatusRule[] = u"------------------+-----------\r\n";
@@ -118,9 +118,8 @@ VOID KeepFilterRecord(const UINT8* answer) {
     }
     CopyMem(record, answer + offset, length < held ? length : held);
     WriteU32(record + kFilterSignatureBytes, length);
-    gPlatform.filterRecord = record;
-    gPlatform.filterLength = length;
     HexDumpFramed(kLabelFilterTable, record, length);
+    KeepFirmwareFilter(record, length);
     return;
   }
 }
@@ -173,20 +172,6 @@ VOID GetPlatformStatus(UINT8* record) {
   }
 }
 
-VOID GetFilterTable(UINT8** table) {
-  if (table == nullptr || gPlatform.filterRecord == nullptr) {
-    return;
-  }
-  UINT8* copy = (UINT8*)AllocateZeroPool(gPlatform.filterLength);
-  if (copy == nullptr) {
-    return;
-  }
-  CopyMem(copy, gPlatform.filterRecord, gPlatform.filterLength);
-  // The caller's copy counts the entries only.
-  WriteU32(copy + kFilterSignatureBytes, gPlatform.filterLength - kFilterHeadBytes);
-  *table = copy;
-}
-
 Bool IsVendor(UINT16 id) { return gPlatform.vendorId == id; }
 UINT8 GetAcStatus() { return gPlatform.status[4]; }
 UINT8 GetDcStatus() { return gPlatform.status[5]; }
@@ -233,6 +218,7 @@ Bool FuncOblis_11h() {
   }
   PlatformInfo& info = gPlatform.info;
   ZeroMem(&info, sizeof(info));
+  KeepModelName(info.modelName);
   UINT8 ah = 0;
   UINT32 ecx = 0;
   if (!Oblis_11h({answer, kOblisAnswerBytes}, &ah, &ecx)) {
@@ -243,6 +229,7 @@ Bool FuncOblis_11h() {
   TakeModelString(info.modelName, answer + kModelNameOffset, kModelNameBytes);
   TakeModelString(info.modelVersion, answer + kModelVersionOffset, kModelVersionBytes);
   FreePoolAndNull(answer);
+  KeepModelName(info.modelName);
   info.modelNameCheck = (ah & 0x01) != 0;
   info.modelVersionCheck = (ah & 0x02) != 0;
   info.allowSameVersion = (ah & 0x04) != 0;
@@ -312,7 +299,6 @@ Bool EFIAPI SMI_ApHookPoint(UINT32 point) {
 }
 
 VOID ResetPlatformStatusState() {
-  gPlatform = {{}, kVendorNone, nullptr, 0, {}};
+  gPlatform = {{}, kVendorNone, {}};
 }
 
-VOID ReleasePlatformStatusMemory() { FreePoolAndNull(gPlatform.filterRecord); }
