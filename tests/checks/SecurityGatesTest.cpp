@@ -1,24 +1,12 @@
 // The anti-theft gate over the status byte of function 1Ch and the Secure Boot gate over the
 // "SetupMode" variable and the whole ROM map.
-#include <gtest/gtest.h>
-
-#include "checks/Checks.h"
-#include "oblis/Oblis.h"
-#include "support/DriverBed.h"
+#include "checks/ChecksBed.h"
 
 namespace {
 
-using bed::Answer;
-using bed::At;
-
-class SecurityGates : public bed::DriverBed {
- protected:
-  bed::BedSetup Layout() const override {
-    bed::BedSetup setup;
-    setup.firmware = bed::Firmware::Scripted;
-    return setup;
-  }
-};
+using checks::Answer;
+using checks::At;
+using SecurityGates = checks::ChecksBed;
 
 void PutU32(uint8_t* p, uint32_t v) {
   for (int i = 0; i < 4; i++) p[i] = (uint8_t)(v >> (8 * i));
@@ -58,7 +46,7 @@ TEST_F(SecurityGates, AntiTheftStatusByte) {
 }
 
 TEST_F(SecurityGates, FailedAntiTheftCallRefuses) {
-  LoadSettings("[Others]\nSMIErrorRetry=0\nSMIErrorRetryDelay=1\n");
+  Ini("[Others]\nSMIErrorRetry=0\nSMIErrorRetryDelay=1\n");
   ASSERT_TRUE(InitialSmi());
   AnswerCodes(0x1C, {0xEF});
   EXPECT_FALSE(FuncOblis_1Ch());
@@ -102,7 +90,7 @@ TEST_F(SecurityGates, SecureBootProtectionNeedsAWholeMapOrASkip) {
   };
   for (const Row& row : rows) {
     Install(Layout());
-    if (row.skipSetting) LoadSettings("[EngineeringErrorDisable]\nSkipSecureBootProtectionCheck=1\n");
+    if (row.skipSetting) Ini("[EngineeringErrorDisable]\nSkipSecureBootProtectionCheck=1\n");
     if (row.skipOption) ASSERT_TRUE(Options({u"-skipsbp"}));
     ASSERT_TRUE(InitialSmi());
     answers[0x1E] = [&](OblisRegisters& r) {

@@ -1,0 +1,96 @@
+// The checks' start: the driver bed with a scripted firmware whose set-up answers (10h: power
+// state and vendor, 11h: model, version and policy) each test chooses, settings through a
+// platform.ini text, and the console with its colour changes written in as "<4F>".
+#pragma once
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "checks/Checks.h"
+#include "oblis/Oblis.h"
+#include "support/DriverBed.h"
+
+namespace checks {
+
+using bed::Answer;
+using bed::At;
+using Bytes = std::vector<uint8_t>;
+
+struct Platform {
+  uint16_t vendor = kVendorNone;
+  uint8_t ac = 1, dc = 100, bound = 20;
+  std::u16string model = u"DV-REF1000", version = u"V1.02";
+  uint8_t policy = 0;  // AH of 11h: bit 0 name check, 1 version check, 2 same allowed, 4/5 no display
+  uint8_t permission = 1;  // AH of 10h
+};
+
+inline Bytes Cat(std::initializer_list<Bytes> parts) {
+  Bytes all;
+  for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
+  return all;
+}
+
+class ChecksBed : public bed::DriverBed {
+ protected:
+  bed::BedSetup Layout() const override {
+    bed::BedSetup setup;
+    setup.firmware = bed::Firmware::Scripted;
+    return setup;
+  }
+  // A platform.ini text; the trace stays on at level 4.
+  void Ini(const std::string& text) { LoadSettings("[Log_file]\nFlag=1\nLevel=4\n" + text); }
+  // InitialSmi, then the set-up's 10h and 11h as the platform answers them.
+  void Boot(const Platform& p) {
+    ASSERT_TRUE(InitialSmi());
+    AnswerSetUp(p);
+    ASSERT_TRUE(SMI_IsSupport());
+    ASSERT_TRUE(FuncOblis_11h());
+  }
+  void AnswerSetUp(const Platform& p) {
+    answers[0x10] = [p](OblisRegisters& r) {
+      uint8_t* a = At(r.edi);
+      a[0] = p.ac;
+      a[1] = p.dc;
+      a[2] = p.bound;
+      a[11] = (uint8_t)p.vendor;
+      a[12] = (uint8_t)(p.vendor >> 8);
+      a[29] = 34;
+      Answer(r, 0, p.permission);
+    };
+    answers[0x11] = [p](OblisRegisters& r) {
+      std::memcpy(At(r.edi) + kModelNameOffset, p.model.c_str(), (p.model.size() + 1) * 2);
+      std::memcpy(At(r.edi) + kModelVersionOffset, p.version.c_str(), (p.version.size() + 1) * 2);
+      Answer(r, 0, p.policy);
+    };
+  }
+  // From here on the console's colour changes stand in Painted() where they happened.
+  void PaintConsole() {
+    painting_ = this;
+    colours_.clear();
+    setAttribute_ = gST->ConOut->SetAttribute;
+    gST->ConOut->SetAttribute = Paint;
+  }
+  std::string Painted() const {
+    std::string text = Console();
+    for (auto it = colours_.rbegin(); it != colours_.rend(); ++it) {
+      char marker[8];
+      std::snprintf(marker, sizeof(marker), "<%02X>", (unsigned)it->second);
+      text.insert(it->first, marker);
+    }
+    return text;
+  }
+
+ private:
+  static EFI_STATUS EFIAPI Paint(EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* self, UINTN attribute) {
+    painting_->colours_.push_back({painting_->Console().size(), attribute});
+    return setAttribute_(self, attribute);
+  }
+  std::vector<std::pair<size_t, UINTN>> colours_;
+  static inline ChecksBed* painting_ = nullptr;
+  static inline EFI_STATUS(EFIAPI* setAttribute_)(EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL*, UINTN) = nullptr;
+};
+
+}  // namespace checks
