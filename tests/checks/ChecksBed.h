@@ -19,19 +19,19 @@ using bed::Answer;
 using bed::At;
 using Bytes = std::vector<uint8_t>;
 
-struct Platform {
-  uint16_t vendor = kVendorNone;
-  uint8_t ac = 1, dc = 100, bound = 20;
-  std::u16string model = u"DV-REF1000", version = u"V1.02";
-  uint8_t policy = 0;  // AH of 11h: bit 0 name check, 1 version check, 2 same allowed, 4/5 no display
-  uint8_t permission = 1;  // AH of 10h
-};
-
 inline Bytes Cat(std::initializer_list<Bytes> parts) {
   Bytes all;
   for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
   return all;
 }
+
+struct Platform {
+  uint16_t vendor = kVendorNone;
+  uint8_t ac = 1, dc = 100, bound = 20;
+  std::u16string model = u"DV-REF1000", version = u"V1.02";
+  uint8_t policy = 0;      // AH of 11h: bit 0 name check, 1 version check, 2 same allowed, 4/5 no display
+  uint8_t permission = 1;  // AH of 10h
+};
 
 class ChecksBed : public bed::DriverBed {
  protected:
@@ -42,7 +42,6 @@ class ChecksBed : public bed::DriverBed {
   }
   // A platform.ini text; the trace stays on at level 4.
   void Ini(const std::string& text) { LoadSettings("[Log_file]\nFlag=1\nLevel=4\n" + text); }
-  // InitialSmi, then the set-up's 10h and 11h as the platform answers them.
   void Boot(const Platform& p) {
     ASSERT_TRUE(InitialSmi());
     AnswerSetUp(p);
@@ -51,13 +50,9 @@ class ChecksBed : public bed::DriverBed {
   }
   void AnswerSetUp(const Platform& p) {
     answers[0x10] = [p](OblisRegisters& r) {
-      uint8_t* a = At(r.edi);
-      a[0] = p.ac;
-      a[1] = p.dc;
-      a[2] = p.bound;
-      a[11] = (uint8_t)p.vendor;
-      a[12] = (uint8_t)(p.vendor >> 8);
-      a[29] = 34;
+      const uint8_t status[] = {p.ac, p.dc, p.bound, 0, 0, 0, 0, 0, 0, 0, 0, (uint8_t)p.vendor, (uint8_t)(p.vendor >> 8)};
+      std::memcpy(At(r.edi), status, sizeof(status));
+      At(r.edi)[29] = 34;
       Answer(r, 0, p.permission);
     };
     answers[0x11] = [p](OblisRegisters& r) {
@@ -71,7 +66,10 @@ class ChecksBed : public bed::DriverBed {
     painting_ = this;
     colours_.clear();
     setAttribute_ = gST->ConOut->SetAttribute;
-    gST->ConOut->SetAttribute = Paint;
+    gST->ConOut->SetAttribute = [](TextOut* self, UINTN attribute) {
+      painting_->colours_.push_back({painting_->Console().size(), attribute});
+      return setAttribute_(self, attribute);
+    };
   }
   std::string Painted() const {
     std::string text = Console();
@@ -84,13 +82,9 @@ class ChecksBed : public bed::DriverBed {
   }
 
  private:
-  static EFI_STATUS EFIAPI Paint(EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* self, UINTN attribute) {
-    painting_->colours_.push_back({painting_->Console().size(), attribute});
-    return setAttribute_(self, attribute);
-  }
   std::vector<std::pair<size_t, UINTN>> colours_;
   static inline ChecksBed* painting_ = nullptr;
-  static inline EFI_STATUS(EFIAPI* setAttribute_)(EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL*, UINTN) = nullptr;
+  static inline EFI_STATUS(EFIAPI* setAttribute_)(TextOut*, UINTN) = nullptr;
 };
 
 }  // namespace checks
