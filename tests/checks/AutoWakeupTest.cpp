@@ -46,19 +46,13 @@ TEST_F(AutoWakeup, AlarmIsTheTimeOfDayIntervalAhead) {
     std::string trace;
   };
   const Row rows[] = {
-      {23, 59, 0, 120, false, 0, Alarm(0x02, 0x00, 0x01, 0x00),
-       "[AutoWakeup] enable 23:59:00\r\n RTC 35:89: 0 (86340)\r\n Day + 1 (60)\r\n SET  0: 1: 0 (60)\r\n BCD  0: 1: 0\r\n"},
-      {23, 58, 0, 120, false, 0, Alarm(0x02, 0x00, 0x00, 0x00),
-       "[AutoWakeup] enable 23:58:00\r\n RTC 35:88: 0 (86280)\r\n Day + 1 (0)\r\n SET  0: 0: 0 (0)\r\n BCD  0: 0: 0\r\n"},
-      {12, 34, 59, 0, true, 0, Alarm(0x06, 0x0C, 0x22, 0x3B),
-       "[AutoWakeup] enable 12:34:59\r\n RTC 12:34:59 (45299)\r\n SET 12:34:59 (45299)\r\n"},
-      {23, 57, 59, 119, true, 0, Alarm(0x06, 23, 59, 58),
-       "[AutoWakeup] enable 23:57:59\r\n RTC 23:57:59 (86279)\r\n SET 23:59:58 (86398)\r\n"},
-      {10, 0, 0, 86400, false, 0, Alarm(0x02, 0x10, 0x00, 0x00),
-       "[AutoWakeup] enable 10:00:00\r\n RTC 16: 0: 0 (36000)\r\n Day + 1 (36000)\r\n SET 10: 0: 0 (36000)\r\n BCD 16: 0: 0\r\n"},
+      {23, 59, 0, 120, false, 0, Alarm(0x02, 0x00, 0x01, 0x00), "[AutoWakeup] enable 23:59:00\r\n RTC 35:89: 0 (86340)\r\n Day + 1 (60)\r\n SET  0: 1: 0 (60)\r\n BCD  0: 1: 0\r\n"},
+      {23, 58, 0, 120, false, 0, Alarm(0x02, 0x00, 0x00, 0x00), "[AutoWakeup] enable 23:58:00\r\n RTC 35:88: 0 (86280)\r\n Day + 1 (0)\r\n SET  0: 0: 0 (0)\r\n BCD  0: 0: 0\r\n"},
+      {12, 34, 59, 0, true, 0, Alarm(0x06, 0x0C, 0x22, 0x3B), "[AutoWakeup] enable 12:34:59\r\n RTC 12:34:59 (45299)\r\n SET 12:34:59 (45299)\r\n"},
+      {23, 57, 59, 119, true, 0, Alarm(0x06, 23, 59, 58), "[AutoWakeup] enable 23:57:59\r\n RTC 23:57:59 (86279)\r\n SET 23:59:58 (86398)\r\n"},
+      {10, 0, 0, 86400, false, 0, Alarm(0x02, 0x10, 0x00, 0x00), "[AutoWakeup] enable 10:00:00\r\n RTC 16: 0: 0 (36000)\r\n Day + 1 (36000)\r\n SET 10: 0: 0 (36000)\r\n BCD 16: 0: 0\r\n"},
       // Square wave, update-ended interrupt, binary and 24-hour bits stay as they were.
-      {1, 2, 3, 1, false, 0x1E, Alarm(0x1E, 1, 2, 4),
-       "[AutoWakeup] enable 01:02:03\r\n RTC  1: 2: 3 (3723)\r\n SET  1: 2: 4 (3724)\r\n"},
+      {1, 2, 3, 1, false, 0x1E, Alarm(0x1E, 1, 2, 4), "[AutoWakeup] enable 01:02:03\r\n RTC  1: 2: 3 (3723)\r\n SET  1: 2: 4 (3724)\r\n"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.trace);

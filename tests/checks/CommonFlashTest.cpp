@@ -1,5 +1,5 @@
-// The CommonFlash gate: the information and switch blocks of function 44h byte for byte, what
-// the answer does to the gate and to the final action, and a firmware without the function.
+// The CommonFlash gate: what the answer of function 44h does to the gate and to the final action,
+// and a firmware without the function. (The blocks on the wire are in PreFlashScenarios.)
 #include <string>
 
 #include "checks/ChecksBed.h"
@@ -8,58 +8,21 @@
 namespace {
 
 using checks::At;
-using checks::Bytes;
-using checks::Cat;
-
-Bytes Text(const std::string& text) { return Bytes(text.begin(), text.end()); }
 
 class CommonFlash : public checks::ChecksBed {
  protected:
   void Start(uint8_t ac, uint8_t dc, const std::u16string& version, const std::string& ini) {
     Install(Layout());
-    switches.clear();
     Boot({.ac = ac, .dc = dc, .model = u"NB-7", .version = version});
     Ini("[CommonFlash]\n" + ini);
   }
-  // Function 44h keeps what it got and answers permit, message and action.
   void Answer44h(uint16_t permit, uint16_t message, uint16_t action) {
-    answers[0x44] = [this, permit, message, action](OblisRegisters& r) {
-      EXPECT_EQ(r.ecx, 0u);
-      information.assign(At(r.esi), At(r.esi) + 1024);
-      for (uint32_t i = 0; i < 0x20000 && (switches.empty() || switches.back() != 0xFF); ++i) switches.push_back(At(r.edi)[i]);
+    answers[0x44] = [permit, message, action](OblisRegisters& r) {
       const uint16_t answer[] = {permit, message, action};
       std::memcpy(At(r.edi), answer, sizeof(answer));
     };
   }
-  Bytes information, switches;
 };
-
-TEST_F(CommonFlash, InformationAndSwitchBlocksOnTheWire) {
-  struct Row {
-    uint8_t ac, dc;
-    std::u16string version;
-    std::string switchString;
-    Bytes information, switchBlock;
-  };
-  const Row rows[] = {
-      // No battery: present and percent both 0; no words: the end byte alone.
-      {1, 0x65, u"", "", Cat({{1, 1, 0xFF, 2, 0, 0xFF, 3, 0, 0xFF, 4, 0xFF, 5, 0xFF, 6}, Text("NB-7"), {0xFF, 7, 0xFF}}), {0xFF}},
-      // AC other than 1 is off; a version longer than its field is cut at 100 bytes; a run of blanks and tabs cuts once.
-      {2, 37, std::u16string(120, u'9'), "ACEN  \t PTDIS",
-       Cat({{1, 0, 0xFF, 2, 1, 0xFF, 3, 37, 0xFF, 4}, Bytes(100, '9'), {0xFF, 5, 0xFF, 6}, Text("NB-7"), {0xFF, 7, 0xFF}}),
-       Cat({Text("ACEN"), {0}, Text("PTDIS"), {0, 0xFF}})},
-  };
-  for (const Row& row : rows) {
-    Start(row.ac, row.dc, row.version, "SwitchString=" + row.switchString + "\n");
-    Answer44h(1, 0, 0);
-    ASSERT_TRUE(CommonFlashExchange());
-    Bytes expected = row.information;
-    expected.resize(1024, 0);
-    EXPECT_EQ(information, expected);
-    EXPECT_EQ(switches, row.switchBlock);
-    EXPECT_EQ(Settings()->commonFlash.switchString, row.switchString) << "the words are cut in a copy";
-  }
-}
 
 TEST_F(CommonFlash, AnswerDecidesGateAndFinalAction) {
   struct Row {
@@ -73,7 +36,6 @@ TEST_F(CommonFlash, AnswerDecidesGateAndFinalAction) {
       {1, 0, 2, true, "", 1},
       {1, 0, 1, true, "", 0},
       {1, 0, 0, true, "", 2},
-      {1, 0, 4, true, "", 2},
       {2, 3, 1, false, "Warning!\r\nBattery too low\r\n", 2},  // a permit of 2 is no permission
       {0, 0x14, 0, false, "Not allow flash.\r\nMessage Number: 0x14", 2},
       {0, 0x1A5, 0, false, "Not allow flash.\r\nMessage Number: 0x1A5", 2},

@@ -1,7 +1,6 @@
-// The conversation functions: every bounded read of the 45h answer, the word list of 19h and
-// the answer it keeps, and the piece walk of 1Bh with its addresses, its EC pieces and what each
-// status does to it. (The $CHKCNDI record itself is on the wire in PlatformCheckTest.)
-#include <memory>
+// The conversation functions: the word list of 19h and the answer it keeps, and the piece walk of
+// 1Bh with its addresses, its EC pieces and what each status does to it. (The $CHKCNDI record of
+// 45h and the reading of its answer are in PlatformCheckTest, behind CheckByBios.)
 #include <string>
 
 #include "PlatformSeams.h"
@@ -43,61 +42,26 @@ class Conversation : public checks::ChecksBed {
   std::vector<std::pair<uint32_t, Bytes>> pieces;
 };
 
-TEST_F(Conversation, ConditionalAnswerIsReadWithinItsBounds) {
-  struct Row {
-    std::vector<uint8_t> codes;  // 45h status per attempt, the last repeats
-    Bytes answer;                // written at the record's place on status 0
-    bool nullData;
-    uint8_t format;
-    bool result;
-    uint8_t allow;  // starts at 7
-    size_t calls;
-    const char* reason;  // the close line
-  };
-  const Bytes good = Cat({Text("$CHKCNDO"), {13, 0, 0, 0, 1}});
-  const Row rows[] = {
-      {{0}, good, false, 1, true, 1, 1, "<=== SMI_CheckConditionalData\r\n"},
-      {{0}, Cat({Text("$CHKCNDO"), {13, 0, 0, 0, 0}}), false, 1, true, 0, 1, "<=== SMI_CheckConditionalData\r\n"},
-      {{0}, Cat({Text("$CHKCNDO"), {0xFF, 0xFF, 0xFF, 0xFF, 1}}), false, 1, true, 1, 1, "<=== SMI_CheckConditionalData\r\n"},
-      {{0}, Cat({Text("$CHKCNDX"), {13, 0, 0, 0, 1}}), false, 1, false, 7, 1, "<=== SMI_CheckConditionalData (Signature not match)"},
-      {{0}, Cat({Text("$CHKCNDO"), {12, 0, 0, 0, 1}}), false, 1, false, 7, 1, "<=== SMI_CheckConditionalData (Structure size error)"},
-      {{0x22, 0x22, 0}, good, false, 1, true, 1, 3, "<=== SMI_CheckConditionalData\r\n"},
-      {{0x01}, good, false, 1, true, 7, 6, "<=== Oblis_45h (BIOS return not success)"},
-      {{0}, good, true, 1, false, 7, 0, "<=== SMI_CheckConditionalData (Input buffer is NULL)"},
-      {{0}, good, false, 4, false, 7, 0, "<=== SMI_CheckConditionalData (unsupport data format)"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.reason);
-    Start();
-    auto calls = std::make_shared<size_t>(0);
-    answers[0x45] = [&row, calls](OblisRegisters& r) {
-      uint8_t code = row.codes[std::min((*calls)++, row.codes.size() - 1)];
-      if (code == 0) std::memcpy(At(r.ecx), row.answer.data(), row.answer.size());
-      Answer(r, code);
-    };
-    const uint8_t data[] = {'1', '.', '0'};
-    UINT8 allow = 7;
-    EXPECT_EQ(SMI_CheckConditionalData(4, row.format, 3, row.nullData ? nullptr : data, &allow), row.result);
-    EXPECT_EQ(allow, row.allow);
-    EXPECT_EQ(SmiCallsOf(0x45).size(), row.calls);
-    EXPECT_NE(Log().find(row.reason), std::string::npos) << Log();
-    EXPECT_EQ(Console(), "");
-  }
-}
-
-TEST_F(Conversation, OemParameterListOnTheWire) {
+TEST_F(Conversation, OemParameterListOnTheWireAndTheAnswerKept) {
   struct Row {
     std::vector<std::u16string> words;  // added first, as the argument reader does
     std::vector<std::u16string> options;
-    Bytes list;
+    Bytes list, answer;  // no answer: the firmware leaves the list as it is
+    uint8_t code;
+    std::string traced;  // must stand in the log
   };
+  const std::string head = "OEM/ODM customization-1 (19h)\r\n-----+-----------------\r\n";
   const Row rows[] = {
-      {{u"a#b"}, {}, Cat({Text("A"), {0}, Text("B"), {0, 0xFF}})},  // a word with # falls apart
-      {{}, {u"-ecbp"}, Cat({Text("ECCMD"), {0, 0xFF}})},
-      {{}, {u"-ecb", u"-ecp"}, Cat({Text("ECCMD"), {0, 0xFF}})},  // one word for both
-      {{u"abc", std::u16string(250, u'w')}, {u"-mfg"}, Cat({Text("ABC"), {0}, Text("MFG"), {0, 0xFF}})},  // past 254: left out
+      {{u"a#b"}, {}, Cat({Text("A"), {0}, Text("B"), {0, 0xFF}}), {}, 0, head + "      A\r\n      B\r\n<==="},  // # parts words
+      {{}, {u"-ecbp"}, Cat({Text("ECCMD"), {0, 0xFF}}), {}, 0, ""},
+      {{}, {u"-ecb", u"-ecp"}, Cat({Text("ECCMD"), {0, 0xFF}}), {}, 0, ""},  // one word for both
+      {{u"abc", std::u16string(250, u'w')}, {u"-mfg"}, Cat({Text("ABC"), {0}, Text("MFG"), {0, 0xFF}}), {}, 0, ""},  // past 254: left out
+      {{}, {}, {0, 0xFF}, Cat({Bytes(40, 'L'), {0, 0xFF}}), 0, head + "      " + std::string(31, 'L') + "\r\n<==="},  // kept as 31
+      {{}, {}, {0, 0xFF}, Bytes(256, 'Q'), 0, "===== 19h Info =====\r\n0000:  51 51"},  // no end byte: 256 bound the walk
+      {{}, {}, {0, 0xFF}, {}, 0xEF, "OBLIS 19h failed. (0xEF)\r\n<=== SendOemParameters (BIOS return not success)"},
   };
   for (const Row& row : rows) {
+    SCOPED_TRACE(row.traced);
     Start();
     for (std::u16string word : row.words) AddOemParameter(word.data());
     ASSERT_TRUE(Options(row.options));
@@ -108,37 +72,14 @@ TEST_F(Conversation, OemParameterListOnTheWire) {
       EXPECT_EQ(r.edi, PhysicalAddressOf(buffer));
       EXPECT_EQ(r.ecx & 0xFF, 1u);
       for (int i = 0; i < 256 && (list.empty() || list.back() != 0xFF); ++i) list.push_back(At(r.edi)[i]);
-    };
-    EXPECT_TRUE(SendOemParameters());
-    EXPECT_EQ(SmiCallsOf(0x19).size(), 1u);
-    EXPECT_EQ(list, row.list);
-  }
-}
-
-TEST_F(Conversation, OemParameterAnswerIsKeptAndTraced) {
-  struct Row {
-    Bytes answer;
-    uint8_t code;
-    std::string traced;  // must stand in the log
-    size_t words;        // word lines under the head
-  };
-  const Row rows[] = {
-      {Cat({Bytes(40, 'L'), {0, 0xFF}}), 0, "-----+-----------------\r\n      " + std::string(31, 'L') + "\r\n<===", 1},
-      {Bytes(256, 'Q'), 0, "===== 19h Info =====\r\n0000:  51 51", 0},  // no end byte: 256 bound the walk
-      {{}, 0xEF, "OBLIS 19h failed. (0xEF)\r\n<=== SendOemParameters (BIOS return not success)", 0},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.traced);
-    Start();
-    answers[0x19] = [&](OblisRegisters& r) {
       if (!row.answer.empty()) std::memcpy(At(r.edi), row.answer.data(), row.answer.size());
       Answer(r, row.code);
     };
     EXPECT_EQ(SendOemParameters(), row.code == 0);
     EXPECT_EQ(SmiCallsOf(0x19).size(), 1u) << "one attempt, no retry";
-    const std::string log = Log();
-    EXPECT_NE(log.find(row.traced), std::string::npos) << log;
-    EXPECT_EQ(bed::CountOf(log, "\r\n      "), row.words);
+    EXPECT_EQ(list, row.list);
+    EXPECT_NE(Log().find(row.traced), std::string::npos) << Log();
+    EXPECT_EQ(bed::CountOf(Log(), "OBLIS 19h failed."), row.code == 0 ? 0u : 1u);
     EXPECT_EQ(Console(), "");
   }
 }
@@ -162,7 +103,6 @@ TEST_F(Conversation, ModuleCheckPiecesAndTheirAddresses) {
       {nullptr, 2, 0x4000, 0, 4},   // behind the table's last block the pieces follow on
       {nullptr, 16, 0xFFF, 0, 0},
       {u"-ecb", 16, 0x2000, 2, 2},  // 0x2800 bytes of EC: two whole pieces
-      {u"-ecbp", 16, 0x2000, 2, 2},
       {u"-ec", 16, 0x2000, 0, 2},
   };
   for (const Row& row : rows) {

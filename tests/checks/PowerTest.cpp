@@ -8,7 +8,6 @@
 
 namespace {
 
-using checks::At;
 using checks::Platform;
 
 const std::string kRule = "#==============================================================================#";
@@ -137,22 +136,6 @@ TEST_F(PowerCheck, CapsuleRunShowsNoBannerAndWaitsFiveSeconds) {
   EXPECT_EQ(Painted().substr(console), "<4F>" + kAcNoAc + "<0F>\r\n");
   const std::vector<uint64_t>& calls = Environment().StallCalls();
   EXPECT_EQ(std::vector<uint64_t>(calls.begin() + stalls, calls.end()), std::vector<uint64_t>(5000, 1000));
-}
-
-TEST_F(PowerCheck, ActiveCommonFlashGateSilencesEveryPowerTest) {
-  Start(Machine(kGeneral, 0, 0x65), Ac(1, 1, 50), {u"-acb", u"-ab"});
-  answers[0x44] = [](OblisRegisters& r) {
-    std::memset(At(r.edi), 0, 6);
-    At(r.edi)[0] = 1;  // permit 1, message 0, action 0
-  };
-  ASSERT_TRUE(CommonFlashExchange());
-  ASSERT_TRUE(IsCommonFlashActive());
-  size_t start = Log().size();
-  EXPECT_TRUE(CheckPowerStatus());
-  EXPECT_EQ(Console(), "");
-  std::string log = Log().substr(start);
-  EXPECT_NE(log.find("AC |disable| (take care by 44h)\r\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("DC |disable| (take care by 44h)\r\n"), std::string::npos) << log;
 }
 
 }  // namespace
