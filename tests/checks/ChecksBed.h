@@ -1,12 +1,10 @@
 // The checks' start: the driver bed with a scripted firmware whose set-up answers (10h: power
-// state and vendor, 11h: model, version and policy) each test chooses, settings through a
-// platform.ini text, and the console with its colour changes written in as "<4F>".
+// state and vendor, 11h: model, version and policy) each test chooses, and settings through a
+// platform.ini text.
 #pragma once
 
-#include <cstdio>
 #include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "checks/Checks.h"
@@ -42,6 +40,7 @@ class ChecksBed : public bed::DriverBed {
   }
   // A platform.ini text; the trace stays on at level 4.
   void Ini(const std::string& text) { LoadSettings("[Log_file]\nFlag=1\nLevel=4\n" + text); }
+  // InitialSmi, then the set-up's 10h and 11h as the platform answers them.
   void Boot(const Platform& p) {
     ASSERT_TRUE(InitialSmi());
     AnswerSetUp(p);
@@ -61,30 +60,6 @@ class ChecksBed : public bed::DriverBed {
       Answer(r, 0, p.policy);
     };
   }
-  // From here on the console's colour changes stand in Painted() where they happened.
-  void PaintConsole() {
-    painting_ = this;
-    colours_.clear();
-    setAttribute_ = gST->ConOut->SetAttribute;
-    gST->ConOut->SetAttribute = [](TextOut* self, UINTN attribute) {
-      painting_->colours_.push_back({painting_->Console().size(), attribute});
-      return setAttribute_(self, attribute);
-    };
-  }
-  std::string Painted() const {
-    std::string text = Console();
-    for (auto it = colours_.rbegin(); it != colours_.rend(); ++it) {
-      char marker[8];
-      std::snprintf(marker, sizeof(marker), "<%02X>", (unsigned)it->second);
-      text.insert(it->first, marker);
-    }
-    return text;
-  }
-
- private:
-  std::vector<std::pair<size_t, UINTN>> colours_;
-  static inline ChecksBed* painting_ = nullptr;
-  static inline EFI_STATUS(EFIAPI* setAttribute_)(TextOut*, UINTN) = nullptr;
 };
 
 }  // namespace checks

@@ -26,14 +26,11 @@ TEST_F(VersionCompare, DottedNumbersIgnoreLettersAndCompareAsText) {
       {"", "1.2", "1.02", 'E'},
       {"", "1.21B", "V1.21", 'E'},       // both .0001.0021
       {"", "1.2.0", "1.2", 'N'},         // a longer form sorts after its prefix
-      {"", "1.2", "1.2.0", 'O'},
       {"", "ABC", "1.0", 'O'},           // letters only: the empty form sorts first
       {"", "10000.0", "9999.0", 'O'},    // .10000 against .9999, as text
       {"", "12 3.1", "12.1", 'E'},       // digits up to the first other character
       {"", "1..2", "1.0.2", 'N'},        // an empty field yields nothing, not a zero
-      {"", " 1 . 2 ", "1.2", 'E'},       // blanks trimmed
       {"", "1.-5", "1.0", 'E'},          // no digit at the start reads 0
-      {"", "1.0", "", 'N'},
       {"", "5000000000", "4294967295", 'E'},  // beyond 32 bits a field stays at all bits set
       {"", "1.5000000000", "1.9999", 'O'},
       {"", "1" + std::string(254, '.') + "5", "1", 'E'},  // 255 characters take part
@@ -56,16 +53,13 @@ TEST_F(VersionCompare, FormatComparesByPosition) {
       {"N.NND", "1.22", "1.21BC", 'I'},  // 6 characters
       {"N.NND", "1x22", "1.22", 'E'},    // '.': any character
       {"DDNN", "12", "XY13", 'O'},       // right-aligned behind the opening run
-      {"DDN.N", "1.3", "V21.2", 'N'},
       {"DNND", "A12B", "A12B", 'I'},     // 'D' at both ends
       {"NDN", "1X2", "1X2", 'I'},        // 'D' in the middle
       {"NNDD", "12", "12AB", 'E'},       // trailing 'D's are not compared
       {"", "1", "", 'I'},
       {"DDD", "ABCD", "AB", 'I'},
-      {"TT", "aB", "Ab", 'E'},
       {"NN", "Ab", "aB", 'O'},
       {"NND", "9a", "10", 'N'},          // no numeric reading
-      {"NXN", "1a2", "1b2", 'E'},
       {"NZN", "1a2", "1a2", 'I'},        // a letter the format does not know
       {"nn", "12", "12", 'I'},
       {std::string(300, 'N'), longNewer, std::string(300, '1'), 'N'},  // nothing is cut to a buffer

@@ -1,9 +1,8 @@
-// The conversation functions: the word list of 19h and the answer it keeps, and the piece walk of
-// 1Bh with its addresses, its EC pieces and what each status does to it. (The $CHKCNDI record of
-// 45h and the reading of its answer are in PlatformCheckTest, behind CheckByBios.)
+// The piece walk of 1Bh: its addresses, its EC pieces and what each status does to it. (The
+// $CHKCNDI record of 45h and its answer are in PlatformCheckTest, behind CheckByBios; the 19h
+// list in PreFlashScenarios.)
 #include <string>
 
-#include "PlatformSeams.h"
 #include "checks/ChecksBed.h"
 #include "frame/Frame.h"
 #include "update/Update.h"
@@ -13,11 +12,8 @@ namespace {
 using checks::Answer;
 using checks::At;
 using checks::Bytes;
-using checks::Cat;
 
-Bytes Text(const std::string& text) { return Bytes(text.begin(), text.end()); }
-
-class Conversation : public checks::ChecksBed {
+class ModuleCheck : public checks::ChecksBed {
  protected:
   void Start(const std::string& ini = "") {
     Install(Layout());
@@ -42,55 +38,13 @@ class Conversation : public checks::ChecksBed {
   std::vector<std::pair<uint32_t, Bytes>> pieces;
 };
 
-TEST_F(Conversation, OemParameterListOnTheWireAndTheAnswerKept) {
-  struct Row {
-    std::vector<std::u16string> words;  // added first, as the argument reader does
-    std::vector<std::u16string> options;
-    Bytes list, answer;  // no answer: the firmware leaves the list as it is
-    uint8_t code;
-    std::string traced;  // must stand in the log
-  };
-  const std::string head = "OEM/ODM customization-1 (19h)\r\n-----+-----------------\r\n";
-  const Row rows[] = {
-      {{u"a#b"}, {}, Cat({Text("A"), {0}, Text("B"), {0, 0xFF}}), {}, 0, head + "      A\r\n      B\r\n<==="},  // # parts words
-      {{}, {u"-ecbp"}, Cat({Text("ECCMD"), {0, 0xFF}}), {}, 0, ""},
-      {{}, {u"-ecb", u"-ecp"}, Cat({Text("ECCMD"), {0, 0xFF}}), {}, 0, ""},  // one word for both
-      {{u"abc", std::u16string(250, u'w')}, {u"-mfg"}, Cat({Text("ABC"), {0}, Text("MFG"), {0, 0xFF}}), {}, 0, ""},  // past 254: left out
-      {{}, {}, {0, 0xFF}, Cat({Bytes(40, 'L'), {0, 0xFF}}), 0, head + "      " + std::string(31, 'L') + "\r\n<==="},  // kept as 31
-      {{}, {}, {0, 0xFF}, Bytes(256, 'Q'), 0, "===== 19h Info =====\r\n0000:  51 51"},  // no end byte: 256 bound the walk
-      {{}, {}, {0, 0xFF}, {}, 0xEF, "OBLIS 19h failed. (0xEF)\r\n<=== SendOemParameters (BIOS return not success)"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.traced);
-    Start();
-    for (std::u16string word : row.words) AddOemParameter(word.data());
-    ASSERT_TRUE(Options(row.options));
-    Bytes list;
-    answers[0x19] = [&](OblisRegisters& r) {
-      UINT8* buffer = nullptr;
-      GetOblisBuffer(kOblisBufferSize, &buffer);
-      EXPECT_EQ(r.edi, PhysicalAddressOf(buffer));
-      EXPECT_EQ(r.ecx & 0xFF, 1u);
-      for (int i = 0; i < 256 && (list.empty() || list.back() != 0xFF); ++i) list.push_back(At(r.edi)[i]);
-      if (!row.answer.empty()) std::memcpy(At(r.edi), row.answer.data(), row.answer.size());
-      Answer(r, row.code);
-    };
-    EXPECT_EQ(SendOemParameters(), row.code == 0);
-    EXPECT_EQ(SmiCallsOf(0x19).size(), 1u) << "one attempt, no retry";
-    EXPECT_EQ(list, row.list);
-    EXPECT_NE(Log().find(row.traced), std::string::npos) << Log();
-    EXPECT_EQ(bed::CountOf(Log(), "OBLIS 19h failed."), row.code == 0 ? 0u : 1u);
-    EXPECT_EQ(Console(), "");
-  }
-}
-
 Bytes Image(uint32_t size, uint8_t base = 0) {
   Bytes image(size);
   for (uint32_t i = 0; i < size; ++i) image[i] = (uint8_t)(base + (i >> 12) * 17 + i);
   return image;
 }
 
-TEST_F(Conversation, ModuleCheckPiecesAndTheirAddresses) {
+TEST_F(ModuleCheck, PiecesAndTheirAddresses) {
   struct Row {
     const char16_t* option;
     uint8_t blocks;
@@ -129,7 +83,7 @@ TEST_F(Conversation, ModuleCheckPiecesAndTheirAddresses) {
   }
 }
 
-TEST_F(Conversation, ModuleCheckStatusesOfThePieces) {
+TEST_F(ModuleCheck, StatusesOfThePieces) {
   const std::string kFailed = "\r\n\r\nError: OBLIS 1Bh failed.\r\nInternal Error ";
   struct Row {
     uint8_t second, others;  // status of the piece at 0xFFFF1000, of all others
