@@ -155,6 +155,7 @@ void DriverBed::Uninstall() {
   smiCalls.clear();
   answers.clear();
   ioWidths.clear();
+  colours_.clear();
   pciReads = 0;
 }
 
