@@ -1,28 +1,12 @@
 // The anti-theft gate over the status byte of function 1Ch and the Secure Boot gate over the
 // "SetupMode" variable and the whole ROM map.
-#include <gtest/gtest.h>
-
-#include "checks/Checks.h"
-#include "oblis/Oblis.h"
-#include "support/DriverBed.h"
+#include "checks/ChecksBed.h"
 
 namespace {
 
-using bed::Answer;
-using bed::At;
-
-class SecurityGates : public bed::DriverBed {
- protected:
-  bed::BedSetup Layout() const override {
-    bed::BedSetup setup;
-    setup.firmware = bed::Firmware::Scripted;
-    return setup;
-  }
-};
-
-void PutU32(uint8_t* p, uint32_t v) {
-  for (int i = 0; i < 4; i++) p[i] = (uint8_t)(v >> (8 * i));
-}
+using checks::Answer;
+using checks::At;
+using SecurityGates = checks::ChecksBed;
 
 const char kStolen[] = "The system is in stolen mode. BIOS update is aborted!\r\n";
 const char kProtected[] =
@@ -34,47 +18,33 @@ const char kTimer[] = "The timer is not enough to program image!\r\nClient must 
 TEST_F(SecurityGates, AntiTheftStatusByte) {
   struct Row {
     uint8_t status;
-    bool pass;
-    bool marker;
+    bool pass, marker;
     const char* console;
+    uint8_t code = 0;  // AL of 1Ch
   };
   const Row rows[] = {
-      {0x00, true, false, ""},       {0x7F, true, false, ""},       {0x80, true, true, ""},
-      {0x81, false, false, kStolen}, {0x85, false, false, kStolen}, {0x83, false, false, kProtected},
-      {0xC3, false, false, kTimer},  {0xC7, true, true, ""},
+      {0x00, false, false, "\r\n\r\nError: OBLIS 1Ch failed.\r\nInternal Error EF\r\nFunction not supported.\r\n", 0xEF},
+      {0x00, true, false, ""},
+      {0x7F, true, false, ""},
+      {0x80, true, true, ""},
+      {0x81, false, false, kStolen},
+      {0x85, false, false, kStolen},
+      {0x83, false, false, kProtected},
+      {0xC3, false, false, kTimer},
+      {0xC7, true, true, ""},
   };
   for (const Row& row : rows) {
+    SCOPED_TRACE(row.status);
     Install(Layout());
     ASSERT_TRUE(InitialSmi());
     // Form C: the status byte comes back in CL and is handed over as AH.
     answers[0x1C] = [&](OblisRegisters& r) {
       r.ecx = row.status;
-      Answer(r, 0, 0x5A);
+      Answer(r, row.code, 0x5A);
     };
-    EXPECT_EQ(FuncOblis_1Ch(), row.pass) << std::hex << (int)row.status;
-    EXPECT_EQ(AntiTheftMarkerRequired(), row.marker) << std::hex << (int)row.status;
-    EXPECT_EQ(Console(), row.console) << std::hex << (int)row.status;
-  }
-}
-
-TEST_F(SecurityGates, FailedAntiTheftCallRefuses) {
-  LoadSettings("[Others]\nSMIErrorRetry=0\nSMIErrorRetryDelay=1\n");
-  ASSERT_TRUE(InitialSmi());
-  AnswerCodes(0x1C, {0xEF});
-  EXPECT_FALSE(FuncOblis_1Ch());
-  EXPECT_FALSE(AntiTheftMarkerRequired());
-  EXPECT_EQ(Console(), "\r\n\r\nError: OBLIS 1Ch failed.\r\nInternal Error EF\r\nFunction not supported.\r\n");
-}
-
-TEST_F(SecurityGates, SecureBootSupportIsThePresenceOfSetupMode) {
-  for (bool present : {false, true}) {
-    Install(Layout());
-    if (present) {
-      Environment().PresetVariable(u"SetupMode", kGlobalVariableGuid, 6, {0x00});
-    }
-    EXPECT_EQ(IsSecureBootSupport(), present);
-    EXPECT_NE(Log().find(present ? "<=== IsSecureBootSupport (Support)" : "<=== IsSecureBootSupport (Not support)"),
-              std::string::npos);
+    EXPECT_EQ(FuncOblis_1Ch(), row.pass);
+    EXPECT_EQ(AntiTheftMarkerRequired(), row.marker);
+    EXPECT_EQ(Console(), row.console);
   }
 }
 
@@ -88,35 +58,33 @@ const char kSecureBootMessage[] =
 
 TEST_F(SecurityGates, SecureBootProtectionNeedsAWholeMapOrASkip) {
   struct Row {
-    const char* what;
-    bool record;
-    bool skipOption;
-    bool skipSetting;
-    bool pass;
+    bool record, skipOption, skipSetting, pass;
   };
   const Row rows[] = {
-      {"empty map refused", false, false, false, false},
-      {"one record passes", true, false, false, true},
-      {"-skipsbp passes", false, true, false, true},
-      {"setting passes", false, false, true, true},
+      {false, false, false, false},  // an empty map is refused
+      {true, false, false, true},
+      {false, true, false, true},
+      {false, false, true, true},
   };
   for (const Row& row : rows) {
     Install(Layout());
-    if (row.skipSetting) LoadSettings("[EngineeringErrorDisable]\nSkipSecureBootProtectionCheck=1\n");
+    if (row.skipSetting) Ini("[EngineeringErrorDisable]\nSkipSecureBootProtectionCheck=1\n");
     if (row.skipOption) ASSERT_TRUE(Options({u"-skipsbp"}));
     ASSERT_TRUE(InitialSmi());
     answers[0x1E] = [&](OblisRegisters& r) {
-      if (row.record) {
-        At(r.edi)[0] = 0x03;
-        PutU32(At(r.edi) + 1, 0xFFC00000);
-        PutU32(At(r.edi) + 5, 0x1000);
-      }
+      const uint8_t record[] = {0x03, 0x00, 0x00, 0xC0, 0xFF, 0x00, 0x10, 0x00, 0x00};
+      if (row.record) std::memcpy(At(r.edi), record, sizeof(record));
       At(r.edi)[13] = 0xFF;
       At(r.edi)[14] = 0x01;
     };
     SMI_GetWholeRomMap(nullptr, nullptr);
-    EXPECT_EQ(SecureBootProtectionCheck(), row.pass) << row.what;
-    EXPECT_EQ(Console(), row.pass ? "" : kSecureBootMessage) << row.what;
+    EXPECT_EQ(SecureBootProtectionCheck(), row.pass);
+    EXPECT_EQ(Console(), row.pass ? "" : kSecureBootMessage);
+    // Support is the presence of the SetupMode variable.
+    EXPECT_FALSE(IsSecureBootSupport());
+    Environment().PresetVariable(u"SetupMode", kGlobalVariableGuid, 6, {0x00});
+    EXPECT_TRUE(IsSecureBootSupport());
+    EXPECT_NE(Log().find("<=== IsSecureBootSupport (Not support)\r\n===> IsSecureBootSupport"), std::string::npos);
   }
 }
 

@@ -162,6 +162,7 @@ void DriverBed::Uninstall() {
   consoleCalls.clear();
   outputStatus = EFI_SUCCESS;
   recording_ = nullptr;
+  colours_.clear();
   pciReads = 0;
 }
 
@@ -296,6 +297,30 @@ void DriverBed::PlaceDefaultPlatform(emu::Options& options) {
   std::memcpy(dsdt.data() + 10, "DOVRIN", 6);
   Place(kDsdt, dsdt);
   AddTable(options, kAcpi20TableGuid, kRsdp20);
+}
+
+namespace {
+DriverBed* gPainting = nullptr;
+}  // namespace
+
+void DriverBed::PaintConsole() {
+  gPainting = this;
+  colours_.clear();
+  setAttribute_ = gST->ConOut->SetAttribute;
+  gST->ConOut->SetAttribute = [](EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* self, UINTN attribute) -> EFI_STATUS {
+    gPainting->colours_.push_back({gPainting->Console().size(), attribute});
+    return gPainting->setAttribute_(self, attribute);
+  };
+}
+
+std::string DriverBed::Painted() const {
+  std::string text = Console();
+  for (auto it = colours_.rbegin(); it != colours_.rend(); ++it) {
+    char marker[8];
+    std::snprintf(marker, sizeof(marker), "<%02X>", (unsigned)it->second);
+    text.insert(it->first, marker);
+  }
+  return text;
 }
 
 }  // namespace bed

@@ -98,6 +98,9 @@ class DriverBed : public ::testing::Test {
   std::string Log(size_t volume = 0) const;
   std::string Console() const;
   std::string ReadVolumeFile(const std::string& name, size_t volume = 0) const;
+  // From here on the console's colour changes stand in Painted() where they happened, as "<4F>".
+  void PaintConsole();
+  std::string Painted() const;
   const fs::path& Volume(size_t index) const { return volumes_.at(index); }
   emu::Environment& Environment() { return *environment_; }
   sim::Simulator& Simulator() { return *simulator_; }
@@ -133,6 +136,8 @@ class DriverBed : public ::testing::Test {
   std::vector<char> iniText_;
   EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL recordingOut_{}, emulatedOut_{};
   inline static DriverBed* recording_ = nullptr;
+  std::vector<std::pair<size_t, UINTN>> colours_;
+  EFI_STATUS(EFIAPI* setAttribute_)(EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL*, UINTN) = nullptr;
 };
 
 }  // namespace bed
