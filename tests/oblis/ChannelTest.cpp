@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 
 #include "oblis/Oblis.h"
 #include "support/DriverBed.h"
@@ -11,25 +12,13 @@
 namespace {
 
 using bed::At;
-using bed::Bytes;
-
-class Channel : public bed::DriverBed {
- protected:
-  bed::BedSetup Layout() const override { return {.firmware = bed::Firmware::Scripted}; }
-};
-
-constexpr uint32_t kSignatureSlot = 0xF0000;
-constexpr uint32_t kFacp = 0x7E01000;
+using Channel = bed::ScriptedBed;
 
 TEST_F(Channel, SignatureIsFoundOnlyOnA16ByteBoundaryUpToTheLastSlot) {
-  const std::pair<uint32_t, uint8_t> rows[] = {
-      {0xE0000, 0x44}, {0xF0000, 0x44}, {0xFFFF0, 0x44}, {0xF0008, 0xEF}, {0xEFFF1, 0xEF},
-  };
+  const std::pair<uint32_t, uint8_t> rows[] = {{0xE0000, 0x44}, {0xF0000, 0x44}, {0xFFFF0, 0x44}, {0xF0008, 0xEF}, {0xEFFF1, 0xEF}};
   for (auto [at, expected] : rows) {
-    Place(kSignatureSlot, {});
-    std::vector<uint8_t> slot = Bytes("$OBLIS");
-    slot.push_back(0x44);
-    Place(at, slot);
+    Place(0xF0000, {});  // the bed's own slot
+    Place(at, bed::Bytes("$OBLIS\x44"));
     EXPECT_EQ(GetSmiMainFunctionNumberFromPhysicalMemory(), expected) << std::hex << at;
     Place(at, {});
   }
@@ -40,9 +29,9 @@ TEST_F(Channel, SignatureIsFoundOnlyOnA16ByteBoundaryUpToTheLastSlot) {
 // A run refused before the set-up still ends with the host's hook point and final report; with
 // no command port known they must not write to any port (port 0 is the DMA controller).
 TEST_F(Channel, CallsBeforeASuccessfulSetUpTouchNoPort) {
-  std::vector<uint8_t> fadt(116, 0);
-  std::memcpy(fadt.data(), "FACP", 4);
-  Place(kFacp, fadt);
+  std::vector<uint8_t> fadt = bed::Bytes("FACP");  // SMI_CMD 0
+  fadt.resize(116);
+  Place(0x7E01000, fadt);
   EXPECT_FALSE(InitialSmi());
   EXPECT_FALSE(SMI_ApHookPoint(0));
   EXPECT_FALSE(FuncOblis_16h());
@@ -67,10 +56,8 @@ TEST_F(Channel, EachWrapperPutsItsFrameAndRecordOnTheWire) {
     char recordIn;  // 'D' at EDI, 'S' at ESI
     std::vector<uint8_t> record;
   };
-  std::vector<uint8_t> version = Bytes("$VER\x04");
-  for (uint8_t b : Bytes(std::string("\0" "13k$OBLIS208\xFF", 14))) version.push_back(b);
-  std::vector<uint8_t> finish = Bytes("$FINISHI\x0D");
-  for (uint8_t b : {0, 0, 0, 1}) finish.push_back(b);
+  std::vector<uint8_t> version = bed::Bytes(std::string("$VER\x04\0" "13k$OBLIS208\xFF", 19));
+  std::vector<uint8_t> finish = bed::Bytes(std::string("$FINISHI\x0D\0\0\0\x01", 13));
   std::memset(gBlock, 0xC3, 4);
   const Row rows[] = {
       {"10h", [] { Oblis_10h({gOut.data(), 0x80}); }, 0x10, 0, kBuf, 0, 'D', version},
@@ -93,58 +80,45 @@ TEST_F(Channel, EachWrapperPutsItsFrameAndRecordOnTheWire) {
     ASSERT_TRUE(InitialSmi());
     std::vector<uint8_t> record;
     answers[row.function] = [&](OblisRegisters& r) {
-      if (row.recordIn != 0) {
-        const uint8_t* at = At(row.recordIn == 'D' ? r.edi : r.esi);
-        record.assign(at, at + row.record.size());
-      }
+      if (row.recordIn != 0) record.assign(At(row.recordIn == 'D' ? r.edi : r.esi), At(row.recordIn == 'D' ? r.edi : r.esi) + row.record.size());
     };
     row.call();
     UINT8* buf = nullptr;
     UINT8* buf2 = nullptr;
     GetOblisBuffer(kOblisBufferSize, &buf);
     GetOblisBuffer2(kOblisBufferSize, &buf2);
-    auto resolve = [&](uint32_t v) -> uint32_t {
-      return v == kBuf ? (uint32_t)(uintptr_t)buf : v == kBuf2 ? (uint32_t)(uintptr_t)buf2 : v == kData ? (uint32_t)(uintptr_t)gBlock : v;
-    };
+    std::map<uint32_t, uint32_t> known = {{kBuf, (uint32_t)(uintptr_t)buf}, {kBuf2, (uint32_t)(uintptr_t)buf2}, {kData, (uint32_t)(uintptr_t)gBlock}};
+    auto resolve = [&](uint32_t v) { return known.count(v) ? known[v] : v; };
     ASSERT_EQ(smiCalls.size(), 1u) << row.what;
     const OblisRegisters& r = smiCalls[0];
-    EXPECT_EQ(r.eax & 0xFFFF, (row.function << 8) | 0xDFu) << row.what;
-    EXPECT_EQ(r.ebx, 0x24445652u) << row.what;
-    EXPECT_EQ(r.edx & 0xFFFF, 0xB2u) << row.what;
-    EXPECT_EQ(r.ecx, resolve(row.ecx)) << row.what;
-    EXPECT_EQ(r.edi, resolve(row.edi)) << row.what;
-    EXPECT_EQ(r.esi, resolve(row.esi)) << row.what;
+    EXPECT_EQ(std::vector<uint32_t>({r.eax & 0xFFFF, r.ebx, r.edx & 0xFFFF, r.ecx, r.edi, r.esi}),
+              std::vector<uint32_t>({(row.function << 8) | 0xDFu, 0x24445652u, 0xB2u, resolve(row.ecx), resolve(row.edi), resolve(row.esi)}))
+        << row.what;
     EXPECT_EQ(record, row.record) << row.what;
   }
 }
 
 // A caller's buffer shorter than what the firmware hands back is refused before any call.
 TEST_F(Channel, ShortBuffersAreRefusedBeforeTheCall) {
-  struct Row {
-    const char* what;
-    std::function<bool()> call;
-    bool ok;
-    const char* reason;
+  const char* kShort = "Output buffer too short";
+  const std::tuple<const char*, std::function<bool()>, const char*> rows[] = {  // reason null: taken
+      {"11h", [] { return Oblis_11h({gOut.data(), 0xFFFF}, nullptr, nullptr); }, kShort},
+      {"12h private", [] { return Oblis_12h({gOut.data(), 0x10000}, {gOut2.data(), 0xFFFF}); }, kShort},
+      {"13h map", [] { return Oblis_13h({gOut.data(), 0x10000}, {gOut2.data(), 0xFFFF}); }, kShort},
+      {"1Eh", [] { return Oblis_1Eh({gOut.data(), 0xFFF}); }, kShort},
+      {"1Eh exact", [] { return Oblis_1Eh({gOut.data(), 0x1000}); }, nullptr},
+      {"14h", [] { return Oblis_14h(0xFFFF0000u, 0x1000, {gOut.data(), 0xFFF}, nullptr); }, kShort},
+      {"14h exact", [] { return Oblis_14h(0xFFFF0000u, 0x1000, {gOut.data(), 0x1000}, nullptr); }, nullptr},
+      {"14h past the shared buffer", [] { return Oblis_14h(0xFFFF0000u, 0x20001, {}, nullptr); }, "Read size over OBLIS buffer"},
+      {"ROM read", [] { return SMI_ReadRom(0xFFFF0000u, 0x1000, {gOut.data(), 0xFFF}); }, kShort},
+      {"17h", [] { return Oblis_17h(nullptr, {gOut.data(), 0xFFF}); }, kShort},
   };
-  const Row rows[] = {
-      {"11h", [] { return Oblis_11h({gOut.data(), 0xFFFF}, nullptr, nullptr); }, false, "Output buffer too short"},
-      {"12h private", [] { return Oblis_12h({gOut.data(), 0x10000}, {gOut2.data(), 0xFFFF}); }, false, "Output buffer too short"},
-      {"13h map", [] { return Oblis_13h({gOut.data(), 0x10000}, {gOut2.data(), 0xFFFF}); }, false, "Output buffer too short"},
-      {"1Eh", [] { return Oblis_1Eh({gOut.data(), 0xFFF}); }, false, "Output buffer too short"},
-      {"1Eh exact", [] { return Oblis_1Eh({gOut.data(), 0x1000}); }, true, ""},
-      {"14h", [] { return Oblis_14h(0xFFFF0000u, 0x1000, {gOut.data(), 0xFFF}, nullptr); }, false, "Output buffer too short"},
-      {"14h exact", [] { return Oblis_14h(0xFFFF0000u, 0x1000, {gOut.data(), 0x1000}, nullptr); }, true, ""},
-      {"14h past the shared buffer", [] { return Oblis_14h(0xFFFF0000u, 0x20001, {}, nullptr); }, false,
-       "Read size over OBLIS buffer"},
-      {"ROM read", [] { return SMI_ReadRom(0xFFFF0000u, 0x1000, {gOut.data(), 0xFFF}); }, false, "Output buffer too short"},
-      {"17h", [] { return Oblis_17h(nullptr, {gOut.data(), 0xFFF}); }, false, "Output buffer too short"},
-  };
-  for (const Row& row : rows) {
+  for (const auto& [what, call, reason] : rows) {
     Install(Layout());
     ASSERT_TRUE(InitialSmi());
-    EXPECT_EQ(row.call(), row.ok) << row.what;
-    EXPECT_EQ(smiCalls.size(), row.ok ? 1u : 0u) << row.what;
-    if (!row.ok) EXPECT_NE(Log().find(std::string(" (") + row.reason + ")\r\n"), std::string::npos) << row.what << Log();
+    EXPECT_EQ(call(), reason == nullptr) << what;
+    EXPECT_EQ(smiCalls.size(), reason == nullptr ? 1u : 0u) << what;
+    if (reason != nullptr) EXPECT_NE(Log().find(std::string(" (") + reason + ")\r\n"), std::string::npos) << what << Log();
   }
 }
 
@@ -206,9 +180,8 @@ TEST_F(Channel, RetryLoopAttemptsDelaysVerdictAndReport) {
     EXPECT_EQ(result, row.result) << row.what;
     if (row.function == 0x14 || row.function == 0x15) EXPECT_EQ(status, row.status) << row.what;
     EXPECT_EQ(SmiCallsOf(row.function).size(), row.attempts) << row.what;
-    const std::vector<uint64_t>& stalls = Environment().StallCalls();
-    EXPECT_EQ(stalls.size() - stallsBefore, row.stalls) << row.what;
-    for (size_t i = stallsBefore; i < stalls.size(); i++) EXPECT_EQ(stalls[i], 1000u) << row.what;
+    std::vector<uint64_t> stalls(Environment().StallCalls().begin() + stallsBefore, Environment().StallCalls().end());
+    EXPECT_EQ(stalls, std::vector<uint64_t>(row.stalls, 1000)) << row.what;
     EXPECT_EQ(Console(), row.console) << row.what;
   }
 }

@@ -1,5 +1,5 @@
-// The ROM maps of functions 12h and 1Eh: where each list ends, what is kept, and the trace lines
-// that the maps are shown with.
+// The ROM maps: the lists of function 12h, the whole map of 1Eh and the region map behind the
+// OBLIS signature of an image; where each list ends, what is kept, and the trace lines.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -10,11 +10,7 @@
 namespace {
 
 using bed::At;
-
-class Maps : public bed::DriverBed {
- protected:
-  bed::BedSetup Layout() const override { return {.firmware = bed::Firmware::Scripted}; }
-};
+using Maps = bed::ScriptedBed;
 
 // Private records of 8 bytes from FF800000, protection records of 9 bytes (type 01) from FFA00000.
 std::vector<uint8_t> Records(bool privateList, uint32_t count, bool terminated) {
@@ -59,24 +55,19 @@ TEST_F(Maps, PlatformListsEndAtTheirMarkOrAfter200) {
     FreePoolAndNull(protectionList);
     std::string log = Log();
     EXPECT_NE(log.find("Get Platform ROM map protection. (12h)\r\n"), std::string::npos) << what;
-    EXPECT_EQ(log.find("|CPU Microcode\r\n") != std::string::npos, protectionCount > 0) << what;
-    if (protectionCount > 0) {
-      EXPECT_NE(log.find("                Protection Region MAP\r\n"
-                         " Type | Start Addr |  End Addr  |    Size    | Description \r\n"
-                         "------+------------+------------+------------+-------------\r\n"
-                         "  01h | 0xFFA00000 | 0xFFA00FFF | 0x00001000 |CPU Microcode\r\n"),
-                std::string::npos) << log;
-    }
+    EXPECT_EQ(log.find("                Protection Region MAP\r\n"
+                       " Type | Start Addr |  End Addr  |    Size    | Description \r\n"
+                       "------+------------+------------+------------+-------------\r\n"
+                       "  01h | 0xFFA00000 | 0xFFA00FFF | 0x00001000 |CPU Microcode\r\n") != std::string::npos,
+              protectionCount > 0) << log;
     EXPECT_EQ(log.find("  FEh | 0xFF800000 | 0xFF800FFF | 0x00001000 |  Private Map\r\n") != std::string::npos,
               privateCount > 0) << what;
   }
 }
 
 std::vector<uint8_t> WholeRecord(uint8_t type, uint32_t address, uint32_t size) {
-  std::vector<uint8_t> b(13, 0);
-  b[0] = type;
-  bed::PutU32(&b[1], address);
-  bed::PutU32(&b[5], size);
+  std::vector<uint8_t> b = {type, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  bed::PutU32(&b[1], address), bed::PutU32(&b[5], size);
   return b;
 }
 
@@ -111,6 +102,48 @@ TEST_F(Maps, WholeMapWalkPassesOverEmptyRecordsAndStops) {
       EXPECT_EQ(entries[0].end, entries[0].address + entries[0].size - 1) << what;
     }
     FreePoolAndNull(raw);
+  }
+}
+
+// Records of 10 bytes behind "$OBLIS" with '$' filler in front: a near miss at every place.
+std::vector<uint8_t> MapImage(const std::vector<std::tuple<uint8_t, uint32_t, uint32_t>>& records, bool ended) {
+  std::vector<uint8_t> image = bed::Bytes(std::string(0x30, '$') + "$OBLIS");
+  for (auto [type, address, size] : records) {
+    uint8_t bytes[10] = {type, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    bed::PutU32(bytes + 1, address);
+    bed::PutU32(bytes + 5, size);
+    image.insert(image.end(), bytes, bytes + 10);
+  }
+  if (ended) image.insert(image.end(), {0xFF, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+  return image;
+}
+
+TEST_F(Maps, BvdtMapRecordsBehindTheSignatureAreTakenToTheirEnd) {
+  std::vector<std::tuple<uint8_t, uint32_t, uint32_t>> many;
+  for (uint32_t i = 0; i < 230; i++) many.push_back({0x02, 0xFF000000u + i * 0x100, 0x100});
+  std::vector<uint8_t> cut = MapImage({{0x01, 0xFFA00000u, 0x1000}, {0x03, 0xFFB00000u, 0x1000}}, false);
+  cut.pop_back();  // the second record lacks its last byte
+  const std::tuple<const char*, std::vector<uint8_t>, bool, size_t, const char*> rows[] = {
+      {"two records", MapImage({{0x01, 0xFFA00000u, 0x1000}, {0xFE, 0xFFB00000u, 0x2000}}, true), true, 2,
+       "  FEh | 0xFFB00000 | 0xFFB01FFF | 0x00002000 |    1   |  Private Map\r\n"},
+      {"start 0 size 0 is left out", MapImage({{0x01, 0xFFA00000u, 0x1000}, {0x05, 0, 0}, {0x06, 0xFFC00000u, 0x10}}, true),
+       true, 2, "  06h | 0xFFC00000 | 0xFFC0000F |"},
+      {"type FF ends the list",
+       MapImage({{0x01, 0xFFA00000u, 0x1000}, {0xFF, 0xFFB00000u, 0x10}, {0x06, 0xFFC00000u, 0x10}}, false), true, 1,
+       "  01h | 0xFFA00000 | 0xFFA00FFF |"},
+      {"200 records at most", MapImage(many, false), true, 200, "  02h | 0xFF00C700 | 0xFF00C7FF |"},
+      {"a record cut by the image end is not read", cut, true, 1, "  01h | 0xFFA00000 | 0xFFA00FFF |"},
+      {"signature at the very end: found, empty", MapImage({}, false), true, 0, ""},
+      {"no signature", std::vector<uint8_t>(0x100, '$'), false, 0, ""},
+  };
+  for (const auto& [what, image, found, count, last] : rows) {
+    Install(Layout());
+    EXPECT_EQ(LoadBvdtMap(image.data(), (UINT32)image.size()), found) << what;
+    EXPECT_EQ(BvdtMapFound(), found) << what;
+    std::string log = Log();
+    EXPECT_EQ(bed::CountOf(log, "h | 0x"), count) << what << ": a line a record in the trace";
+    size_t lastLine = log.rfind("h | 0x");
+    if (count > 0) EXPECT_EQ(log.substr(lastLine - 4, std::strlen(last)), last) << what << "\n" << log;
   }
 }
 

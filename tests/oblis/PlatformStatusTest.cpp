@@ -11,24 +11,14 @@
 namespace {
 
 using bed::At;
-
-class PlatformStatus : public bed::DriverBed {
- protected:
-  bed::BedSetup Layout() const override { return {.firmware = bed::Firmware::Scripted}; }
-};
+using PlatformStatus = bed::ScriptedBed;
 
 // Only the 0x80 bytes held (4 of result, 0x7C of the buffer) are known. The filter grants
 // options, so a damaged record is cut or emptied, never dropped: dropping it would lift the
 // firmware's restrictions.
 TEST_F(PlatformStatus, FilterRecordKeepsOnlyTheBytesHeld) {
-  struct Row {
-    const char* what;
-    size_t at;  // where "$CMDFILT" starts in the firmware's buffer
-    uint32_t length;
-    bool kept;
-    uint32_t entries;  // the length field of the caller's copy
-  };
-  const Row rows[] = {
+  // where "$CMDFILT" starts in the firmware's buffer, its length field, kept, the caller's count
+  const std::tuple<const char*, size_t, uint32_t, bool, uint32_t> rows[] = {
       {"inside", 0x30, 16, true, 4},
       {"ends at the last byte held", 0x7C - 16, 16, true, 4},
       {"claims to run past the bytes held", 0x7C - 16, 17, true, 4},
@@ -36,74 +26,61 @@ TEST_F(PlatformStatus, FilterRecordKeepsOnlyTheBytesHeld) {
       {"head cut by the end of the bytes held", 0x7C - 10, 16, true, 0},
       {"signature outside the bytes held", 0x7C, 16, false, 0},
   };
-  for (const Row& row : rows) {
+  for (const auto& [what, at, length, kept, entries] : rows) {
     Install(Layout());
     ASSERT_TRUE(InitialSmi());
     answers[0x10] = [&](OblisRegisters& r) {
-      uint8_t* answer = At(r.edi);
-      std::memset(answer, 0, 0x100);
-      std::memcpy(answer + row.at, "$CMDFILT", 8);
-      bed::PutU32(answer + row.at + 8, row.length);
-      for (uint32_t i = 12; i < 16; i++) answer[row.at + i] = (uint8_t)(0xA0 + i);
-      r.ecx = 0x0208;
+      std::memcpy(At(r.edi + at), "$CMDFILT", 8);
+      bed::PutU32(At(r.edi + at + 8), length);
+      bed::PutU32(At(r.edi + at + 12), 0xAFAEADAC);
       bed::Answer(r, 0, 1);  // AH: permission
     };
-    ASSERT_TRUE(SMI_IsSupport()) << row.what;
+    ASSERT_TRUE(SMI_IsSupport()) << what;
     UINT8* table = nullptr;
     GetFilterTable(&table);
-    ASSERT_EQ(table != nullptr, row.kept) << row.what;
+    ASSERT_EQ(table != nullptr, kept) << what;
     if (table == nullptr) continue;
-    EXPECT_EQ(std::memcmp(table, "$CMDFILT", 8), 0) << row.what;
-    EXPECT_EQ(table[8] | (table[9] << 8), (int)row.entries) << row.what << ": counts the entries only";
-    if (row.entries > 0) EXPECT_EQ(table[12], 0xAC) << row.what;
-    EXPECT_NE(Log().find("===== 10h Filter Table =====\r\n"), std::string::npos) << row.what;
+    EXPECT_EQ(std::string((char*)table, 8) + std::to_string(ReadU32(table + 8)), "$CMDFILT" + std::to_string(entries)) << what;
+    if (entries > 0) EXPECT_EQ(table[12], 0xAC) << what;
+    EXPECT_NE(Log().find("===== 10h Filter Table =====\r\n"), std::string::npos) << what;
     FreePoolAndNull(table);
   }
 }
 
 TEST_F(PlatformStatus, PlatformInformationFlagsAndStrings) {
-  struct Row {
-    uint8_t ah;
-    uint32_t ecx;
-    const char* flags;  // name, version, same, checksum, no name, no version, no compare, extended, ALP
-  };
-  const Row rows[] = {
+  // AH, ECX; name, version, same, checksum, no name, no version, no compare, extended, ALP
+  const std::tuple<uint8_t, uint32_t, std::string> rows[] = {
       {0x00, 0x1, "000000000"}, {0x80, 0x1, "000000011"}, {0x80, 0x2, "000000010"},
       {0x7F, 0x1, "111111100"}, {0x41, 0x0, "100000100"},
   };
-  for (const Row& row : rows) {
+  for (const auto& [ah, ecx, expected] : rows) {
     Install(Layout());
     ASSERT_TRUE(InitialSmi());
     answers[0x11] = [&](OblisRegisters& r) {
       std::memcpy(At(r.edi), u"KX-15", 12);
       std::memcpy(At(r.edi + 0x40), u"V1.07", 12);
-      r.ecx = row.ecx;
-      bed::Answer(r, 0, row.ah);
+      r.ecx = ecx;
+      bed::Answer(r, 0, ah);
     };
     ASSERT_TRUE(FuncOblis_11h());
     PlatformInfo i;
     GetPlatformInfo(&i);
     std::string flags;
-    for (Bool f : {i.modelNameCheck, i.modelVersionCheck, i.allowSameVersion, i.verifyFileChecksum,
-                   i.disableDisplayName, i.disableDisplayVersion, i.disableComparison, i.enableExtended,
-                   i.allowAlpCommand})
+    for (Bool f : {i.modelNameCheck, i.modelVersionCheck, i.allowSameVersion, i.verifyFileChecksum, i.disableDisplayName,
+                   i.disableDisplayVersion, i.disableComparison, i.enableExtended, i.allowAlpCommand, DisableComparison(),
+                   AllowAlpCommand()})
       flags.push_back(f ? '1' : '0');
-    EXPECT_EQ(flags, row.flags) << std::hex << (int)row.ah;
-    EXPECT_EQ(AllowAlpCommand(), row.flags[8] == '1');
-    EXPECT_EQ(DisableComparison(), row.flags[6] == '1');
-    CHAR16* name = nullptr;
-    CHAR16* version = nullptr;
+    EXPECT_EQ(flags, expected + expected[6] + expected[8]) << std::hex << (int)ah;
+    CHAR16 *name = nullptr, *version = nullptr;
     GetModelStrings(&name, &version);
-    EXPECT_EQ(std::u16string(name), u"KX-15");
-    EXPECT_EQ(std::u16string(version), u"V1.07");
-    FreePoolAndNull(name);
-    FreePoolAndNull(version);
+    EXPECT_EQ(std::u16string(name) + u"|" + version, u"KX-15|V1.07");
+    FreePoolAndNull(name), FreePoolAndNull(version);
     EXPECT_NE(Log().find("              Model Name | KX-15\r\n           Model Version | V1.07\r\n"), std::string::npos);
-    EXPECT_NE(Log().find(std::string("       Allow ALP command | ") + row.flags[8] + "\r\n"), std::string::npos);
+    EXPECT_NE(Log().find(std::string("       Allow ALP command | ") + expected[8] + "\r\n"), std::string::npos);
   }
 }
 
-class FinishState : public PlatformStatus {};
+using FinishState = bed::ScriptedBed;
 
 // The firmware's index first (2 shutdown, 3 nothing, else reboot), then -r, -s, -n in turn.
 TEST_F(FinishState, IndexToActionMapsTheFirmwareIndexThenTheOptions) {
@@ -141,9 +118,8 @@ TEST_F(FinishState, SetStatusLoadsTheSettingThenOptionsThenArguments) {
     LoadSettings("[Log_file]\nFlag=1\nLevel=4\n[FlashComplete]\nAction=" + std::to_string(row.setting) + "\n");
     ASSERT_TRUE(Options(row.options));
     SetStatus_16h(row.cmos, row.action, row.complete, CommonFlashFinishAction);
-    EXPECT_EQ(GetFinishClearCmos(), row.keptCmos) << row.what;
-    EXPECT_EQ(GetFinishAction(), row.keptAction) << row.what;
-    EXPECT_EQ(GetFinishComplete(), row.keptComplete) << row.what;
+    EXPECT_EQ(std::vector<int>({GetFinishClearCmos(), GetFinishAction(), GetFinishComplete()}),
+              std::vector<int>({row.keptCmos, row.keptAction, row.keptComplete})) << row.what;
     std::string log = Log(), lines;
     for (size_t at = log.find("Set 16h -"); at != std::string::npos; at = log.find("Set 16h -", at + 1)) lines += log.substr(at, 12);
     EXPECT_EQ(lines, row.optionLines) << row.what;

@@ -262,9 +262,11 @@ void PutU32(uint8_t* at, uint32_t value) {
   for (int i = 0; i < 4; i++) at[i] = (uint8_t)(value >> (8 * i));
 }
 
-DriverBed::Handler FlashPartAnswer(uint8_t sizeIndex, std::vector<std::pair<uint16_t, uint16_t>> map) {
-  return [sizeIndex, map](OblisRegisters& r) {
+DriverBed::Handler FlashPartAnswer(uint8_t sizeIndex, std::vector<std::pair<uint16_t, uint16_t>> map,
+                                   uint32_t sizeSpecified, bool ended) {
+  return [sizeIndex, map, sizeSpecified, ended](OblisRegisters& r) {
     At(r.edi)[0] = sizeIndex;
+    PutU32(At(r.edi) + 68, sizeSpecified);
     uint8_t* out = At(r.esi);
     for (auto [size, count] : map) {
       *out++ = (uint8_t)size;
@@ -272,7 +274,7 @@ DriverBed::Handler FlashPartAnswer(uint8_t sizeIndex, std::vector<std::pair<uint
       *out++ = (uint8_t)count;
       *out++ = (uint8_t)(count >> 8);
     }
-    out[0] = out[1] = 0xFF;
+    std::memset(out, ended ? 0xFF : 0x01, ended ? 2 : 0x100);
   };
 }
 

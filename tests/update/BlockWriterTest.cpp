@@ -1,12 +1,14 @@
 // The block writer on a 64 KB flash of sixteen 4 KB blocks: compare, write and verify of one
-// block, the protected blocks left and the BVDT blocks held back for last, and the compare's
-// read buffer handed back when the read fails.
+// block, the protected blocks left and the BVDT blocks held back for last, the compare's read
+// buffer handed back when the read fails, and the facts the trace's block map shows of a block.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 #include "oblis/Oblis.h"
+#include "output/Output.h"
 #include "support/DriverBed.h"
 #include "update/Update.h"
 
@@ -19,9 +21,8 @@ constexpr uint32_t kBlocks = 16;
 constexpr uint32_t kRomSize = kBlock * kBlocks;
 constexpr uint32_t kBase = 0xFFFF0000u;
 
-class BlockWriter : public bed::DriverBed {
+class BlockWriter : public bed::ScriptedBed {
  protected:
-  bed::BedSetup Layout() const override { return {.firmware = bed::Firmware::Scripted}; }
   // A fresh driver with the flash behind 13h, 14h and 15h, and the settings and options given.
   void Start(const std::string& others = "", const std::vector<std::u16string>& options = {}) {
     Install(Layout());
@@ -146,6 +147,25 @@ TEST_F(BlockWriter, CompareHandsBackItsReadBufferWhenTheReadFails) {
     EXPECT_EQ(Environment().LiveBlocks().size(), live) << (int)code;
     EXPECT_EQ(Log().find("CompareCurrentFD() |fail|\r\n") != std::string::npos, code != kOblisSuccess) << (int)code;
   }
+}
+
+using BlockMapFacts = bed::ScriptedBed;
+
+// A private and a protection range as function 12h gives them, two flagged blocks in the table
+// of function 13h: 'R' flagged, 't' a protection type's digit, '#' private.
+TEST_F(BlockMapFacts, BlockFactsComeFromTheProtectionAndPrivateMaps) {
+  ASSERT_TRUE(InitialSmi());
+  answers[0x13] = bed::FlashPartAnswer(4, {{0x10, 128}});
+  ASSERT_TRUE(FuncOblis_13h());
+  UINT32 base = GetRomBase();
+  answers[0x12] = bed::PlatformMapsAnswer({{0, base + 0x6000, 0x3000}, {0, base + 0xF000, 0}}, {{0x1D, base + 0x2000, 0x2000}});
+  ASSERT_TRUE(SMI_GetPlatformRomMap());
+  MarkBlocks(base, base + 0x1FFF, 1);
+  for (UINT32 i = 0; i < 128; i++) AddBlockMark(DescribeBlock(base + i * 0x1000, 'V'));
+  char line[200];
+  std::snprintf(line, sizeof line,
+                "[        0 ] %08X:              RR...... - ........    VVVVVVVV - VVVVVVVV    ..tt..## - #.......    \r\n", base);
+  EXPECT_NE(Log().find(line), std::string::npos) << Log();
 }
 
 }  // namespace

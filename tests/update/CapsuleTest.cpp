@@ -10,10 +10,7 @@ namespace {
 
 using bed::At;
 
-class Capsule : public bed::DriverBed {
- protected:
-  bed::BedSetup Layout() const override { return {.firmware = bed::Firmware::Scripted}; }
-};
+using Capsule = bed::ScriptedBed;
 
 uint64_t U64(const uint8_t* p) {
   uint64_t value = 0;

@@ -8,10 +8,7 @@
 
 namespace {
 
-class OemMe : public bed::DriverBed {
- protected:
-  bed::BedSetup Layout() const override { return {.firmware = bed::Firmware::Scripted}; }
-};
+using OemMe = bed::ScriptedBed;
 
 // What the stand-in for the shell saw, and what the ME tool leaves behind.
 std::vector<std::string> executed;

@@ -16,9 +16,8 @@ constexpr uint32_t kBlock = 0x1000;
 constexpr uint32_t kRomSize = 16 * kBlock;
 constexpr uint32_t kBase = 0xFFFF0000u;
 
-class RomRead : public bed::DriverBed {
+class RomRead : public bed::ScriptedBed {
  protected:
-  bed::BedSetup Layout() const override { return {.firmware = bed::Firmware::Scripted}; }
   // A 64 KB flash behind 13h and 14h; a read that touches block 2 answers 0x2A when locked.
   void Start(std::vector<std::pair<uint16_t, uint16_t>> map, uint8_t failCode = 0, bool locked = false) {
     Install(Layout());
