@@ -48,18 +48,11 @@ std::vector<uint8_t> gOut(0x20000), gOut2(0x20000), gHead(0x1000, 0x5A);
 // Every wrapper's frame: AL the SMI number, AH the function, EBX "$DVR", DX the port, ECX, EDI
 // and ESI as the function table lays them out; and the record it stages for the firmware.
 TEST_F(Channel, EachWrapperPutsItsFrameAndRecordOnTheWire) {
-  struct Row {
-    const char* what;
-    std::function<void()> call;
-    uint8_t function;
-    uint32_t ecx, edi, esi;
-    char recordIn;  // 'D' at EDI, 'S' at ESI
-    std::vector<uint8_t> record;
-  };
   std::vector<uint8_t> version = bed::Bytes(std::string("$VER\x04\0" "13k$OBLIS208\xFF", 19));
   std::vector<uint8_t> finish = bed::Bytes(std::string("$FINISHI\x0D\0\0\0\x01", 13));
   std::memset(gBlock, 0xC3, 4);
-  const Row rows[] = {
+  // the call, AH, ECX, EDI, ESI, the record at EDI ('D') or ESI ('S')
+  const std::tuple<const char*, std::function<void()>, uint8_t, uint32_t, uint32_t, uint32_t, char, std::vector<uint8_t>> rows[] = {
       {"10h", [] { Oblis_10h({gOut.data(), 0x80}); }, 0x10, 0, kBuf, 0, 'D', version},
       {"11h", [] { UINT8 ah; UINT32 ecx; Oblis_11h({gOut.data(), 0x10000}, &ah, &ecx); }, 0x11, 0, kBuf, 0, 0, {}},
       {"12h", [] { Oblis_12h({gOut.data(), 0x10000}, {gOut2.data(), 0x10000}); }, 0x12, 0, kBuf, kBuf2, 0, {}},
@@ -75,26 +68,25 @@ TEST_F(Channel, EachWrapperPutsItsFrameAndRecordOnTheWire) {
       {"17h", [] { Oblis_17h(gHead.data(), {gOut.data(), 0x1000}); }, 0x17, 0x1000, kBuf, kBuf2, 'S', {0x5A, 0x5A}},
       {"1Ah", [] { SMI_OemOdmCustom2(2, 1); }, 0x1A, 0x0102, 0, 0, 0, {}},
   };
-  for (const Row& row : rows) {
+  for (const auto& [what, call, function, ecx, edi, esi, recordIn, expected] : rows) {
     Install(Layout());
     ASSERT_TRUE(InitialSmi());
     std::vector<uint8_t> record;
-    answers[row.function] = [&](OblisRegisters& r) {
-      if (row.recordIn != 0) record.assign(At(row.recordIn == 'D' ? r.edi : r.esi), At(row.recordIn == 'D' ? r.edi : r.esi) + row.record.size());
+    answers[function] = [&, recordIn = recordIn, &expected = expected](OblisRegisters& r) {
+      if (recordIn != 0) record.assign(At(recordIn == 'D' ? r.edi : r.esi), At(recordIn == 'D' ? r.edi : r.esi) + expected.size());
     };
-    row.call();
-    UINT8* buf = nullptr;
-    UINT8* buf2 = nullptr;
+    call();
+    UINT8 *buf = nullptr, *buf2 = nullptr;
     GetOblisBuffer(kOblisBufferSize, &buf);
     GetOblisBuffer2(kOblisBufferSize, &buf2);
     std::map<uint32_t, uint32_t> known = {{kBuf, (uint32_t)(uintptr_t)buf}, {kBuf2, (uint32_t)(uintptr_t)buf2}, {kData, (uint32_t)(uintptr_t)gBlock}};
     auto resolve = [&](uint32_t v) { return known.count(v) ? known[v] : v; };
-    ASSERT_EQ(smiCalls.size(), 1u) << row.what;
+    ASSERT_EQ(smiCalls.size(), 1u) << what;
     const OblisRegisters& r = smiCalls[0];
     EXPECT_EQ(std::vector<uint32_t>({r.eax & 0xFFFF, r.ebx, r.edx & 0xFFFF, r.ecx, r.edi, r.esi}),
-              std::vector<uint32_t>({(row.function << 8) | 0xDFu, 0x24445652u, 0xB2u, resolve(row.ecx), resolve(row.edi), resolve(row.esi)}))
-        << row.what;
-    EXPECT_EQ(record, row.record) << row.what;
+              std::vector<uint32_t>({(function << 8) | 0xDFu, 0x24445652u, 0xB2u, resolve(ecx), resolve(edi), resolve(esi)}))
+        << what;
+    EXPECT_EQ(record, expected) << what;
   }
 }
 

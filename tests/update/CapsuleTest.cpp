@@ -12,11 +12,7 @@ using bed::At;
 
 using Capsule = bed::ScriptedBed;
 
-uint64_t U64(const uint8_t* p) {
-  uint64_t value = 0;
-  for (int i = 7; i >= 0; --i) value = (value << 8) | p[i];
-  return value;
-}
+uint64_t U64(const uint8_t* p) { return ReadU32(p) | (uint64_t)ReadU32(p + 4) << 32; }
 
 TEST_F(Capsule, TheBlockListCutsTheImageIn512KBlocksWithSignExtendedAddresses) {
   const std::tuple<const char*, uint32_t, uint32_t, std::vector<std::pair<uint64_t, uint64_t>>> rows[] = {
@@ -40,20 +36,15 @@ TEST_F(Capsule, TheBlockListCutsTheImageIn512KBlocksWithSignExtendedAddresses) {
 }
 
 TEST_F(Capsule, TheProbeAsksOnceAndOnlyNotSupportedMeansLegacy) {
-  struct Row {
-    const char* what;
-    uint8_t status;
-    bool viaEsp, secure;
-    const char* trace;
-  };
-  const Row rows[] = {
+  // the answer, the image through the ESP, secure, the trace
+  const std::tuple<const char*, uint8_t, bool, bool, const char*> rows[] = {
       {"not supported", 0xEF, false, false,
        "OBLIS 48h failed. (0xEF)\r\n<=== Oblis_48h (BIOS return not success)\r\n platform [legacy]\r\n"
        "<=== SMI_SecureCapsuleFlash (OBLIS 48h failed)\r\n"},
       {"taken", 0x00, true, true, " platform [secure]\r\n<=== SMI_IsSecurePlatform\r\n"},
       {"any other answer", 0x21, false, true, "OBLIS 48h failed. (0x21)\r\n<=== Oblis_48h\r\n platform [secure]\r\n"},
   };
-  for (const Row& row : rows) {
+  for (const auto& [what, status, viaEsp, secure, trace] : rows) {
     Install(Layout());
     EXPECT_TRUE(InitialSmi());
     std::vector<uint8_t> record, list;
@@ -61,15 +52,15 @@ TEST_F(Capsule, TheProbeAsksOnceAndOnlyNotSupportedMeansLegacy) {
       record.assign(At(r.edi), At(r.edi) + 12);
       list.assign(At(r.esi), At(r.esi) + 4);
       EXPECT_EQ(r.ecx, 0u) << "the probe carries no image";
-      bed::Answer(r, row.status);
+      bed::Answer(r, status);
     };
-    SetViaEsp(row.viaEsp ? 1 : 0);
-    EXPECT_EQ(SMI_IsSecurePlatform(), row.secure) << row.what;
-    EXPECT_EQ(SMI_IsSecurePlatform(), row.secure) << row.what;
-    EXPECT_EQ(SmiCallsOf(0x48).size(), 1u) << row.what << ": a second call asks nothing";
-    EXPECT_EQ(record, std::vector<uint8_t>({'$', 'E', 'X', 'T', 9, 0, 0, 0, (uint8_t)row.viaEsp, 0, 0, 0})) << row.what;
-    EXPECT_EQ(list, std::vector<uint8_t>(4, 0)) << row.what << ": an empty block list";
-    EXPECT_NE(Log().find(row.trace), std::string::npos) << row.what << "\n" << Log();
+    SetViaEsp(viaEsp ? 1 : 0);
+    EXPECT_EQ(SMI_IsSecurePlatform(), secure) << what;
+    EXPECT_EQ(SMI_IsSecurePlatform(), secure) << what;
+    EXPECT_EQ(SmiCallsOf(0x48).size(), 1u) << what << ": a second call asks nothing";
+    EXPECT_EQ(record, std::vector<uint8_t>({'$', 'E', 'X', 'T', 9, 0, 0, 0, (uint8_t)viaEsp, 0, 0, 0})) << what;
+    EXPECT_EQ(list, std::vector<uint8_t>(4, 0)) << what << ": an empty block list";
+    EXPECT_NE(Log().find(trace), std::string::npos) << what << "\n" << Log();
   }
 }
 

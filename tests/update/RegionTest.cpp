@@ -2,8 +2,8 @@
 // check of a region image, and which blocks SetRsvd_17h closes.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
+#include <sstream>
 
 #include "oblis/Oblis.h"
 #include "support/DriverBed.h"
@@ -63,44 +63,38 @@ class Region : public bed::ScriptedBed {
 };
 
 TEST_F(Region, GetExternalMapsKeepsTheCurrentListAndItsSlots) {
-  struct Row {
-    const char* what;
-    List current;
-    bool terminate;
-    size_t imageSize;  // 0: no image
-    uint32_t count;
-    std::vector<std::pair<int, Ext>> slots;  // slot index -> record; the others stay zero
-  };
+  // the current list, ended, the image's size (0: none), the count, slot index -> record (others 0)
+  using Slots = std::vector<std::pair<int, Ext>>;
   const List five = {{0, 0, 0x1000, 0}, {1, 0x1000, 0x1000, 0}, {2, 0x2000, 0x1000, 0}, {3, 0x3000, 0x1000, 0},
                      {0x20, 0x4000, 0x1000, 5}};
   List withSecondBios = kLayout;
   withSecondBios.push_back({1, 0xF000, 0x1000, 9});
-  const Row rows[] = {
+  const std::tuple<const char*, List, bool, size_t, uint32_t, Slots> rows[] = {
       {"four regions and a second BIOS: the first of a type fills its slot", withSecondBios, true, 0x2000, 5,
        {{0, kLayout[0]}, {1, kLayout[3]}, {2, kLayout[2]}, {3, kLayout[1]}}},
       {"five records without an end are read in full, a sixth is not", five, false, 0x800, 5,
        {{0, five[0]}, {1, five[1]}, {2, five[2]}, {3, five[3]}, {5, five[4]}}},
       {"empty list", {}, true, 0, 0, {}},
   };
-  for (const Row& row : rows) {
-    Start(row.current, 0, row.terminate);
-    std::vector<uint8_t> image(row.imageSize);
+  for (const auto& [what, current, terminate, imageSize, count, slotsExpected] : rows) {
+    Start(current, 0, terminate);
+    std::vector<uint8_t> image(imageSize);
     for (size_t i = 0; i < image.size(); i++) image[i] = (uint8_t)(i + 1);
-    ASSERT_TRUE(GetExternalMaps(row.imageSize ? image.data() : nullptr, (UINT32)row.imageSize)) << row.what;
+    ASSERT_TRUE(GetExternalMaps(imageSize ? image.data() : nullptr, (UINT32)imageSize)) << what;
     // The head of the image goes to the firmware, as far as the image reaches.
-    for (size_t i = 0; i < 0x1000; i++) ASSERT_EQ(sentHead[i], i < row.imageSize ? (uint8_t)(i + 1) : 0) << row.what << i;
+    for (size_t i = 0; i < 0x1000; i++) ASSERT_EQ(sentHead[i], i < imageSize ? (uint8_t)(i + 1) : 0) << what << i;
     const OblisExternalRecord* list = nullptr;
-    UINT32 count = 99;
-    GetCurrentExternalList(&list, &count);
-    EXPECT_EQ(count, row.count) << row.what;
+    UINT32 listed = 99;
+    GetCurrentExternalList(&list, &listed);
+    EXPECT_EQ(listed, count) << what;
     std::vector<uint8_t> slots(54, 0xCC), expected(54, 0);  // 9 bytes a slot: offset, size, access
     GetCurrentRegionSlots(slots.data());
-    for (auto& [index, e] : row.slots) {
+    for (auto& [index, e] : slotsExpected) {
       bed::PutU32(&expected[index * 9], e.offset), bed::PutU32(&expected[index * 9 + 4], e.size);
       expected[index * 9 + 8] = e.access;
     }
-    EXPECT_EQ(slots, expected) << row.what;
-    EXPECT_LT(Log().find("(Current)\r\n"), Log().find("(New)\r\n")) << row.what;
+    EXPECT_EQ(slots, expected) << what;
+    EXPECT_LT(Log().find("(Current)\r\n"), Log().find("(New)\r\n")) << what;
   }
 }
 
@@ -147,39 +141,31 @@ TEST_F(Region, CheckRegionSizeComparesEverySelectedRegion) {
     std::string log = Log();
     EXPECT_EQ(Console(), row.message) << row.what;
     if (!row.ok) EXPECT_EQ(log.find("|match|"), std::string::npos) << row.what;
-    char head[64];
-    std::snprintf(head, sizeof head, "|check| Region FD size(0x%X)\r\n", row.regions);
-    EXPECT_NE(log.find(head), std::string::npos) << row.what;
+    EXPECT_NE(log.find("|check| Region FD size(0x" + (std::stringstream() << std::uppercase << std::hex << (int)row.regions).str() + ")\r\n"),
+              std::string::npos) << row.what;
     for (const std::string& m : row.matches) EXPECT_NE(log.find(m), std::string::npos) << row.what << m;
   }
 }
 
 TEST_F(Region, SetRsvd17hClosesWhatIsNotSelected) {
-  struct Row {
-    const char* what;
-    List current;
-    uint8_t regions;
-    bool skipMe;
-    const char* closed;  // one character a block
-  };
-  const Row rows[] = {
+  // the current list, the regions, the ME locked, one character a block
+  const std::tuple<const char*, List, uint8_t, bool, const char*> rows[] = {
       {"-bios closes descriptor, GbE and ME", kLayout, kRegionBios, false, "RRRRRR.........."},
       {"-me closes all but ME", kLayout, kRegionMe, false, "RR......RRRRRRRR"},
       {"-me on a locked ME closes ME too", kLayout, kRegionMe, true, "RRRRRR..RRRRRRRR"},
       {"everything selected closes nothing", kLayout, 0x1F, false, "................"},
       {"ME closed through its Ignition ME region", kIgnitionOnly, kRegionBios, false, "R.RRRR.........."},
   };
-  for (const Row& row : rows) {
-    Start(row.current, row.regions);
+  for (const auto& [what, current, regions, skipMe, closed] : rows) {
+    Start(current, regions);
     ASSERT_TRUE(GetExternalMaps(nullptr, 0));
-    if (row.skipMe) SetSkipMeRegion();
+    if (skipMe) SetSkipMeRegion();
     SetRsvd_17h();
-    std::string closed;
-    for (uint32_t block = 0; block < kBlocks; block++) closed.push_back(BlockFlagAt(kBase + block * kBlock) ? 'R' : '.');
-    EXPECT_EQ(closed, row.closed) << row.what;
-    char head[64];
-    std::snprintf(head, sizeof head, "Set Rsvd 17h |enable| (0x%X)\r\n", row.regions);
-    EXPECT_NE(Log().find(head), std::string::npos) << row.what;
+    std::string seen;
+    for (uint32_t block = 0; block < kBlocks; block++) seen.push_back(BlockFlagAt(kBase + block * kBlock) ? 'R' : '.');
+    EXPECT_EQ(seen, closed) << what;
+    EXPECT_NE(Log().find("Set Rsvd 17h |enable| (0x" + (std::stringstream() << std::uppercase << std::hex << (int)regions).str() + ")\r\n"),
+              std::string::npos) << what;
   }
 }
 

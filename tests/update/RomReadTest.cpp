@@ -37,36 +37,29 @@ class RomRead : public bed::ScriptedBed {
 };
 
 TEST_F(RomRead, SmiReadRomNotesALockedMeAndHandsBackNothingOnAFailure) {
-  struct Row {
-    const char* what;
-    uint32_t address;
-    bool withData;
-    uint8_t failCode;
-    bool locked;
-    bool ok, meLocked;
-  };
-  const Row rows[] = {
+  // address, with data, the 14h answer, ME locked there; read, ME lock noted
+  const std::tuple<const char*, uint32_t, bool, uint8_t, bool, bool, bool> rows[] = {
       {"one block", kBase + kBlock, true, 0, false, true, false},
       {"locked ME without data", kBase + 2 * kBlock, false, 0, true, true, true},
       {"locked ME with data is still a read", kBase + 2 * kBlock, true, 0, true, true, true},
       {"read error", kBase, true, kOblisReadFailed, false, false, false},
   };
-  for (const Row& row : rows) {
-    Start({{kBlock / 256, 16}}, row.failCode, row.locked);
+  for (const auto& [what, address, withData, failCode, locked, ok, meLocked] : rows) {
+    Start({{kBlock / 256, 16}}, failCode, locked);
     std::vector<uint8_t> data(kBlock, 0xEE);
     size_t live = Environment().LiveBlocks().size();
-    EXPECT_EQ(SMI_ReadRom(row.address, kBlock, row.withData ? ImageView{data.data(), kBlock} : ImageView{}), row.ok) << row.what;
-    EXPECT_EQ(Environment().LiveBlocks().size(), live) << row.what << ": the read buffer goes back";
-    EXPECT_EQ(IsMeLocked(), row.meLocked) << row.what;
-    ASSERT_EQ(SmiCallsOf(0x14).size(), 1u) << row.what;
-    EXPECT_EQ(SmiCallsOf(0x14)[0].edi, row.address) << row.what;
-    EXPECT_EQ(SmiCallsOf(0x14)[0].ecx, kBlock) << row.what;
-    if (row.ok && row.withData) EXPECT_EQ(0, std::memcmp(data.data(), rom.data() + (row.address - kBase), kBlock)) << row.what;
-    if (!row.ok) {
-      EXPECT_EQ(data, std::vector<uint8_t>(kBlock, 0xEE)) << row.what << ": a failed read hands back nothing";
-      EXPECT_NE(Log().find("<=== SMI_ReadRom (OBLIS 14h failed)"), std::string::npos) << row.what;
+    EXPECT_EQ(SMI_ReadRom(address, kBlock, withData ? ImageView{data.data(), kBlock} : ImageView{}), ok) << what;
+    EXPECT_EQ(Environment().LiveBlocks().size(), live) << what << ": the read buffer goes back";
+    EXPECT_EQ(IsMeLocked(), meLocked) << what;
+    ASSERT_EQ(SmiCallsOf(0x14).size(), 1u) << what;
+    EXPECT_EQ(SmiCallsOf(0x14)[0].edi, address) << what;
+    EXPECT_EQ(SmiCallsOf(0x14)[0].ecx, kBlock) << what;
+    if (ok && withData) EXPECT_EQ(0, std::memcmp(data.data(), rom.data() + (address - kBase), kBlock)) << what;
+    if (!ok) {
+      EXPECT_EQ(data, std::vector<uint8_t>(kBlock, 0xEE)) << what << ": a failed read hands back nothing";
+      EXPECT_NE(Log().find("<=== SMI_ReadRom (OBLIS 14h failed)"), std::string::npos) << what;
     }
-    EXPECT_EQ(bed::CountOf(Log(), "ME |LOCKED|\r\n"), row.meLocked ? 1u : 0u) << row.what;
+    EXPECT_EQ(bed::CountOf(Log(), "ME |LOCKED|\r\n"), meLocked ? 1u : 0u) << what;
   }
 }
 
