@@ -1,141 +1,180 @@
-// The channel: where the SMI number and the command port come from, the register frame of every
-// wrapper on the wire, the retry loop's attempts and delays, and the error report's text.
+// The channel and its wrappers: where the SMI number and the command port come from, the frame
+// and the input record of every wrapper on the wire, the buffers refused when short, and the
+// retry loop's attempts, delays, verdict and error report.
 #include <gtest/gtest.h>
 
-#include "FakeFirmware.h"
-#include "oblis/Oblis.h"
-#include "support/Isolated.h"
+#include <cstring>
+#include <map>
 
-using namespace oblistest;
+#include "oblis/Oblis.h"
+#include "support/DriverBed.h"
 
 namespace {
 
-TEST(Channel, SignatureIsFoundOnlyOnA16ByteBoundaryUpToTheLastSlot) {
-  FakeFirmware fw;
-  struct Row {
-    uint32_t at;
-    uint8_t expected;
-  };
-  const Row rows[] = {
-      {0xE0000, 0x44},  // first slot
-      {0xF0000, 0x44},
-      {0xFFFF0, 0x44},  // last slot
-      {0xF0008, 0xEF},  // misaligned: not seen
-      {0xEFFF1, 0xEF},
-  };
-  fw.Clear(kSignatureSlot);
-  for (const Row& row : rows) {
-    std::vector<uint8_t> slot = Bytes("$OBLIS");
-    slot.push_back(0x44);
-    fw.Place(row.at, slot);
-    EXPECT_EQ(GetSmiMainFunctionNumberFromPhysicalMemory(), row.expected) << std::hex << row.at;
-    fw.Clear(row.at);
+using bed::At;
+using Channel = bed::ScriptedBed;
+
+TEST_F(Channel, SignatureIsFoundOnlyOnA16ByteBoundaryUpToTheLastSlot) {
+  const std::pair<uint32_t, uint8_t> rows[] = {{0xE0000, 0x44}, {0xF0000, 0x44}, {0xFFFF0, 0x44}, {0xF0008, 0xEF}, {0xEFFF1, 0xEF}};
+  for (auto [at, expected] : rows) {
+    Place(0xF0000, {});  // the bed's own slot
+    Place(at, bed::Bytes("$OBLIS\x44"));
+    EXPECT_EQ(GetSmiMainFunctionNumberFromPhysicalMemory(), expected) << std::hex << at;
+    Place(at, {});
   }
-  std::string log = fw.Log();
-  EXPECT_EQ(CountOf(log, " SMI main function number 0x44 found in 0xFFFF0\r\n"), 1u) << log;
-  EXPECT_EQ(CountOf(log, " OBLIS signature not found.\r\n Using default value 0xEF for SMI main function number.\r\n"),
-            2u);
+  EXPECT_EQ(bed::CountOf(Log(), " SMI main function number 0x44 found in 0xFFFF0\r\n"), 1u) << Log();
+  EXPECT_EQ(bed::CountOf(Log(), " OBLIS signature not found.\r\n Using default value 0xEF for SMI main function number.\r\n"), 2u);
 }
 
-// A run refused before the set-up still ends with the host's hook point and final report;
-// with no command port known they must not write to any port (port 0 is the DMA controller).
-TEST(Channel, CallsBeforeASuccessfulSetUpTouchNoPort) {
-  FakeFirmware fw;
-  fw.PlaceFacp(kFacp, 0);
+// A run refused before the set-up still ends with the host's hook point and final report; with
+// no command port known they must not write to any port (port 0 is the DMA controller).
+TEST_F(Channel, CallsBeforeASuccessfulSetUpTouchNoPort) {
+  std::vector<uint8_t> fadt = bed::Bytes("FACP");  // SMI_CMD 0
+  fadt.resize(116);
+  Place(0x7E01000, fadt);
   EXPECT_FALSE(InitialSmi());
   EXPECT_FALSE(SMI_ApHookPoint(0));
   EXPECT_FALSE(FuncOblis_16h());
-  EXPECT_TRUE(fw.frames.empty());
-  EXPECT_NE(fw.Log().find(" SMI command port not known, OBLIS 1Fh not called\r\n"), std::string::npos) << fw.Log();
-  EXPECT_NE(fw.Log().find(" SMI command port not known, OBLIS 16h not called\r\n"), std::string::npos) << fw.Log();
+  EXPECT_TRUE(smiCalls.empty());
+  EXPECT_NE(Log().find(" SMI command port not known, OBLIS 1Fh not called\r\n"), std::string::npos) << Log();
+  EXPECT_NE(Log().find(" SMI command port not known, OBLIS 16h not called\r\n"), std::string::npos) << Log();
 }
 
-// Every wrapper's frame: AL the SMI number, AH the function, EBX the signature, DX the port,
-// ECX/EDI/ESI as the function table lays them out.
-TEST(Channel, EachWrapperPutsItsFrameOnTheWire) {
-  enum Arg { kZero, kBuf, kBuf2, kValue };
-  struct Row {
-    const char* what;
-    std::function<void()> call;
-    uint8_t function;
-    Arg ecx, edi, esi;
-    uint32_t ecxValue;
+// Stand-ins for the addresses known only after the call.
+constexpr uint32_t kBuf = 0xB0F1, kBuf2 = 0xB0F2, kData = 0xDA7A;
+uint8_t gBlock[0x1000];  // static data lies below 4 GB in the host build
+std::vector<uint8_t> gOut(0x20000), gOut2(0x20000), gHead(0x1000, 0x5A);
+
+// Every wrapper's frame: AL the SMI number, AH the function, EBX "$DVR", DX the port, ECX, EDI
+// and ESI as the function table lays them out; and the record it stages for the firmware.
+TEST_F(Channel, EachWrapperPutsItsFrameAndRecordOnTheWire) {
+  std::vector<uint8_t> version = bed::Bytes(std::string("$VER\x04\0" "13k$OBLIS208\xFF", 19));
+  std::vector<uint8_t> finish = bed::Bytes(std::string("$FINISHI\x0D\0\0\0\x01", 13));
+  std::memset(gBlock, 0xC3, 4);
+  // the call, AH, ECX, EDI, ESI, the record at EDI ('D') or ESI ('S')
+  const std::tuple<const char*, std::function<void()>, uint8_t, uint32_t, uint32_t, uint32_t, char, std::vector<uint8_t>> rows[] = {
+      {"10h", [] { Oblis_10h({gOut.data(), 0x80}); }, 0x10, 0, kBuf, 0, 'D', version},
+      {"11h", [] { UINT8 ah; UINT32 ecx; Oblis_11h({gOut.data(), 0x10000}, &ah, &ecx); }, 0x11, 0, kBuf, 0, 0, {}},
+      {"12h", [] { Oblis_12h({gOut.data(), 0x10000}, {gOut2.data(), 0x10000}); }, 0x12, 0, kBuf, kBuf2, 0, {}},
+      {"13h", [] { Oblis_13h({gOut.data(), 0x10000}, {gOut2.data(), 0x10000}); }, 0x13, 0, kBuf, kBuf2, 0, {}},
+      {"16h", [] { Oblis_16h(0x01, 0x02, 1); }, 0x16, 0x0102, 0, kBuf, 'S', finish},
+      {"1Ch", [] { UINT8 s; Oblis_1Ch(&s); }, 0x1C, 0, 0, 0, 0, {}},
+      {"1Eh", [] { Oblis_1Eh({gOut.data(), 0x1000}); }, 0x1E, 0, kBuf, 0, 0, {}},
+      {"1Fh", [] { Oblis_1Fh(9); }, 0x1F, 9, 0, 0, 0, {}},
+      {"14h", [] { UINT8 s; Oblis_14h(0xFFF80000u, 0x10000, {gOut.data(), 0x10000}, &s); }, 0x14, 0x10000, 0xFFF80000u,
+       kBuf, 0, {}},
+      {"15h", [] { UINT8 s; Oblis_15h(gBlock, 0x1000, 0xFFF81000u, &s); }, 0x15, 0x1000, 0xFFF81000u, kData, 'S',
+       {0xC3, 0xC3, 0xC3, 0xC3}},
+      {"17h", [] { Oblis_17h(gHead.data(), {gOut.data(), 0x1000}); }, 0x17, 0x1000, kBuf, kBuf2, 'S', {0x5A, 0x5A}},
+      {"1Ah", [] { SMI_OemOdmCustom2(2, 1); }, 0x1A, 0x0102, 0, 0, 0, {}},
   };
-  static std::vector<uint8_t> out(0x10000), out2(0x10000);
-  const Row rows[] = {
-      {"10h", [] { Oblis_10h({out.data(), 0x80}); }, 0x10, kZero, kBuf, kZero, 0},
-      {"11h", [] { UINT8 ah; UINT32 ecx; Oblis_11h({out.data(), 0x10000}, &ah, &ecx); }, 0x11, kZero, kBuf, kZero, 0},
-      {"12h", [] { Oblis_12h({out.data(), 0x10000}, {out2.data(), 0x10000}); }, 0x12, kZero, kBuf, kBuf2, 0},
-      {"13h", [] { Oblis_13h({out.data(), 0x10000}, {out2.data(), 0x10000}); }, 0x13, kZero, kBuf, kBuf2, 0},
-      {"16h", [] { Oblis_16h(0x01, 0x02, 1); }, 0x16, kValue, kZero, kBuf, 0x0102},
-      {"1Ch", [] { UINT8 s; Oblis_1Ch(&s); }, 0x1C, kZero, kZero, kZero, 0},
-      {"1Eh", [] { Oblis_1Eh({out.data(), 0x1000}); }, 0x1E, kZero, kBuf, kZero, 0},
-      {"1Fh", [] { Oblis_1Fh(9); }, 0x1F, kValue, kZero, kZero, 9},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(0, RunIsolated([&] {
-                FakeFirmware fw;
-                ASSERT_TRUE(InitialSmi());
-                row.call();
-                UINT8* buf = nullptr;
-                UINT8* buf2 = nullptr;
-                GetOblisBuffer(kOblisBufferSize, &buf);
-                GetOblisBuffer2(kOblisBufferSize, &buf2);
-                auto expect = [&](Arg a) -> uint32_t {
-                  return a == kBuf ? (uint32_t)(uintptr_t)buf : a == kBuf2 ? (uint32_t)(uintptr_t)buf2 : 0;
-                };
-                ASSERT_EQ(fw.frames.size(), 1u) << row.what;
-                const OblisRegisters& r = fw.frames[0];
-                EXPECT_EQ(Smi(r), kSmiNumber) << row.what;
-                EXPECT_EQ(Fn(r), row.function) << row.what;
-                EXPECT_EQ(r.ebx, 0x24445652u) << row.what;
-                EXPECT_EQ(r.edx & 0xFFFF, kCommandPort) << row.what;
-                EXPECT_EQ(r.ecx, row.ecx == kValue ? row.ecxValue : expect(row.ecx)) << row.what;
-                EXPECT_EQ(r.edi, expect(row.edi)) << row.what;
-                EXPECT_EQ(r.esi, expect(row.esi)) << row.what;
-              }))
-        << row.what;
+  for (const auto& [what, call, function, ecx, edi, esi, recordIn, expected] : rows) {
+    Install(Layout());
+    ASSERT_TRUE(InitialSmi());
+    std::vector<uint8_t> record;
+    answers[function] = [&, recordIn = recordIn, &expected = expected](OblisRegisters& r) {
+      if (recordIn != 0) record.assign(At(recordIn == 'D' ? r.edi : r.esi), At(recordIn == 'D' ? r.edi : r.esi) + expected.size());
+    };
+    call();
+    UINT8 *buf = nullptr, *buf2 = nullptr;
+    GetOblisBuffer(kOblisBufferSize, &buf);
+    GetOblisBuffer2(kOblisBufferSize, &buf2);
+    std::map<uint32_t, uint32_t> known = {{kBuf, (uint32_t)(uintptr_t)buf}, {kBuf2, (uint32_t)(uintptr_t)buf2}, {kData, (uint32_t)(uintptr_t)gBlock}};
+    auto resolve = [&](uint32_t v) { return known.count(v) ? known[v] : v; };
+    ASSERT_EQ(smiCalls.size(), 1u) << what;
+    const OblisRegisters& r = smiCalls[0];
+    EXPECT_EQ(std::vector<uint32_t>({r.eax & 0xFFFF, r.ebx, r.edx & 0xFFFF, r.ecx, r.edi, r.esi}),
+              std::vector<uint32_t>({(function << 8) | 0xDFu, 0x24445652u, 0xB2u, resolve(ecx), resolve(edi), resolve(esi)}))
+        << what;
+    EXPECT_EQ(record, expected) << what;
   }
 }
 
-TEST(Channel, RetryLoopAttemptsDelaysAndVerdict) {
+// A caller's buffer shorter than what the firmware hands back is refused before any call.
+TEST_F(Channel, ShortBuffersAreRefusedBeforeTheCall) {
+  const char* kShort = "Output buffer too short";
+  const std::tuple<const char*, std::function<bool()>, const char*> rows[] = {  // reason null: taken
+      {"11h", [] { return Oblis_11h({gOut.data(), 0xFFFF}, nullptr, nullptr); }, kShort},
+      {"12h private", [] { return Oblis_12h({gOut.data(), 0x10000}, {gOut2.data(), 0xFFFF}); }, kShort},
+      {"13h map", [] { return Oblis_13h({gOut.data(), 0x10000}, {gOut2.data(), 0xFFFF}); }, kShort},
+      {"1Eh", [] { return Oblis_1Eh({gOut.data(), 0xFFF}); }, kShort},
+      {"1Eh exact", [] { return Oblis_1Eh({gOut.data(), 0x1000}); }, nullptr},
+      {"14h", [] { return Oblis_14h(0xFFFF0000u, 0x1000, {gOut.data(), 0xFFF}, nullptr); }, kShort},
+      {"14h exact", [] { return Oblis_14h(0xFFFF0000u, 0x1000, {gOut.data(), 0x1000}, nullptr); }, nullptr},
+      {"14h past the shared buffer", [] { return Oblis_14h(0xFFFF0000u, 0x20001, {}, nullptr); }, "Read size over OBLIS buffer"},
+      {"ROM read", [] { return SMI_ReadRom(0xFFFF0000u, 0x1000, {gOut.data(), 0xFFF}); }, kShort},
+      {"17h", [] { return Oblis_17h(nullptr, {gOut.data(), 0xFFF}); }, kShort},
+  };
+  for (const auto& [what, call, reason] : rows) {
+    Install(Layout());
+    ASSERT_TRUE(InitialSmi());
+    EXPECT_EQ(call(), reason == nullptr) << what;
+    EXPECT_EQ(smiCalls.size(), reason == nullptr ? 1u : 0u) << what;
+    if (reason != nullptr) EXPECT_NE(Log().find(std::string(" (") + reason + ")\r\n"), std::string::npos) << what << Log();
+  }
+}
+
+// Per wrapper and code sequence: the codes that end the loop, the ones accepted, the attempts,
+// the delays between them and the report on the console.
+TEST_F(Channel, RetryLoopAttemptsDelaysVerdictAndReport) {
   struct Row {
     const char* what;
-    int retry;
-    int delay;
+    const char* others;  // the [Others] keys
     uint8_t function;
     std::vector<uint8_t> codes;
     bool result;
+    uint8_t status;  // 14h and 15h hand it back
     size_t attempts;
     size_t stalls;
+    const char* console;
   };
+  const char* retry2 = "SMIErrorRetry=2\nSMIErrorRetryDelay=1\n";
   const Row rows[] = {
-      {"retry 0: one attempt, delay after it", 0, 3, 0x1F, {0x20}, false, 1, 3},
-      {"retry 255: no attempt at all", 255, 3, 0x1F, {0x00}, false, 0, 0},
-      {"success on the third", 5, 2, 0x1F, {0x20, 0x24, 0x00}, true, 3, 4},
-      {"16h unsupported throughout is success", 2, 1, 0x16, {0xEF}, true, 3, 3},
-      {"1Eh unsupported is failure", 1, 1, 0x1E, {0xEF}, false, 2, 2},
-      {"default settings: six attempts 100 ms apart", -1, -1, 0x1F, {0x20}, false, 6, 600},
+      {"retry 0: one attempt, delay after it", "SMIErrorRetry=0\nSMIErrorRetryDelay=3\n", 0x1F, {0x20}, false, 0, 1, 3, ""},
+      {"retry 255: no attempt at all", "SMIErrorRetry=255\nSMIErrorRetryDelay=3\n", 0x1F, {0x00}, false, 0, 0, 0, ""},
+      {"success on the third", "SMIErrorRetry=5\nSMIErrorRetryDelay=2\n", 0x1F, {0x20, 0x24, 0x00}, true, 0, 3, 4, ""},
+      {"default settings: six attempts 100 ms apart", "", 0x1F, {0x20}, false, 0, 6, 600, ""},
+      {"16h unsupported throughout is success", retry2, 0x16, {0xEF}, true, 0, 3, 3, ""},
+      {"1Eh unsupported is failure", retry2, 0x1E, {0xEF}, false, 0, 3, 3, ""},
+      {"14h locked ME ends at once, success", retry2, 0x14, {0x2A}, true, 0x2A, 1, 0, ""},
+      {"14h a failure then locked ME", retry2, 0x14, {0x24, 0x2A}, true, 0x2A, 2, 1, ""},
+      {"14h read failure reported", retry2, 0x14, {0x24}, false, 0x24, 3, 3,
+       "\r\n\r\nError: OBLIS 14h failed.\r\nInternal Error 24\r\nFBTS: Read bios failed.\r\n"},
+      {"15h skipped block ends at once, success", retry2, 0x15, {0x29}, true, 0x29, 1, 0, ""},
+      {"15h write failure reported", retry2, 0x15, {0x25}, false, 0x25, 3, 3,
+       "\r\n\r\nError: OBLIS 15h failed.\r\nInternal Error 25\r\nFBTS: Write bios failed.\r\n"},
+      {"15h locked ME is no loop end for a write", retry2, 0x15, {0x2A, 0x00}, true, 0x00, 2, 1, ""},
+      {"17h failure is not reported", retry2, 0x17, {0xEF}, false, 0, 3, 3, ""},
+      {"1Ah unsupported is success, once", retry2, 0x1A, {0xEF}, true, 0, 1, 0, ""},
+      {"1Ah failure is not retried", retry2, 0x1A, {0x25, 0x00}, false, 0, 1, 0, ""},
+      {"11h refusal names the code", "SMIErrorRetry=0\nSMIErrorRetryDelay=0\n", 0x11, {0x01}, false, 0, 1, 0,
+       "\r\n\r\nError: OBLIS 11h failed.\r\nInternal Error 1\r\n"
+       "Access prohibited. (Need provide secure mechanism to work for it, EBX='$DVR')'\r\n"},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(0, RunIsolated([&] {
-                FakeFirmware fw;
-                if (row.retry >= 0) FakeFirmware::MutableSettings().others.smiErrorRetry = row.retry;
-                if (row.delay >= 0) FakeFirmware::MutableSettings().others.smiErrorRetryDelay = row.delay;
-                if (row.retry < 0) InitialIniStructure();
-                ASSERT_TRUE(InitialSmi());
-                fw.AnswerCodes(row.function, row.codes);
-                bool result = false;
-                static UINT8 out[0x1000];
-                if (row.function == 0x1F) result = Oblis_1Fh(3);
-                if (row.function == 0x16) result = Oblis_16h(0, 2, 1);
-                if (row.function == 0x1E) result = Oblis_1Eh({out, sizeof out});
-                EXPECT_EQ(result, row.result) << row.what;
-                EXPECT_EQ(fw.FramesOf(row.function).size(), row.attempts) << row.what;
-                EXPECT_EQ(fw.StallCount(), row.stalls) << row.what;
-                for (uint64_t us : fw.Stalls()) EXPECT_EQ(us, 1000u);
-              }))
-        << row.what;
+    Install(Layout());
+    LoadSettings(std::string("[Others]\n") + row.others);
+    ASSERT_TRUE(InitialSmi());
+    AnswerCodes(row.function, row.codes);
+    size_t stallsBefore = Environment().StallCalls().size();
+    UINT8 status = 0x77;
+    bool result = false;
+    switch (row.function) {
+      case 0x1F: result = Oblis_1Fh(3); break;
+      case 0x16: result = Oblis_16h(0, 2, 1); break;
+      case 0x1E: result = Oblis_1Eh({gOut.data(), 0x1000}); break;
+      case 0x14: result = Oblis_14h(0xFFF00000u, 0x1000, {gBlock, 0x1000}, &status); break;
+      case 0x15: result = Oblis_15h(gBlock, 0x1000, 0xFFF00000u, &status); break;
+      case 0x17: result = Oblis_17h(nullptr, {gOut.data(), 0x1000}); break;
+      case 0x1A: result = SMI_OemOdmCustom2(1, 0); break;
+      case 0x11: result = Oblis_11h({}, nullptr, nullptr); break;
+    }
+    EXPECT_EQ(result, row.result) << row.what;
+    if (row.function == 0x14 || row.function == 0x15) EXPECT_EQ(status, row.status) << row.what;
+    EXPECT_EQ(SmiCallsOf(row.function).size(), row.attempts) << row.what;
+    std::vector<uint64_t> stalls(Environment().StallCalls().begin() + stallsBefore, Environment().StallCalls().end());
+    EXPECT_EQ(stalls, std::vector<uint64_t>(row.stalls, 1000)) << row.what;
+    EXPECT_EQ(Console(), row.console) << row.what;
   }
 }
 

@@ -324,3 +324,62 @@ std::string DriverBed::Painted() const {
 }
 
 }  // namespace bed
+
+// ---- scripted answers of the map functions ----
+namespace bed {
+
+void PutU32(uint8_t* at, uint32_t value) {
+  for (int i = 0; i < 4; i++) at[i] = (uint8_t)(value >> (8 * i));
+}
+
+DriverBed::Handler FlashPartAnswer(uint8_t sizeIndex, std::vector<std::pair<uint16_t, uint16_t>> map,
+                                   uint32_t sizeSpecified, bool ended) {
+  return [sizeIndex, map, sizeSpecified, ended](OblisRegisters& r) {
+    At(r.edi)[0] = sizeIndex;
+    PutU32(At(r.edi) + 68, sizeSpecified);
+    uint8_t* out = At(r.esi);
+    for (auto [size, count] : map) {
+      *out++ = (uint8_t)size;
+      *out++ = (uint8_t)(size >> 8);
+      *out++ = (uint8_t)count;
+      *out++ = (uint8_t)(count >> 8);
+    }
+    std::memset(out, ended ? 0xFF : 0x01, ended ? 2 : 0x100);
+  };
+}
+
+DriverBed::Handler PlatformMapsAnswer(std::vector<MapRegion> privates, std::vector<MapRegion> protections) {
+  return [privates, protections](OblisRegisters& r) {
+    uint8_t* privateMap = At(r.esi);
+    for (const MapRegion& region : privates) {
+      PutU32(privateMap, region.address);
+      PutU32(privateMap + 4, region.size);
+      privateMap += 8;
+    }
+    PutU32(privateMap, 0xFF);
+    uint8_t* protection = At(r.edi);
+    for (const MapRegion& region : protections) {
+      protection[0] = region.type;
+      PutU32(protection + 1, region.address);
+      PutU32(protection + 5, region.size);
+      protection += 9;
+    }
+    protection[0] = 0xFF;
+  };
+}
+
+DriverBed::Handler WholeMapAnswer(std::vector<MapRegion> regions) {
+  return [regions](OblisRegisters& r) {
+    uint8_t* out = At(r.edi);
+    for (const MapRegion& region : regions) {
+      out[0] = region.type;
+      PutU32(out + 1, region.address);
+      PutU32(out + 5, region.size);
+      out += 13;
+    }
+    out[0] = 0xFF;
+    PutU32(out + 1, 0xFFFFFFFFu);
+  };
+}
+
+}  // namespace bed

@@ -141,3 +141,27 @@ class DriverBed : public ::testing::Test {
 };
 
 }  // namespace bed
+
+// ---- the scripted bed and the answers of the map functions, for the oblis and update tests ----
+namespace bed {
+
+class ScriptedBed : public DriverBed {
+ protected:
+  BedSetup Layout() const override { return {.firmware = Firmware::Scripted}; }
+};
+
+void PutU32(uint8_t* at, uint32_t value);
+struct MapRegion {
+  uint8_t type;
+  uint32_t address, size;
+};
+// 13h: a part of the size index (and the size for index FFh) and a block map of (block size in
+// 256 bytes, count), ended by FFFFh or, when not ended, followed by bytes 01h.
+DriverBed::Handler FlashPartAnswer(uint8_t sizeIndex, std::vector<std::pair<uint16_t, uint16_t>> map,
+                                   uint32_t sizeSpecified = 0, bool ended = true);
+// 12h: the private list (types ignored) at ESI and the protection list at EDI, each ended.
+DriverBed::Handler PlatformMapsAnswer(std::vector<MapRegion> privates, std::vector<MapRegion> protections);
+// 1Eh: the whole ROM map at EDI, ended.
+DriverBed::Handler WholeMapAnswer(std::vector<MapRegion> regions);
+
+}  // namespace bed
