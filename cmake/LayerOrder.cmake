@@ -1,10 +1,9 @@
 # The driver's folders form an order, lowest first: a folder may include its own headers and
 # those of the folders below it, never one above. The file layer (frame/FileLayer.h) and the
 # host's settings (frame/Host.h) sit below them all: the trace log is written through the one,
-# and the other only holds what the host and the mains hand down. ENFORCED folders fail the configure on an
-# upward include; the others are still being untangled and are listed as a warning.
+# and the other only holds what the host and the mains hand down. An upward include fails the
+# configure.
 set(KOBALT_LAYERS output config oblis image checks update frame)
-set(KOBALT_LAYERS_ENFORCED output)
 set(KOBALT_BASE_HEADERS frame/FileLayer.h frame/Host.h)
 foreach(folder ${KOBALT_LAYERS})
   list(FIND KOBALT_LAYERS ${folder} rank)
@@ -24,9 +23,7 @@ foreach(folder ${KOBALT_LAYERS})
     endforeach()
   endforeach()
   list(JOIN above "\n  " text)
-  if(above AND folder IN_LIST KOBALT_LAYERS_ENFORCED)
+  if(above)
     message(FATAL_ERROR "${folder}/ includes a folder above it:\n  ${text}")
-  elseif(above)
-    message(WARNING "${folder}/ still includes a folder above it:\n  ${text}")
   endif()
 endforeach()

@@ -6,6 +6,7 @@
 
 #include "config/Config.h"
 #include "frame/Frame.h"
+#include "oblis/Oblis.h"
 #include "support/DriverBed.h"
 
 namespace {
@@ -154,7 +155,7 @@ TEST_F(CommandFilter, UsageShowsOnlyPermittedRowsAndPagesBeforeTheScreenIsFull) 
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     Start(row.filter, "abcdef");
-    DisplayUsage();
+    DisplayUsage(DialogKey);
     std::string console = NewConsole();
     for (const auto& text : row.shown) EXPECT_NE(console.find("\r         " + text), std::string::npos) << text;
     for (const auto& text : row.hidden) EXPECT_EQ(console.find(text), std::string::npos) << text;
@@ -164,13 +165,13 @@ TEST_F(CommandFilter, UsageShowsOnlyPermittedRowsAndPagesBeforeTheScreenIsFull) 
 
 TEST_F(CommandFilter, EmptyTableLeavesOnlyTheClosingLineOfTheUsage) {
   Start(kEmpty);
-  DisplayUsage();
+  DisplayUsage(DialogKey);
   EXPECT_EQ(NewConsole(), "\r\n");
 }
 
 TEST_F(CommandFilter, PagerBreaksBeforeTheRowThatWouldFillTheScreen) {
   Start(kNoFilter, "xy");
-  DisplayUsage();
+  DisplayUsage(DialogKey);
   std::string console = NewConsole();
   size_t first = console.find("Press a key to continue");
   size_t second = console.find("Press a key to continue", first + 1);

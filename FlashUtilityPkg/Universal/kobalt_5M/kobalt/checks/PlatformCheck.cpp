@@ -14,17 +14,6 @@ constexpr UINTN kTextCharacters = 255;  // of a name or a version that takes par
 constexpr UINTN kTextBytes = kTextCharacters + 1;
 constexpr UINTN kIdentityCharacters = 64;  // NewImageModel, NewImageVersion: 63 and the terminator
 constexpr UINTN kBoxLineCharacters = 320;
-// The firmware hears of every key wait of a dialog, before and after.
-constexpr UINT32 kHookPointBeforeDialog = 5;
-constexpr UINT32 kHookPointAfterDialog = 6;
-
-CHAR16 DialogKey() {
-  SMI_ApHookPoint(kHookPointBeforeDialog);
-  CHAR16 key = WaitKey();
-  SMI_ApHookPoint(kHookPointAfterDialog);
-  return key;
-}
-
 // The BVDT fields, from the block's first byte; a '$' in front of a field says it is there.
 constexpr UINT32 kBvdtVersionMark = 0x0D;
 constexpr UINT32 kBvdtVersionOffset = 0x0E;

@@ -169,10 +169,6 @@ VOID LoadAllSections(Bool withMultiFd);
 // ---- configuration sources ----
 VOID ClearCfg_variable();
 Bool GetCfg_Variable();
-Bool GetCfg_Secure();
-// imageName holds 128 characters; the multi-image road may replace it.
-Bool LoadConfiguration(CHAR16* imageName);
-Bool LoadConfigFormal(CHAR16* imageName);
 // Stores a normal-form text, less the sections a capsule run must not take over, in the
 // variable FlashINISettings.
 VOID SaveCfg_Variable(const CHAR8* text, UINT32 size);
@@ -194,7 +190,8 @@ const CHAR16* RegionTypeName(UINT8 type);
 constexpr UINTN kImageNameCharacters = 128;
 constexpr UINTN kCommandTextCharacters = 512;
 Bool ParseCommandLine(CHAR16* imageName, CHAR16* commandText);
-VOID DisplayUsage();
+// The help; pageKey waits for the key between screens (the caller tells the firmware of it).
+VOID DisplayUsage(CHAR16 (*pageKey)());
 Bool ChkFilterArg(const CHAR16* commandText);
 // Runs at the end of every load of a settings text.
 VOID ChkFilterTblIni();

@@ -1,10 +1,7 @@
-// Where the settings of a run come from: platform.ini beside the tool, the INI slot of a secure
-// image, the variable FlashINISettings that bridges a shell run and the capsule run after it, and
-// the driver's own INI slot. Reading the text is the INI reader's; the choice among several
-// images is the multi-image rules'; what an image is, the image analysis'.
+// The variable FlashINISettings, which bridges a shell run and the capsule run after it: what a
+// run stores in it and how the capsule run takes it back. The settings that files and images
+// bring are read in the image folder (ImageSettings.cpp).
 #include "config/Config.h"
-#include "frame/FileLayer.h"
-#include "image/Image.h"
 #include "output/Output.h"
 
 namespace {
@@ -35,30 +32,6 @@ constexpr CHAR16 kReasonAllocateFailed[] = u"Allocate memory failed";
 constexpr CHAR16 kReasonGetFailed[] = u"Get variable failed";
 constexpr CHAR16 kReasonClearFailed[] = u"Clear variable failed";
 
-constexpr CHAR16 kGetCfgSecureName[] = u"GetCfg_Secure";
-constexpr CHAR16 kSecureEmpty[] = u"Error:\r\nSettings buffer is empty!\r\n";
-constexpr CHAR16 kSecureAllocateFailed[] = u"Error:\r\nAllocate memory failed (0x%X)\r\n";
-// The slot's size field is filled by the packing step; one that claims more than the slot holds
-// is refused rather than read past the slot.
-constexpr CHAR16 kSecureTooLarge[] = u"Error:\r\nSettings size 0x%X exceeds its slot (0x%X)!\r\n";
-constexpr CHAR16 kFromCapsule[] = u"Reference configure from capsule\r\n";
-constexpr CHAR16 kReasonSecureEmpty[] = u"ini in capsule is empty";
-constexpr CHAR16 kReasonSecureTooLarge[] = u"ini in capsule exceeds its slot";
-
-// The INI slot in the driver's own chain: its header at a fixed offset from the chain's first
-// byte, the size field 20 bytes into the header, the data behind the 24-byte header.
-constexpr UINT32 kChainIniSlot = 0x500048;
-constexpr UINT32 kChainIniSizeField = kChainIniSlot + 20;
-constexpr UINT32 kChainIniData = kChainIniSlot + 24;
-constexpr UINT32 kChainIniCapacity = 0x10000;
-
-constexpr CHAR16 kPlatformIniName[] = u"platform.ini";
-constexpr CHAR16 kFormalExternal[] = u"formal ref. configure | ext|\r\n";
-constexpr CHAR16 kFormalImage[] = u"formal ref. configure | FD|\r\n";
-constexpr CHAR16 kNoMultiFdMatch[] = u"No match file in Multi-FD.\r\n";
-constexpr CHAR16 kImageNotFound[] = u"\r\n    Error:\r\n    the FD file not found. (%s)\r\n\r\n";
-constexpr UINTN kMatchedNameCharacters = 40;
-
 CHAR8 LowerCase(CHAR8 c) { return (c >= 'A' && c <= 'Z') ? (CHAR8)(c - 'A' + 'a') : c; }
 
 Bool StartsWithNoCase(const CHAR8* text, UINT32 length, const CHAR8* prefix) {
@@ -78,11 +51,6 @@ const CHAR8* NotStoredSection(const CHAR8* piece, UINT32 length) {
     }
   }
   return nullptr;
-}
-
-VOID ReportImageNotFound(const CHAR16* imageName) {
-  PrintBanner(true);
-  Print(kImageNotFound, imageName);
 }
 
 }  // namespace
@@ -161,81 +129,4 @@ Bool GetCfg_Variable() {
   status = gRT->SetVariable(kVariableName, &kVariableGuid, kVariableAttributes, 0, nullptr);
   TraceLeave(kGetCfgVariableName, EFI_ERROR(status) ? kReasonClearFailed : nullptr);
   return true;
-}
-
-Bool GetCfg_Secure() {
-  TraceEnter(kGetCfgSecureName);
-  const UINT8* chain = DriverSlotChain();
-  UINT32 size = ReadU32(chain + kChainIniSizeField);
-  if (size == 0) {
-    Print(kSecureEmpty);
-    TraceLeave(kGetCfgSecureName, kReasonSecureEmpty);
-    return false;
-  }
-  if (size > kChainIniCapacity || kChainIniData + size > DriverSlotChainSize()) {
-    Print(kSecureTooLarge, size, kChainIniCapacity);
-    TraceLeave(kGetCfgSecureName, kReasonSecureTooLarge);
-    return false;
-  }
-  CHAR8* buffer = static_cast<CHAR8*>(AllocateZeroPool((UINTN)size + 16));
-  if (buffer == nullptr) {
-    Print(kSecureAllocateFailed, size);
-    TraceLeave(kGetCfgSecureName, kReasonAllocateFailed);
-    return false;
-  }
-  CopyMem(buffer, chain + kChainIniData, size);
-  LoadOption(buffer, &size, false);
-  FreePoolAndNull(buffer);
-  LogPrint(kLogDetail, kFromCapsule);
-  TraceLeave(kGetCfgSecureName, nullptr);
-  return true;
-}
-
-Bool LoadConfiguration(CHAR16* imageName) {
-  // PACKAGE ROAD: in package mode the settings come from the package (LoadConfigPackage). Reading
-  // packages is not built yet, so every run takes the formal road until it is.
-  return LoadConfigFormal(imageName);
-}
-
-Bool LoadConfigFormal(CHAR16* imageName) {
-  UINT8* text = nullptr;
-  UINT32 textSize = 0;
-  // LoadOption keeps its own copy of the normal form, so the file's buffer goes back at once.
-  if (ReadFile(kPlatformIniName, &text, &textSize)) {
-    LogPrint(kLogSettings, kFormalExternal);
-    CHAR8* iniText = reinterpret_cast<CHAR8*>(text);
-    LoadOption(iniText, &textSize, true);
-    if (Settings()->multiFd.flag != 1) {
-      SaveCfg_Variable(iniText, textSize);
-      FreePoolAndNull(text);
-      return true;
-    }
-    FreePoolAndNull(text);
-    if (!IsCondi_match()) {
-      PrintBanner(true);
-      Print(kNoMultiFdMatch);
-      return false;
-    }
-    // The matched name replaces the one from the command line; its own buffer holds 40.
-    CHAR16 matched[kMatchedNameCharacters + 1] = {};
-    GetMatchedImageName(matched);
-    matched[kMatchedNameCharacters] = 0;
-    StrCopy16(imageName, kImageNameCharacters, matched);
-  }
-
-  UINT8* image = nullptr;
-  UINT32 length = 0;
-  if (!ReadFile(imageName, &image, &length)) {
-    ReportImageNotFound(imageName);
-    return false;
-  }
-  LogPrint(kLogSettings, kFormalImage);
-  if (!AnalyzeImage(image, length)) {
-    // A legacy image brings no settings: what stands so far stays.
-    FreePoolAndNull(image);
-    return true;
-  }
-  Bool loaded = LoadImageConfig(image, length);
-  FreePoolAndNull(image);
-  return loaded;
 }

@@ -1,7 +1,6 @@
 // The help text (DisplayUsage): the usage rows, the rows the firmware's filter hides, and the
 // pager that stops before a screen is full. Which options exist is the command-line reader's.
 #include "config/Config.h"
-#include "oblis/Oblis.h"
 #include "output/Output.h"
 
 namespace {
@@ -10,9 +9,6 @@ constexpr UINT8 kNoBit = 0x81;
 // The banner and its blank lines stand above the first row.
 constexpr UINT32 kFirstLine = 4;
 constexpr UINT32 kScreenLines = 24;
-// The firmware hears of every key wait of a dialog, before and after.
-constexpr UINT32 kHookPointBeforeDialog = 5;
-constexpr UINT32 kHookPointAfterDialog = 6;
 
 constexpr CHAR16 kDisplayUsageName[] = u"DisplayUsage";
 constexpr CHAR16 kTraceFilterEnabled[] = u"filter() |enable|\r\n";
@@ -88,7 +84,7 @@ constexpr UsageRow kUsageRows[] = {
 
 }  // namespace
 
-VOID DisplayUsage() {
+VOID DisplayUsage(CHAR16 (*pageKey)()) {
   TraceEnter(kDisplayUsageName);
   CommandFilter filter;
   Bool filtered = LoadCommandFilter(&filter);
@@ -103,9 +99,7 @@ VOID DisplayUsage() {
     }
     if (lines + row.lines >= kScreenLines) {
       Print(kPressKey);
-      SMI_ApHookPoint(kHookPointBeforeDialog);
-      WaitKey();
-      SMI_ApHookPoint(kHookPointAfterDialog);
+      pageKey();
       lines = 0;
     }
     // The long rows do not fit one Print; PrintLong gives the same text in slices.

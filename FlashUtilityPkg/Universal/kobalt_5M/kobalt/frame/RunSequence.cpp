@@ -14,8 +14,6 @@ namespace {
 constexpr UINTN kImageWorkBufferBytes = 0x1000000;  // 16 MiB, reserved for the whole run
 constexpr UINT32 kHookPointApLaunch = 1;
 // The firmware hears of every key wait of a dialog, before and after.
-constexpr UINT32 kHookPointBeforeDialog = 5;
-constexpr UINT32 kHookPointAfterDialog = 6;
 
 constexpr CHAR16 kFreeResource[] = u"FreeResource";
 constexpr CHAR16 kInitialize[] = u"Initialize";
@@ -113,14 +111,6 @@ Bool EndSetUp(const CHAR16* name, const SetUpFailure& failure) {
   }
   TraceLeave(name, failure.reason);
   return failure.reason == nullptr;
-}
-
-// A key wait of a dialog: the firmware is told before and after.
-CHAR16 DialogKey() {
-  SMI_ApHookPoint(kHookPointBeforeDialog);
-  CHAR16 key = WaitKey();
-  SMI_ApHookPoint(kHookPointAfterDialog);
-  return key;
 }
 
 // The first yes makes the run a query. The order differs from RunQueryCommand's.
@@ -295,7 +285,7 @@ StepEnd RunShellSteps(ShellRun& run) {
   // argument count is asked first, so a run with options never asks for the multi-image mode.
   if (run.argumentCount == 1 && !IsMultiFdMode()) {
     PrintBanner(true);
-    DisplayUsage();
+    DisplayUsage(DialogKey);
     return EndEarly(kReasonShowHelp);
   }
   // The firmware only hears of the parameters; a failure is traced and the run goes on.

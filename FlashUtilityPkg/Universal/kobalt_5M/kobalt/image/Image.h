@@ -46,6 +46,13 @@ const CHAR16* NewImageVersion();
 VOID SetNewImageModel(const CHAR16* model);
 VOID SetNewImageVersion(const CHAR16* version);
 
+// ---- settings the files and images bring ----
+// The driver's own INI slot, filled by the packing step: the capsule run's settings.
+Bool GetCfg_Secure();
+// imageName holds 128 characters; the multi-image road may replace it.
+Bool LoadConfiguration(CHAR16* imageName);
+Bool LoadConfigFormal(CHAR16* imageName);
+
 // State. Each file of the folder keeps its state in one record; ResetImageState() puts them
 // all back as a fresh load leaves them. Host builds and tests only: the firmware loads the
 // driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out

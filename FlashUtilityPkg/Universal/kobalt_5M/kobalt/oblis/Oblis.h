@@ -114,6 +114,8 @@ VOID GetModelStrings(CHAR16** name, CHAR16** version);
 Bool AllowAlpCommand();
 Bool DisableComparison();
 Bool EFIAPI SMI_ApHookPoint(UINT32 point);
+// A key wait of a dialog: the firmware hears of it before and after (hook points 5 and 6).
+CHAR16 DialogKey();
 // A SetStatus_16h argument of this value leaves that part of the finish state as it is.
 constexpr UINT8 kFinishLeaveAsIs = 0xEF;
 // Gives the firmware's last word on the finish action, over settings and options; the pre-flash

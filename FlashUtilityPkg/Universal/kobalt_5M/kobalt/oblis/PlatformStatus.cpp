@@ -15,6 +15,8 @@ constexpr UINT32 kVendorOffset = 15;
 constexpr UINT32 kFilterSignatureBytes = 8;
 constexpr UINT32 kFilterHeadBytes = 12;
 constexpr UINT32 kModelStringCopyBytes = 0x200;
+constexpr UINT32 kHookPointBeforeDialog = 5;
+constexpr UINT32 kHookPointAfterDialog = 6;
 
 constexpr UINT32 kFadtDsdtOffset = 40;
 constexpr UINT32 kAcpiHeaderBytes = 36;
@@ -296,6 +298,13 @@ Bool EFIAPI SMI_ApHookPoint(UINT32 point) {
   }
   TraceLeave(name, nullptr);
   return true;
+}
+
+CHAR16 DialogKey() {
+  SMI_ApHookPoint(kHookPointBeforeDialog);
+  CHAR16 key = WaitKey();
+  SMI_ApHookPoint(kHookPointAfterDialog);
+  return key;
 }
 
 VOID ResetPlatformStatusState() {

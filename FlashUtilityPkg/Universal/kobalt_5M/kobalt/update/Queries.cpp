@@ -18,7 +18,7 @@ constexpr CHAR16 kQueryNotBuilt[] = u"\r\nThe query %s is not built yet; nothing
 VOID RunQueryCommand(const CHAR16* imageName) {
   const CommandFlags* flags = Flags();
   if (flags->help) {
-    DisplayUsage();
+    DisplayUsage(DialogKey);
   } else if (flags->pq) {
     // A null list shows the kept one, as far as it goes.
     ShowProtectionMapConsole(nullptr, kMapRecordLimit);
