@@ -71,6 +71,8 @@ struct State {
   // memory, keyed by the address handed out
   std::map<uintptr_t, MemoryBlock> blocks;
   uint64_t allocations = 0;
+  // Pool blocks freed with a byte behind their end changed (see PoolOverruns).
+  uint64_t overruns = 0;
 
   // clock
   uint64_t stalled = 0;

@@ -120,11 +120,28 @@ EFI_STATUS EFIAPI AllocatePool(EFI_MEMORY_TYPE, UINTN size, VOID** buffer) {
   return *buffer == nullptr ? EFI_OUT_OF_RESOURCES : EFI_SUCCESS;
 }
 
+// A pool block ends where its size rounded up to 8 meets the guard page, so an overrun of up to
+// 7 bytes lands in the rounding rather than the guard. Those bytes keep the fresh-memory byte
+// unless something wrote past the block.
+bool WrittenPastEnd(const MemoryBlock& block) {
+  if (!block.pool) return false;
+  const uint8_t* behind = reinterpret_cast<const uint8_t*>(block.base + block.length);
+  const uint8_t* guard = reinterpret_cast<const uint8_t*>(block.mapBase + block.pages * kPage);
+  for (; behind < guard; ++behind)
+    if (*behind != kFreshMemoryByte) return true;
+  return false;
+}
+
 EFI_STATUS EFIAPI FreePool(VOID* buffer) {
   auto it = g->blocks.find(reinterpret_cast<uintptr_t>(buffer));
   if (buffer == nullptr || it == g->blocks.end() || !it->second.pool) {
     std::fprintf(stderr, "zaprom-emu: FreePool of %p, which is no pool block handed out\n", buffer);
     return EFI_INVALID_PARAMETER;
+  }
+  if (WrittenPastEnd(it->second)) {
+    std::fprintf(stderr, "zaprom-emu: pool block %p of %zu bytes (allocation %llu) was written past its end\n", buffer,
+                 it->second.length, static_cast<unsigned long long>(it->second.serial));
+    ++g->overruns;
   }
   munmap(reinterpret_cast<void*>(it->second.mapBase), it->second.mapLength);
   g->blocks.erase(it);
@@ -252,6 +269,12 @@ std::string ContentHint(const uint8_t* data, size_t length) {
 }
 
 }  // namespace
+
+uint64_t Environment::PoolOverruns() const {
+  uint64_t overruns = detail::g->overruns;
+  for (const auto& [base, block] : detail::g->blocks) overruns += detail::WrittenPastEnd(block) ? 1 : 0;
+  return overruns;
+}
 
 std::vector<LiveBlock> Environment::LiveBlocks() const {
   std::vector<LiveBlock> live;

@@ -103,6 +103,9 @@ class Environment {
   bool ContainsAddress(uint64_t address, uint64_t length) const;
   // Pool blocks and page ranges handed out and not yet freed, in the order they were handed out.
   std::vector<LiveBlock> LiveBlocks() const;
+  // Pool blocks written past their end (within the 8-byte rounding the guard page cannot catch),
+  // counted when freed and among those still allocated.
+  uint64_t PoolOverruns() const;
 
   // The 80x25 screen as the console left it: rows joined by '\n', trailing blanks trimmed.
   std::string ScreenText() const;

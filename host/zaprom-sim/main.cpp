@@ -25,7 +25,7 @@ constexpr int kExitUsage = 2;
 // The machine lost power in the middle of a write (power_cut_after_writes).
 constexpr int kExitPowerLost = 4;
 constexpr char kPowerLostMessage[] = "zaprom-sim: power lost during a write\n";
-// The tool returned with pool memory or pages it never gave back.
+// The tool returned with pool memory or pages it never gave back, or wrote past a pool block.
 constexpr int kExitLeak = 5;
 
 const char kUsage[] =
@@ -286,5 +286,10 @@ int main(int argc, char** argv) {
   runEnd.WriteBack();
   runEnd.PrintSummary();
   if (!ReportLiveBlocks(environment)) return kExitLeak;
+  if (environment.PoolOverruns() != 0) {
+    std::fprintf(stderr, "zaprom-sim: %llu pool block%s written past the end\n",
+                 static_cast<unsigned long long>(environment.PoolOverruns()), environment.PoolOverruns() == 1 ? "" : "s");
+    return kExitLeak;
+  }
   return status == EFI_SUCCESS ? 0 : 1;
 }

@@ -106,13 +106,13 @@ TEST_F(FinishState, SetStatusLoadsTheSettingThenOptionsThenArguments) {
     std::vector<std::u16string> options;
     uint8_t cmos, action, complete;
     uint8_t keptCmos, keptAction, keptComplete;
-    const char* optionLines;
+    const char* lines;  // the "Set 16h" lines: options, then arguments
   };
   const Row rows[] = {
       {"all left as they are", 1, {}, 0xEF, 0xEF, 0xEF, 0, 1, 0, ""},
-      {"-r and -n: nothing", 2, {u"-r", u"-n"}, 0xEF, 0xEF, 1, 0, 0, 1, "Set 16h -r\r\nSet 16h -n\r\n"},
+      {"-r and -n: nothing", 2, {u"-r", u"-n"}, 0xEF, 0xEF, 1, 0, 0, 1, "Set 16h -r\r\nSet 16h -n\r\nSet 16h Complete (1)\r\n"},
       {"-s beats -r", 0, {u"-s", u"-r"}, 0xEF, 0xEF, 0xEF, 0, 1, 0, "Set 16h -r\r\nSet 16h -s\r\n"},
-      {"argument beats options", 2, {u"-n"}, 1, 2, 2, 1, 2, 2, "Set 16h -n\r\n"},
+      {"argument beats options", 2, {u"-n"}, 1, 2, 2, 1, 2, 2, "Set 16h -n\r\nSet 16h CMOS (1)\r\nSet 16h Action 2/Reboot\r\nSet 16h Complete (2)\r\n"},
   };
   for (const Row& row : rows) {
     Install(Layout());
@@ -122,8 +122,9 @@ TEST_F(FinishState, SetStatusLoadsTheSettingThenOptionsThenArguments) {
     EXPECT_EQ(std::vector<int>({GetFinishClearCmos(), GetFinishAction(), GetFinishComplete()}),
               std::vector<int>({row.keptCmos, row.keptAction, row.keptComplete})) << row.what;
     std::string log = Log(), lines;
-    for (size_t at = log.find("Set 16h -"); at != std::string::npos; at = log.find("Set 16h -", at + 1)) lines += log.substr(at, 12);
-    EXPECT_EQ(lines, row.optionLines) << row.what;
+    for (size_t at = log.find("Set 16h "); at != std::string::npos; at = log.find("Set 16h ", at + 1))
+      lines += log.substr(at, log.find("\r\n", at) + 2 - at);
+    EXPECT_EQ(lines, row.lines) << row.what;
   }
 }
 

@@ -80,6 +80,13 @@ TEST_F(Progress, BlockMapLineShowsProtectionMarksRegionsAndTheExternalRegion) {
        "RRRR.... - ........    ....VVVV - VVVVVVVX    mmmm#### - ########    \r\n"},
       {"flagged without a region, and a mark of 0 ends the marks column", [](UINT32 i) { return Block(i, i == 5 ? 0 : 'S', i ? 0 : 'R'); },
        "R....... - ........    SSSSS    ........ - ........    \r\n"},
+      {"protection types 1Fh and 20h: the last base-32 digit, then none",
+       [](UINT32 i) {
+         BlockMapEntry entry = Block(i, 'W', '0');
+         entry.protectionType = i < 8 ? 0x1F : 0x20;
+         return entry;
+       },
+       "RRRRRRRR - RRRRRRRR    WWWWWWWW - WWWWWWWW    vvvvvvvv - ????????    \r\n"},
       {"one external region on the whole line", [](UINT32 i) { return Block(i, 'V', 0, u"BIOS"); },
        "........ - ........    VVVVVVVV - VVVVVVVV    ........ - ........    [ BIOS            ]\r\n"},
       {"two external regions, and blocks in none", [](UINT32 i) { return Block(i, 'V', 0, i < 8 ? u"BIOS" : i < 12 ? u"ME" : u""); },

@@ -142,6 +142,16 @@ void DriverBed::Install(const BedSetup& setup) {
 }
 
 void DriverBed::Uninstall() {
+  if (environment_) {
+    // Whatever the test did, the driver must be able to hand back all it took, as its unload
+    // does, and must not have written past a block.
+    FreeResource();
+    ReleaseDriverMemory();
+    for (const emu::LiveBlock& block : environment_->LiveBlocks())
+      ADD_FAILURE() << "a block of " << block.size << " bytes (allocation " << block.serial << ") was never freed: "
+                    << block.content;
+    EXPECT_EQ(environment_->PoolOverruns(), 0u) << "a pool block was written past its end";
+  }
   ResetDriverState();
   environment_.reset();
   emu::SetPlatformBackend({});

@@ -83,12 +83,15 @@ EFI_STATUS EFIAPI DriverUnload(EFI_HANDLE imageHandle) {
   // Errors are not looked at: the platform unloads the image whatever they say.
   gBS->UninstallMultipleProtocolInterfaces(imageHandle, &kComponentNameProtocolGuid, &componentName, nullptr);
   gBS->UninstallMultipleProtocolInterfaces(imageHandle, &kFunctionDirectoryProtocolGuid, &functionDirectory, nullptr);
-  // What the folders kept for the whole run goes back to the pool; the log buffer goes last,
-  // since any trace line would take it again.
+  ReleaseDriverMemory();
+  return EFI_SUCCESS;
+}
+
+VOID ReleaseDriverMemory() {
+  // The log buffer goes last, since any trace line would take it again.
   ReleaseUpdateMemory();
   ReleaseChecksMemory();
   ReleaseOblisMemory();
   ReleaseConfigMemory();
   ReleaseOutputMemory();
-  return EFI_SUCCESS;
 }

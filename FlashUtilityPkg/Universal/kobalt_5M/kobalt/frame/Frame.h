@@ -17,6 +17,8 @@ Bool EFIAPI UefiFlashMain();
 Bool Initialize();
 Bool CallingNecessarySmi();
 VOID FreeResource();
+// What the folders kept for the whole run goes back to the pool; the unload's last step.
+VOID ReleaseDriverMemory();
 
 // Directory.
 VOID* EFIAPI LookupFunction(const CHAR16* name);
