@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "checks/Checks.h"
-#include "oblis/Oblis.h"
+#include "checks/ChecksInternal.h"
+#include "oblis/OblisInternal.h"
 #include "support/DriverBed.h"
 
 namespace checks {

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "checks/ChecksBed.h"
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "checks/ChecksBed.h"
 #include "frame/Frame.h"
-#include "update/Update.h"
+#include "update/UpdateInternal.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "checks/ChecksBed.h"
-#include "image/Image.h"
+#include "image/ImageInternal.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "support/DriverBed.h"
 
 namespace {

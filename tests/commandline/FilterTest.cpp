@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "frame/Frame.h"
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "support/DriverBed.h"
 
 namespace {

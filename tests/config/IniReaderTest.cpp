@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "output/Output.h"
 #include "support/DriverBed.h"
 

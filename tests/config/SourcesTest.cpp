@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "config/Config.h"
-#include "image/Image.h"
+#include "config/ConfigInternal.h"
+#include "image/ImageInternal.h"
 #include "support/DriverBed.h"
 
 namespace {

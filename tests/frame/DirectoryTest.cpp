@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "frame/FrameInternal.h"
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "support/DriverBed.h"
 
 namespace {

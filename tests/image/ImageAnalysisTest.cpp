@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "frame/Frame.h"
-#include "image/Image.h"
+#include "image/ImageInternal.h"
 #include "support/DriverBed.h"
 
 namespace {

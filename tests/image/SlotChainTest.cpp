@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "image/Image.h"
+#include "image/ImageInternal.h"
 
 namespace {
 

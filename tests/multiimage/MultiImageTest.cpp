@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "config/Config.h"
-#include "oblis/Oblis.h"
+#include "config/ConfigInternal.h"
+#include "oblis/OblisInternal.h"
 #include "support/DriverBed.h"
 
 namespace {
@@ -116,6 +116,8 @@ TEST_F(MultiImage, EachRuleTypeHoldsOnlyForTheMachinesOwnValues) {
       {"MEMORY,7F000002,FFFF,00001234,m.fd", false, "", "", {}, {}, {4}},
       {"MEMORY,7F000000,FF,5B,m.fd", false, "", "", {"MEMORY Data |0x5A\r\n"}, {}, {1}},
       {"MEMORY,17F000000,FF,5A,m.fd", false, "", "", {"IsMatch_MEMORY() [Phy Addr] | invalid (17F000000)\r\n"}, {}, {}},
+      // A read that would run past 4 GB is not made.
+      {"MEMORY,FFFFFFFE,FFFFFFFF,00000000,m.fd", false, "", "", {}, {}, {}},
       {"MEMORY,7F000000,FF", false, "", "", {"IsMatch_MEMORY() configure format | error\r\n"}, {}, {}},
       // MEMORY keeps its dashes: the whole text is one field and the rule is short of two.
       {"MEMORY,7F000000-FF-5A,m.fd", false, "", "", {"IsMatch_MEMORY() configure format | error\r\n"}, {}, {}},

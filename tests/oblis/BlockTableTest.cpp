@@ -5,8 +5,8 @@
 
 #include <cstdio>
 
-#include "checks/Checks.h"
-#include "oblis/Oblis.h"
+#include "checks/ChecksInternal.h"
+#include "oblis/OblisInternal.h"
 #include "support/DriverBed.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <map>
 
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "support/DriverBed.h"
 
 namespace {

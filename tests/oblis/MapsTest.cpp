@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "support/DriverBed.h"
 
 namespace {

@@ -4,9 +4,9 @@
 
 #include <cstring>
 
-#include "checks/Checks.h"
-#include "config/Config.h"
-#include "oblis/Oblis.h"
+#include "checks/ChecksInternal.h"
+#include "config/ConfigInternal.h"
+#include "oblis/OblisInternal.h"
 #include "support/DriverBed.h"
 
 namespace {
@@ -46,6 +46,20 @@ TEST_F(PlatformStatus, FilterRecordKeepsOnlyTheBytesHeld) {
     EXPECT_NE(Log().find("===== 10h Filter Table =====\r\n"), std::string::npos) << what;
     FreePoolAndNull(table);
   }
+}
+
+// The default machine's status record, line by line as the engineer reads it in the log.
+TEST_F(PlatformStatus, StatusRecordIsTracedFieldByField) {
+  Install({});
+  ASSERT_TRUE(InitialSmi());
+  ASSERT_TRUE(SMI_IsSupport());
+  EXPECT_NE(Log().find(" Platform Status (10h)\r\n------------------+-----------\r\n       Permission | 1\r\n"
+                       "      Return Code | 0x0\r\n    Major version | 0x2\r\n    Minor version | 0x8\r\n"
+                       "               AC | 1\r\n               DC | 100\r\n            Bound | 20\r\n"
+                       "           Help 1 | 0\r\n           Help 2 | 0\r\n        Vendor ID | 0x1656\r\n"
+                       "      Struct size | 34\r\n       Skip Check | 0\r\n"),
+            std::string::npos)
+      << Log();
 }
 
 TEST_F(PlatformStatus, PlatformInformationFlagsAndStrings) {

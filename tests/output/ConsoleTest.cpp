@@ -36,6 +36,7 @@ TEST_F(ConsoleCalls, PrintCutsAt320AndPrintLongSlicesAt300WithoutFormattingAgain
     std::vector<size_t> pieces;  // lengths of the OutputString calls
   } rows[] = {
       {Digits(400), false, {320}}, {Digits(320), false, {320}}, {u"x", false, {1}}, {percent, true, {300, 300, 100}},
+      {Digits(600), true, {300, 300}},  // two whole slices and no empty third
       {Digits(5000), true, {300, 300, 300, 300, 300, 300, 300, 300, 300, 300, 300, 300, 300, 195}},  // 4095 kept
   };
   for (const Row& row : rows) {

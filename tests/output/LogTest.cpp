@@ -5,7 +5,7 @@
 #include <fstream>
 #include <string>
 
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "output/OutputInternal.h"
 #include "support/DriverBed.h"
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "output/OutputInternal.h"
 #include "support/DriverBed.h"
 

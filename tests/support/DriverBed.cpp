@@ -7,7 +7,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "frame/Frame.h"
 #include "output/Output.h"
 #include "simulator/Simulator.h"

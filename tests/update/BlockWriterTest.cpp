@@ -6,10 +6,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "output/Output.h"
 #include "support/DriverBed.h"
-#include "update/Update.h"
+#include "update/UpdateInternal.h"
 
 namespace {
 

@@ -4,10 +4,10 @@
 
 #include <cstring>
 
-#include "image/Image.h"
-#include "oblis/Oblis.h"
+#include "image/ImageInternal.h"
+#include "oblis/OblisInternal.h"
 #include "support/DriverBed.h"
-#include "update/Update.h"
+#include "update/UpdateInternal.h"
 
 namespace {
 
@@ -108,6 +108,7 @@ TEST_F(Bvdt, FindBvdtBlockSearchesTheOemDataRegionsInMapOrder) {
     EXPECT_EQ(foundAddress, ok ? address : 7u) << what;
     EXPECT_EQ(foundSize, ok ? size : 7u) << what;
     EXPECT_NE(Log().find(trace), std::string::npos) << what << "\n" << Log();
+    EXPECT_EQ(bed::CountOf(Log(), "===> FindBvdtBlock ["), 1u) << what;
   }
 }
 

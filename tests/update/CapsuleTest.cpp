@@ -2,9 +2,9 @@
 // probe that tells a secure platform from a legacy one, asked once per run.
 #include <gtest/gtest.h>
 
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "support/DriverBed.h"
-#include "update/Update.h"
+#include "update/UpdateInternal.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "frame/Frame.h"
 #include "support/DriverBed.h"
-#include "update/Update.h"
+#include "update/UpdateInternal.h"
 
 namespace {
 

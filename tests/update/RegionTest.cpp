@@ -5,9 +5,9 @@
 #include <cstring>
 #include <sstream>
 
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "support/DriverBed.h"
-#include "update/Update.h"
+#include "update/UpdateInternal.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // is set to the time of day that lies interval seconds ahead. The date is never programmed, so
 // the alarm fires at the next occurrence of that time; the shutdown itself is the firmware's.
 #include "PlatformSeams.h"
-#include "checks/Checks.h"
+#include "checks/ChecksInternal.h"
 #include "config/Config.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"

@@ -3,7 +3,7 @@
 // final action. What the switches mean is the firmware's; the power check only asks whether the
 // gate is active.
 #include "PlatformSeams.h"
-#include "checks/Checks.h"
+#include "checks/ChecksInternal.h"
 #include "config/Config.h"
 #include "image/Image.h"
 #include "oblis/Oblis.h"

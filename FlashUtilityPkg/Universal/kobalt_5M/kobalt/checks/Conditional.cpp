@@ -2,7 +2,7 @@
 // 45h, the run's parameters told by function 19h, and the image shown piece by piece to function
 // 1Bh. What a refusal means for the update is left to the platform check and the engines.
 #include "PlatformSeams.h"
-#include "checks/Checks.h"
+#include "checks/ChecksInternal.h"
 #include "config/Config.h"
 #include "frame/Host.h"
 #include "image/Image.h"

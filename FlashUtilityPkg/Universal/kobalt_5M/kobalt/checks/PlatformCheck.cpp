@@ -2,7 +2,7 @@
 // list in platform.ini), its version against the running firmware's, the anti-theft marker, the
 // Dell dialogues that stand in for the fixed refusals, and the two displays of both identities.
 // The version texts themselves are compared in VersionCompare.cpp; nothing here touches the flash.
-#include "checks/Checks.h"
+#include "checks/ChecksInternal.h"
 #include "config/Config.h"
 #include "image/Image.h"
 #include "oblis/Oblis.h"

@@ -1,7 +1,7 @@
 // The power check before an update: which tests the options, [AC_Adapter], the CommonFlash gate
 // and the vendor ask for, the firmware's AC and battery state held against them, and the red
 // refusal boxes. The power state itself is read once, by function 10h at set-up (oblis folder).
-#include "checks/Checks.h"
+#include "checks/ChecksInternal.h"
 #include "config/Config.h"
 #include "frame/Host.h"
 #include "oblis/Oblis.h"

@@ -1,7 +1,7 @@
 // The two gates that can forbid any update inside set-up: Intel Anti-Theft state from function
 // 1Ch, and a Secure Boot platform that gives no whole ROM map. The image's anti-theft marker is
 // checked later, by the platform check, which reads AntiTheftMarkerRequired.
-#include "checks/Checks.h"
+#include "checks/ChecksInternal.h"
 #include "config/Config.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"

@@ -1,7 +1,7 @@
 // The two text comparisons that decide whether an image's version sorts after the running
 // firmware's: dotted numbers with letters ignored, or position by position under a format from
 // platform.ini. Which one runs, and what a result means for the update, is the platform check's.
-#include "checks/Checks.h"
+#include "checks/ChecksInternal.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The state that the command line sets, CommandFlags, and its setters. Which token sets what,
 // and the trace of it, belong to the command-line reader; the other folders only read the record.
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 
 namespace {
 

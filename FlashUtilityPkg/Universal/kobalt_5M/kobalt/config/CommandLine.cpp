@@ -1,7 +1,7 @@
 // The command line of ShellFlashMain: arguments into one option text, the text into tokens, each
 // token into CommandFlags by the option table, and the text helpers that serve it. What an option
 // then does is the business of the step that reads its flag; the filters live in Filters.cpp.
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "frame/Host.h"
 #include "output/Output.h"
 

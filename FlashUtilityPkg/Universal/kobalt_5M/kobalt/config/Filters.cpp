@@ -1,7 +1,7 @@
 // The firmware's command filter: options it refuses on the command line (ChkFilterArg) and the
 // settings it puts back after every load (ChkFilterTblIni). The record comes from function 10h,
 // whose wrapper hands it over (KeepFirmwareFilter); the package's own list of options is checked with the package work.
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "output/Output.h"
 
 namespace {

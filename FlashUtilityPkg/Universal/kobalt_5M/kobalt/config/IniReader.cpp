@@ -1,7 +1,7 @@
 // The platform.ini reader: LoadOption rewrites a text once into its normal form and keeps it as
 // the working text; every getter answers by a plain byte search through it. Which keys exist and
 // what they mean is the settings' part; where a text comes from is the configuration sources'.
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "output/Output.h"
 
 namespace {

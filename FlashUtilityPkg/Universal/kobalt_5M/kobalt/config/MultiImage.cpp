@@ -3,7 +3,7 @@
 // keeps the file names of the first rule that holds. Loading platform.ini and what is done with
 // the chosen name are left to the configuration sources and the mains.
 #include "PlatformSeams.h"
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "output/Output.h"
 
 namespace {

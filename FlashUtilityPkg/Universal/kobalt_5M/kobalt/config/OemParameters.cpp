@@ -1,7 +1,7 @@
 // The OEM parameter list that function 19h hands to the firmware: the words of -OemCus and the
 // ones the checks add, each upper-cased and ended by '#' while the list is collected. Sending it,
 // and reading the firmware's answer back into it, is the conditional check's work.
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The settings the output folder obeys, answered from the settings record and the INI text.
 // Output sits below config and asks through these instead of reading the record itself.
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "output/Output.h"
 
 static_assert(kMessageTextBytes == kIniTextBytes, "a message table value is one INI text field");

@@ -1,7 +1,7 @@
 // The names of the region types of the platform ROM map, as the option traces and the map
 // dumps show them. The command line names a type when an option forces it, so the names live
 // with the options.
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 
 namespace {
 

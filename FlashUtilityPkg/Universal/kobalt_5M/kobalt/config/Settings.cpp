@@ -1,7 +1,7 @@
 // The settings record FlashSettings: its start values (InitialIniStructure) and the reading of
 // every section out of the working text (LoadAllSections). How the text is searched is the INI
 // reader's; where it comes from is the configuration sources'.
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "output/Output.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // The variable FlashINISettings, which bridges a shell run and the capsule run after it: what a
 // run stores in it and how the capsule run takes it back. The settings that files and images
 // bring are read in the image folder (ImageSettings.cpp).
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "output/Output.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // The help text (DisplayUsage): the usage rows, the rows the firmware's filter hides, and the
 // pager that stops before a screen is full. Which options exist is the command-line reader's.
-#include "config/Config.h"
+#include "config/ConfigInternal.h"
 #include "output/Output.h"
 
 namespace {

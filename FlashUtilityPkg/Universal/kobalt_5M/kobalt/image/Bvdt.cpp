@@ -1,7 +1,7 @@
 // The BVDT block: finding it in an image, taking the image's model and version texts from its
 // fixed offsets, and finding the flash region that holds the running firmware's block. What the
 // texts are compared with is the checks' work; writing the block last is the block writer's.
-#include "image/Image.h"
+#include "image/ImageInternal.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
 

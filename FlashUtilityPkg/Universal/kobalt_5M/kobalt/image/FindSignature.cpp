@@ -1,6 +1,6 @@
 // FindSignature, the one byte search over an image that every reader of slots, packages and
 // records uses. What a match means is left to the callers.
-#include "image/Image.h"
+#include "image/ImageInternal.h"
 
 Bool FindSignature(const UINT8* buffer, UINT32 length, const UINT8* pattern, UINT32 patternLength, UINT32* offset) {
   if (offset != nullptr) {

@@ -20,7 +20,6 @@ UINT32 DriverSlotChainSize();
 // True for a secure image (one that holds the secure-image record); fills the analysis.
 Bool AnalyzeImage(const UINT8* image, UINT32 length);
 Bool IsSecureImage(UINT32* size);
-Bool HasDrvSignature();
 Bool HasSecureEc(UINT32* size);
 // The BIOSIMG slot's data of a secure image, kept as the payload; a missing slot leaves it.
 VOID LocateSecureFd(const UINT8* image, UINT32 length);
@@ -31,8 +30,6 @@ ImageView SecureEcSlot(const UINT8* image, UINT32 length);
 // Whether the analysed image may go on a platform of this kind (function 48h tells a secure
 // one); prints the refusal.
 Bool CheckImageKind(Bool securePlatform);
-// Parses the INI slot of a secure image as settings.
-Bool LoadImageConfig(const UINT8* image, UINT32 length);
 
 // ---- BVDT ----
 Bool FindBvdtInImage(const UINT8* image, UINT32 size, UINT32* offset);
@@ -47,17 +44,11 @@ VOID SetNewImageModel(const CHAR16* model);
 VOID SetNewImageVersion(const CHAR16* version);
 
 // ---- settings the files and images bring ----
-// The driver's own INI slot, filled by the packing step: the capsule run's settings.
-Bool GetCfg_Secure();
 // imageName holds 128 characters; the multi-image road may replace it.
 Bool LoadConfiguration(CHAR16* imageName);
-Bool LoadConfigFormal(CHAR16* imageName);
 
 // State. Each file of the folder keeps its state in one record; ResetImageState() puts them
 // all back as a fresh load leaves them. Host builds and tests only: the firmware loads the
 // driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
 // takes them back.
 VOID ResetImageState();
-VOID ResetBvdtState();
-VOID ResetImageAnalysisState();
-VOID ResetSlotChainState();

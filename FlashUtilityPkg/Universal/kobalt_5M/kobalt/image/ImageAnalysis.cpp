@@ -2,7 +2,7 @@
 // carries the driver signature and an EC slot, and the settings in its INI slot. Laying out the
 // payload and the EC image for the engines is theirs; the driver's own slots are SlotChain's.
 #include "config/Config.h"
-#include "image/Image.h"
+#include "image/ImageInternal.h"
 #include "output/Output.h"
 
 namespace {

@@ -3,7 +3,7 @@
 // for the capsule run the driver's own INI slot. Reading the text is the INI reader's.
 #include "config/Config.h"
 #include "frame/FileLayer.h"
-#include "image/Image.h"
+#include "image/ImageInternal.h"
 #include "output/Output.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // The driver's own slot chain: the secure-image record, the EC, BIOSIMG, INI and certificate
 // slots and the driver signature, laid out at fixed offsets, and the two steps that put '$' into
 // their tags. Filling the slots is the packing step's work; reading images is AnalyzeImage's.
-#include "image/Image.h"
+#include "image/ImageInternal.h"
 #include "output/Output.h"
 
 namespace {

@@ -2,7 +2,7 @@
 // the writers obey (SetRsvd_13h), and reopens or closes whole region types of the 1Eh map. The
 // marks of the SPI region selection are left to that step; the table itself to BlockTable.cpp.
 #include "config/Config.h"
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "output/Output.h"
 
 namespace {

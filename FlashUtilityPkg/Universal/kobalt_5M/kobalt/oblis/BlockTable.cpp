@@ -1,7 +1,7 @@
 // The flash part of function 13h: the ROM size and base, the block count and size, and
 // FlashBlockTable with one entry a block, the one flag per block that the writers obey and its
 // display. Which regions to mark is decided by the marking step (BlockMarking.cpp).
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "output/Output.h"
 
 namespace {

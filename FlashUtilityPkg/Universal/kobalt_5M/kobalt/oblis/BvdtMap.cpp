@@ -3,7 +3,7 @@
 // their names and displays. Fetching the 17h answer and selecting regions is left to the engines.
 #include "config/Config.h"
 #include "frame/FileLayer.h"
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "output/Output.h"
 
 namespace {

@@ -3,7 +3,7 @@
 // every wrapper shares and the one error report. What the answers mean is left to the wrappers.
 #include "PlatformSeams.h"
 #include "config/Config.h"
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "output/Output.h"
 
 namespace {

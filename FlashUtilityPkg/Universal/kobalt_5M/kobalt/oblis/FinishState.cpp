@@ -2,7 +2,7 @@
 // setting the state from the settings and the -r/-s/-n options, the override of the action that
 // is sent, and the firmware's action index. The wrapper itself lives with the other wrappers.
 #include "config/Config.h"
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "output/Output.h"
 
 namespace {

@@ -3,7 +3,7 @@
 // the update bracket (1Ah). What a locked ME or a skipped block means for an update is left to
 // the engines that call them.
 #include "PlatformSeams.h"
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "output/Output.h"
 
 namespace {

@@ -2,7 +2,7 @@
 // kept for the run, with region names and console and trace displays. Marking blocks is left to
 // the marking step; an image's BVDT map and the 17h external records live in BvdtMap.cpp.
 #include "config/Config.h"
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "output/Output.h"
 
 namespace {

@@ -4,7 +4,7 @@
 // filters and multi-image rules read them.
 #include "PlatformSeams.h"
 #include "config/Config.h"
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "output/Output.h"
 
 namespace {

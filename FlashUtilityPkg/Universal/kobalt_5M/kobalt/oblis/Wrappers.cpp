@@ -2,7 +2,7 @@
 // the shared buffers, runs the shared retry loop and copies its answer out. What the answers
 // mean is left to the level above (platform status, maps, block table, security gates).
 #include "PlatformSeams.h"
-#include "oblis/Oblis.h"
+#include "oblis/OblisInternal.h"
 #include "output/Output.h"
 
 namespace {

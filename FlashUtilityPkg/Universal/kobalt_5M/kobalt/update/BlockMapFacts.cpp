@@ -3,7 +3,7 @@
 // hold it. The output folder only formats these facts; it asks no map itself.
 #include "oblis/Oblis.h"
 #include "output/Output.h"
-#include "update/Update.h"
+#include "update/UpdateInternal.h"
 
 namespace {
 

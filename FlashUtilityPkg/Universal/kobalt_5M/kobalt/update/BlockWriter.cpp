@@ -7,7 +7,7 @@
 #include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
-#include "update/Update.h"
+#include "update/UpdateInternal.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include "frame/FileLayer.h"
 #include "frame/Host.h"
 #include "output/Output.h"
-#include "update/Update.h"
+#include "update/UpdateInternal.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include "frame/FileLayer.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
-#include "update/Update.h"
+#include "update/UpdateInternal.h"
 
 namespace {
 

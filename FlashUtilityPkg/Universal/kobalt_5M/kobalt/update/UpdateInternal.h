@@ -1,0 +1,51 @@
+// The update folder's own declarations, shared by its files and its tests; no other folder
+// includes it.
+#pragma once
+
+#include "update/Update.h"
+
+Bool ReadWholeRom(UINT8** data, UINT32* size);
+Bool SaveRomToFile(const CHAR16* name);
+UINT8 GetRegionFlags();
+VOID ClearMeRegionFlag();
+// image may be null (then nothing of an image goes to the firmware); length bounds the copy.
+Bool GetExternalMaps(const UINT8* image, UINT32 length);
+VOID GetCurrentRegionSlots(UINT8* slots);  // 54 bytes
+// The current list of the last GetExternalMaps (null and 0 before), for the -pr display.
+VOID GetCurrentExternalList(const OblisExternalRecord** list, UINT32* count);
+Bool FindCurrentRegion(UINT8 type, UINT32* offset, UINT32* size, UINT8* access);
+Bool CheckRegionSize(UINT32 size);
+VOID PlaceRegionImage(UINT8* buffer, const UINT8* image, UINT32 size);
+VOID SetRsvd_17h();
+VOID SetSkipMeRegion();
+Bool IsSkipMeRegion();
+Bool EfiUpdate_via15h(const UINT8* image, UINT32 size);
+Bool UpdateEntireLegacy(const UINT8* image, UINT32 size);
+Bool UpdateRegionLegacy(const UINT8* image, UINT32 size);
+// Writes the blocks of the table that buffer holds, laid end to end; a table that reaches past
+// the ROM or past buffer is refused before the first write.
+Bool WriteBlocks(ImageView buffer);
+BlockResult SMI_WriteRom(UINT32 address, ImageView block);
+Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data);
+// The block map entry of a block the writer has just marked: the facts the trace shows of it.
+BlockMapEntry DescribeBlock(UINT32 address, UINT16 mark);
+// The EC part in front of a BIOS image: its size check (KeepEcImage keeps it).
+Bool FuncChk_SizeEC(UINT32 ecSize);
+// Writes the block list of function 48h for an image at address; list holds 0x20000 bytes.
+// Returns the number of blocks.
+UINT32 BuildCapsuleBlockList(UINT8* list, UINT32 address, UINT32 size);
+// The firmware holds the image: the run ends without a block written by the tool.
+Bool IsCapsuleStaged();
+Bool SMI_SecureCapsuleFlash(const UINT8* image, UINT32 size);
+Bool FuncSize_entire48h(const UINT8* payload, UINT32 payloadSize);
+Bool FuncSize_region48h(const UINT8* payload, UINT32 payloadSize);
+Bool FindEspRoot();
+Bool CopyCapsuleToEsp(const UINT8* image, UINT32 size);
+Bool UpdateOemME();
+
+// The state of each file, put back by ResetUpdateState().
+VOID ResetBlockWriterState();
+VOID ResetCapsuleState();
+VOID ResetOemMeState();
+VOID ResetRegionState();
+VOID ReleaseRegionMemory();
