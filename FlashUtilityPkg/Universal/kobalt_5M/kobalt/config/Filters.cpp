@@ -1,6 +1,6 @@
 // The firmware's command filter: options it refuses on the command line (ChkFilterArg) and the
-// settings it puts back after every load (ChkFilterTblIni). The record comes from function 10h,
-// whose wrapper hands it over (KeepFirmwareFilter); the package's own list of options is checked with the package work.
+// settings it puts back after every load (ChkFilterTblIni). The 10h wrapper hands the record
+// over (KeepFirmwareFilter); the package's own list of options is checked with the package work.
 #include "config/ConfigInternal.h"
 #include "output/Output.h"
 

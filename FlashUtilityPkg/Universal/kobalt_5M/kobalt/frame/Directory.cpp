@@ -30,7 +30,6 @@ constinit const DirectoryEntry directoryTable[] = {
     {u"", nullptr},
 };
 
-
 // The warning's key wait talks to the console itself: it must not raise hook points, since the
 // host that asked for a missing name may not have set anything up yet.
 VOID WaitForOneKeyDirect() {
