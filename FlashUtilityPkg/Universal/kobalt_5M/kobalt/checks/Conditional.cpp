@@ -4,7 +4,7 @@
 #include "PlatformSeams.h"
 #include "checks/ChecksInternal.h"
 #include "config/Config.h"
-#include "frame/Host.h"
+#include "HostSettings.h"
 #include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"

@@ -3,7 +3,7 @@
 // refusal boxes. The power state itself is read once, by function 10h at set-up (oblis folder).
 #include "checks/ChecksInternal.h"
 #include "config/Config.h"
-#include "frame/Host.h"
+#include "HostSettings.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
 

@@ -2,7 +2,7 @@
 // token into CommandFlags by the option table, and the text helpers that serve it. What an option
 // then does is the business of the step that reads its flag; the filters live in Filters.cpp.
 #include "config/ConfigInternal.h"
-#include "frame/Host.h"
+#include "HostSettings.h"
 #include "output/Output.h"
 
 namespace {

@@ -5,8 +5,8 @@
 
 #include "KobaltBase.h"
 #include "FunctionDirectory.h"
-#include "frame/FileLayer.h"
-#include "frame/Host.h"
+#include "FileLayer.h"
+#include "HostSettings.h"
 
 // Driver entry; the IA32 build's efi_main and the host's image loader both call it.
 EFI_STATUS EFIAPI KobaltDriverEntry(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable);

@@ -1,5 +1,5 @@
-// The host's settings and the run's shared blocks; see Host.h.
-#include "frame/Host.h"
+// The host's settings and the run's shared blocks, declared in Include/HostSettings.h.
+#include "HostSettings.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // name another image through its multi-image rules), else the INI slot of a secure image, and
 // for the capsule run the driver's own INI slot. Reading the text is the INI reader's.
 #include "config/Config.h"
-#include "frame/FileLayer.h"
+#include "FileLayer.h"
 #include "image/ImageInternal.h"
 #include "output/Output.h"
 

@@ -2,7 +2,7 @@
 // it and the firmware's 12h lists, and the external (SPI region) records of function 17h with
 // their names and displays. Fetching the 17h answer and selecting regions is left to the engines.
 #include "config/Config.h"
-#include "frame/FileLayer.h"
+#include "FileLayer.h"
 #include "oblis/OblisInternal.h"
 #include "output/Output.h"
 

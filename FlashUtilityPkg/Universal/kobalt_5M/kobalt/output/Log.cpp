@@ -1,7 +1,7 @@
 // The trace log ZAPROM.Log: LogPrint and its on/level rules, the function trace, time stamps,
 // hex dumps and the -dbg scan. Opening, appending and deleting the file is the file layer;
 // the [Log_file] values are asked of the settings.
-#include "frame/FileLayer.h"
+#include "FileLayer.h"
 #include "output/OutputInternal.h"
 
 namespace {

@@ -3,7 +3,7 @@
 // blocks are open is the block table's business, which regions are selected region selection's.
 #include "checks/Checks.h"
 #include "config/Config.h"
-#include "frame/Host.h"
+#include "HostSettings.h"
 #include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"

@@ -4,8 +4,8 @@
 // writes no block itself; on a legacy platform only the BIOSIMG payload goes to the block writer.
 #include "checks/Checks.h"
 #include "config/Config.h"
-#include "frame/FileLayer.h"
-#include "frame/Host.h"
+#include "FileLayer.h"
+#include "HostSettings.h"
 #include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"

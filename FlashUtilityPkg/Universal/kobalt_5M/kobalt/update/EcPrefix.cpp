@@ -2,7 +2,7 @@
 // options explain; KeepEcImage keeps the EC part in the run's EC block. Writing the EC, and
 // asking the firmware about its EC part (function 21h), belong to the EC update.
 #include "config/Config.h"
-#include "frame/Host.h"
+#include "HostSettings.h"
 #include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"

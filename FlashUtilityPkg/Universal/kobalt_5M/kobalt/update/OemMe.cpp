@@ -2,8 +2,8 @@
 // that tool runs just before the BIOS write, through a one-line script that the host executes.
 // The tool leaves error.log only when it fails, so the file's existence is the verdict.
 #include "config/Config.h"
-#include "frame/FileLayer.h"
-#include "frame/Host.h"
+#include "FileLayer.h"
+#include "HostSettings.h"
 #include "output/Output.h"
 #include "update/UpdateInternal.h"
 

@@ -1,7 +1,7 @@
 // Reading the flash: the read of the whole ROM in block table order through SMI_ReadRom, and the
 // -g command that saves it to a file. What a locked ME means for an update is region selection's
 // business; the query dispatcher lives in Queries.cpp.
-#include "frame/FileLayer.h"
+#include "FileLayer.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
 #include "update/UpdateInternal.h"
