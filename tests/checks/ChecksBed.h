@@ -31,13 +31,8 @@ struct Platform {
   uint8_t permission = 1;  // AH of 10h
 };
 
-class ChecksBed : public bed::DriverBed {
+class ChecksBed : public bed::ScriptedBed {
  protected:
-  bed::BedSetup Layout() const override {
-    bed::BedSetup setup;
-    setup.firmware = bed::Firmware::Scripted;
-    return setup;
-  }
   // A platform.ini text; the trace stays on at level 4.
   void Ini(const std::string& text) { LoadSettings("[Log_file]\nFlag=1\nLevel=4\n" + text); }
   // InitialSmi, then the set-up's 10h and 11h as the platform answers them.

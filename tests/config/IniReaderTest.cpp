@@ -13,16 +13,7 @@
 
 namespace {
 
-// A volume for ZAPROM.Log and no settings loaded: each test loads its own text.
-class IniReader : public bed::DriverBed {
- protected:
-  bed::BedSetup Layout() const override {
-    bed::BedSetup setup;
-    setup.firmware = bed::Firmware::Scripted;
-    setup.log = false;
-    return setup;
-  }
-};
+using IniReader = bed::QuietBed;
 
 std::string WorkingText() { return std::string(GetIniText(), GetIniTextSize()); }
 

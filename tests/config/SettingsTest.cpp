@@ -13,15 +13,7 @@
 
 namespace {
 
-class SettingsLoad : public bed::DriverBed {
- protected:
-  bed::BedSetup Layout() const override {
-    bed::BedSetup setup;
-    setup.firmware = bed::Firmware::Scripted;
-    setup.log = false;
-    return setup;
-  }
-};
+using SettingsLoad = bed::QuietBed;
 
 TEST_F(SettingsLoad, InitialIniStructureIsTracedUnderItsName) {
   ScanArguments({u"zaprom", u"-dbg"});

@@ -12,16 +12,7 @@
 
 namespace {
 
-// A volume and a variable store, no settings loaded and no trace unless the test asks.
-class Sources : public bed::DriverBed {
- protected:
-  bed::BedSetup Layout() const override {
-    bed::BedSetup setup;
-    setup.firmware = bed::Firmware::Scripted;
-    setup.log = false;
-    return setup;
-  }
-};
+using Sources = bed::QuietBed;
 
 constexpr EFI_GUID kSettingsGuid = {0x382AF2BB, 0xFFFF, 0xABCD, {0xAA, 0xEE, 0xCC, 0xE0, 0x99, 0x33, 0x88, 0x77}};
 

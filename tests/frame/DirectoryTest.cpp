@@ -11,13 +11,7 @@ namespace {
 // No trace: the entry must leave the volume as it found it.
 class DriverEntry : public bed::DriverBed {
  protected:
-  bed::BedSetup Layout() const override {
-    bed::BedSetup setup;
-    setup.firmware = bed::Firmware::Scripted;
-    setup.log = false;
-    setup.keys = "ab";
-    return setup;
-  }
+  bed::BedSetup Layout() const override { return {.firmware = bed::Firmware::Scripted, .keys = "ab", .log = false}; }
 };
 using Directory = DriverEntry;
 

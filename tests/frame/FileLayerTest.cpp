@@ -10,15 +10,7 @@
 
 namespace {
 
-// The trace at level 4, no firmware needed.
-class FileLayer : public bed::DriverBed {
- protected:
-  bed::BedSetup Layout() const override {
-    bed::BedSetup setup;
-    setup.firmware = bed::Firmware::Scripted;
-    return setup;
-  }
-};
+using FileLayer = bed::ScriptedBed;
 
 namespace fs = std::filesystem;
 

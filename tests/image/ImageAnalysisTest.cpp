@@ -11,14 +11,7 @@
 
 namespace {
 
-class ImageAnalysis : public bed::DriverBed {
- protected:
-  bed::BedSetup Layout() const override {
-    bed::BedSetup setup;
-    setup.firmware = bed::Firmware::Scripted;
-    return setup;
-  }
-};
+using ImageAnalysis = bed::ScriptedBed;
 
 using Bytes = std::vector<uint8_t>;
 

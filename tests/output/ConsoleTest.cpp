@@ -13,11 +13,7 @@ namespace {
 class ConsoleCalls : public bed::DriverBed {
  protected:
   bed::BedSetup Layout() const override {
-    bed::BedSetup setup;
-    setup.firmware = bed::Firmware::Scripted;
-    setup.recordConsole = true;
-    setup.log = false;
-    return setup;
+    return {.firmware = bed::Firmware::Scripted, .recordConsole = true, .log = false};
   }
 };
 

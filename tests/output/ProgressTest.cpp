@@ -19,12 +19,7 @@ std::vector<std::string> Draw(int width, const std::string& number, int filled) 
 // A recording console, and the trace at level 4 for the block map.
 class Progress : public bed::DriverBed {
  protected:
-  bed::BedSetup Layout() const override {
-    bed::BedSetup setup;
-    setup.firmware = bed::Firmware::Scripted;
-    setup.recordConsole = true;
-    return setup;
-  }
+  bed::BedSetup Layout() const override { return {.firmware = bed::Firmware::Scripted, .recordConsole = true}; }
   bool Shown(const std::string& call) const {
     return std::find(consoleCalls.begin(), consoleCalls.end(), call) != consoleCalls.end();
   }

@@ -358,6 +358,18 @@ DriverBed::Handler FlashPartAnswer(uint8_t sizeIndex, std::vector<std::pair<uint
   };
 }
 
+namespace {
+
+// A record of type, address and size, as the protection list and the whole map lay them out.
+uint8_t* PutTypedRecord(uint8_t* at, const MapRegion& region, size_t stride) {
+  at[0] = region.type;
+  bed::PutU32(at + 1, region.address);
+  bed::PutU32(at + 5, region.size);
+  return at + stride;
+}
+
+}  // namespace
+
 DriverBed::Handler PlatformMapsAnswer(std::vector<MapRegion> privates, std::vector<MapRegion> protections) {
   return [privates, protections](OblisRegisters& r) {
     uint8_t* privateMap = At(r.esi);
@@ -368,12 +380,7 @@ DriverBed::Handler PlatformMapsAnswer(std::vector<MapRegion> privates, std::vect
     }
     PutU32(privateMap, 0xFF);
     uint8_t* protection = At(r.edi);
-    for (const MapRegion& region : protections) {
-      protection[0] = region.type;
-      PutU32(protection + 1, region.address);
-      PutU32(protection + 5, region.size);
-      protection += 9;
-    }
+    for (const MapRegion& region : protections) protection = PutTypedRecord(protection, region, 9);
     protection[0] = 0xFF;
   };
 }
@@ -381,12 +388,7 @@ DriverBed::Handler PlatformMapsAnswer(std::vector<MapRegion> privates, std::vect
 DriverBed::Handler WholeMapAnswer(std::vector<MapRegion> regions) {
   return [regions](OblisRegisters& r) {
     uint8_t* out = At(r.edi);
-    for (const MapRegion& region : regions) {
-      out[0] = region.type;
-      PutU32(out + 1, region.address);
-      PutU32(out + 5, region.size);
-      out += 13;
-    }
+    for (const MapRegion& region : regions) out = PutTypedRecord(out, region, 13);
     out[0] = 0xFF;
     PutU32(out + 1, 0xFFFFFFFFu);
   };

@@ -149,6 +149,11 @@ class ScriptedBed : public DriverBed {
  protected:
   BedSetup Layout() const override { return {.firmware = Firmware::Scripted}; }
 };
+// The scripted firmware, no settings loaded and no trace unless the test turns it on.
+class QuietBed : public DriverBed {
+ protected:
+  BedSetup Layout() const override { return {.firmware = Firmware::Scripted, .log = false}; }
+};
 
 void PutU32(uint8_t* at, uint32_t value);
 struct MapRegion {
