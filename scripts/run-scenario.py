@@ -12,8 +12,12 @@ A scenario is a JSON file; paths in it count from its own folder:
   machine_changes  keys laid over the machine file's, as in a machine file
   flash       the starting flash: {"image": DESCRIPTION} built by zaprom-image, or {"file": PATH};
               left out: the machine's own default content
-  volume      files put on the tool's volume: {NAME: {"image": DESCRIPTION} or {"file": PATH}}
+  volume      files put on the tool's volume: {NAME: {"image": DESCRIPTION} or {"file": PATH}};
+              a NAME may hold folders ("EFI/Dovrin/kobalts.bin")
   arguments   the tool's arguments
+  keys        keys for the tool's prompts, in order: [{"after": TEXT, "send": KEYS}]; zaprom-sim
+              gets all of them at the start, QEMU each one once TEXT is on the screen. KEYS are
+              characters and {ENTER} or {ESC}
   fetch       names of files the run leaves on the volume, compared byte for byte
 
 --alter-start-flash flips one byte of the starting flash on one side only: the control that the
@@ -25,6 +29,7 @@ import json
 import os
 import pty
 import re
+import select
 import shutil
 import subprocess
 import sys
@@ -56,12 +61,28 @@ def load_scenario(path):
     with open(path) as f:
         scenario = json.load(f)
     base = os.path.dirname(os.path.abspath(path))
-    known = {"description", "machine", "machine_changes", "flash", "volume", "arguments", "fetch"}
+    known = {"description", "machine", "machine_changes", "flash", "volume", "arguments", "keys", "fetch"}
     unknown = set(scenario) - known
     if unknown:
         raise Failure("%s: unknown keys %s" % (path, ", ".join(sorted(unknown))))
+    for key in scenario.get("keys", []):
+        if set(key) != {"after", "send"}:
+            raise Failure("%s: a key needs \"after\" and \"send\": %r" % (path, key))
+        serial_keys(key["send"])
     scenario["base"] = base
     return scenario
+
+
+def serial_keys(text):
+    """What a terminal on the serial line sends for a key text of zaprom-sim's --keys."""
+    out, names = b"", {"{ENTER}": b"\r", "{ESC}": b"\x1b"}
+    while text:
+        name = next((n for n in names if text.startswith(n)), None)
+        if name is None and text.startswith("{"):
+            raise Failure("key %s} cannot be sent on the serial line" % text.split("}")[0])
+        out += names[name] if name else text[0].encode()
+        text = text[len(name) if name else 1:]
+    return out
 
 
 def materialise(source, out, scenario, build):
@@ -97,6 +118,7 @@ def prepare(scenario, build, folder, alter):
             f.seek(ALTERED_OFFSET)
             f.write(bytes([value[0] ^ 0x01]))
     for name, source in scenario.get("volume", {}).items():
+        os.makedirs(os.path.dirname(os.path.join(folder, "volume", name)), exist_ok=True)
         materialise(source, os.path.join(folder, "volume", name), scenario, build)
     return flash
 
@@ -125,16 +147,36 @@ def machine_arguments(scenario, folder):
     return ["--machine", path]
 
 
+DEFAULT_ATTRIBUTE = 0x07  # light grey on black, as UEFI numbers it: background << 4 | foreground
+ANSI_TO_UEFI = [0, 4, 2, 6, 1, 5, 3, 7]  # terminals count red-green-blue, UEFI blue-green-red
+
+
+def line_text(cells):
+    """A screen line as text; where colours other than the default stand, the runs follow as
+    "|first-last:attribute" in UEFI's numbering."""
+    text, runs, start = "".join(c for c, _ in cells).rstrip(), [], None
+    for column in range(COLUMNS + 1):
+        attribute = cells[column][1] if column < COLUMNS else DEFAULT_ATTRIBUTE
+        if start is not None and (column == COLUMNS or attribute != cells[start][1]):
+            runs.append("%d-%d:%02X" % (start, column - 1, cells[start][1]))
+            start = None
+        if start is None and attribute != DEFAULT_ATTRIBUTE:
+            start = column
+    return text + "".join(" |" + run for run in runs)
+
+
 def render(raw):
     """The text a terminal of 80 by 25 shows for a stream, as the lines in the order they were
-    on the screen: cursor positions, clearing and scrolling followed, attributes left out, so
-    that two consoles differing in escape sequences only give the same text."""
-    screen = [[" "] * COLUMNS for _ in range(ROWS)]
+    on the screen: cursor positions, clearing, scrolling and colours followed, so that two
+    consoles differing in escape sequences only give the same text."""
+    blank = (" ", DEFAULT_ATTRIBUTE)
+    screen = [[blank] * COLUMNS for _ in range(ROWS)]
     transcript = []
     row = column = 0
+    bright, foreground, background = False, 7, 0
 
     def flush_screen():
-        lines = ["".join(line).rstrip() for line in screen]
+        lines = [line_text(line) for line in screen]
         while lines and not lines[-1]:
             lines.pop()
         transcript.extend(lines)
@@ -143,12 +185,24 @@ def render(raw):
         token = match.group(0)
         if match.group(2) is not None:
             command, numbers = match.group(2), [int(n) if n.isdigit() else 0 for n in match.group(1).split(b";")]
-            if command == b"H":
+            if command == b"m":
+                for number in numbers:
+                    if number == 0:
+                        bright, foreground, background = False, 7, 0
+                    elif number == 22:
+                        bright = False
+                    elif number == 1:
+                        bright = True
+                    elif 30 <= number <= 37 or 90 <= number <= 97:
+                        foreground, bright = ANSI_TO_UEFI[number % 10], bright or number >= 90
+                    elif 40 <= number <= 47:
+                        background = ANSI_TO_UEFI[number - 40]
+            elif command == b"H":
                 row = min(max((numbers[0] if numbers else 1) - 1, 0), ROWS - 1)
                 column = min(max((numbers[1] if len(numbers) > 1 else 1) - 1, 0), COLUMNS - 1)
             elif command == b"J" and numbers == [2]:
                 flush_screen()
-                screen = [[" "] * COLUMNS for _ in range(ROWS)]
+                screen = [[blank] * COLUMNS for _ in range(ROWS)]
             continue
         if token.startswith(b"\x1b"):
             continue
@@ -162,13 +216,13 @@ def render(raw):
             if character == "\n":
                 row += 1
             else:
-                screen[row][column] = character
+                screen[row][column] = (character, foreground | (8 if bright else 0) | background << 4)
                 column += 1
                 if column == COLUMNS:
                     column, row = 0, row + 1
             if row == ROWS:
-                transcript.append("".join(screen.pop(0)).rstrip())
-                screen.append([" "] * COLUMNS)
+                transcript.append(line_text(screen.pop(0)))
+                screen.append([blank] * COLUMNS)
                 row = ROWS - 1
     flush_screen()
     return "\n".join(transcript)
@@ -184,9 +238,13 @@ def split_summary(text, prefix):
 
 def run_sim(scenario, build, folder, alter):
     flash = prepare(scenario, build, folder, alter)
+    # The same folders as on the QEMU disk, where the Shell boots from \EFI\BOOT.
+    os.makedirs(os.path.join(folder, "volume", "EFI", "BOOT"))
     command = [os.path.join(build, "zaprom-sim")] + machine_arguments(scenario, folder) + [
         "--flash", flash, "--volume", os.path.join(folder, "volume"),
-        "--trace-smi", os.path.join(folder, "smi.jsonl"), "--"] + scenario.get("arguments", [])
+        "--trace-smi", os.path.join(folder, "smi.jsonl")] + (
+        ["--keys", "".join(k["send"] for k in scenario["keys"])] if "keys" in scenario else []) + [
+        "--"] + scenario.get("arguments", [])
     # On a terminal the emulated console sends the same kind of escape sequences as the firmware's.
     master, slave = pty.openpty()
     process = subprocess.Popen(command, stdout=slave, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
@@ -259,8 +317,14 @@ def run_qemu(scenario, build, folder, alter):
     copies = [(shell_binary(build), "::/EFI/BOOT/BOOTIA32.EFI"), (os.path.join(ia32, "ZAPROM-S.efi"), "::/ZAPROM-S.efi"),
               (os.path.join(ia32, "kobalt-bridge.efi"), "::/kobalt.efi"), (script, "::/startup.nsh")]
     volume = os.path.join(folder, "volume")
-    copies += [(os.path.join(volume, name), "::/" + name) for name in sorted(os.listdir(volume))]
     mtools("mmd", disk, "::/EFI", "::/EFI/BOOT")
+    for root, folders, files in sorted(os.walk(volume)):
+        inside = os.path.relpath(root, volume).replace(os.sep, "/")
+        target = "::/" if inside == "." else "::/" + inside + "/"
+        for name in sorted(folders):
+            if not target + name in ("::/EFI", "::/EFI/BOOT"):
+                mtools("mmd", disk, target + name)
+        copies += [(os.path.join(root, name), target + name) for name in sorted(files)]
     for source, target in copies:
         if mtools("mcopy", disk, source, target).returncode != 0:
             raise Failure("mcopy of %s failed" % source)
@@ -278,19 +342,20 @@ def run_qemu(scenario, build, folder, alter):
         raise Failure("oblis-bridge did not start: " + open(bridge_err.name, errors="replace").read())
     qemu = ["qemu-system-i386", "-machine", "q35,smm=on", "-global", "driver=cfi.pflash01,property=secure,value=on",
             "-drive", "if=pflash,format=raw,unit=0,readonly=on,file=" + OVMF_CODE,
-            "-drive", "if=pflash,format=raw,unit=1,file=" + vars_copy, "-drive", "format=raw,file=" + disk,
+            "-drive", "if=pflash,format=raw,unit=1,file=" + vars_copy,
+            # The tool's volume is a USB stick, as zaprom-sim's own volume is.
+            "-device", "qemu-xhci", "-drive", "if=none,id=stick,format=raw,file=" + disk,
+            "-device", "usb-storage,drive=stick,removable=on",
             "-display", "none", "-monitor", "none", "-serial", "stdio",
             "-object", "memory-backend-file,id=bridge,share=on,size=1M,mem-path=" + shared,
             "-device", "ivshmem-plain,memdev=bridge",
             "-net", "none", "-no-reboot"]
     started = time.monotonic()
-    try:
-        raw = subprocess.run(qemu, stdin=subprocess.DEVNULL, capture_output=True, timeout=QEMU_TIMEOUT).stdout
-    except subprocess.TimeoutExpired as expired:
+    raw, finished = converse(qemu, scenario.get("keys", []))
+    if not finished:
         bridge.kill()
         os.remove(shared)
-        raise Failure("QEMU did not finish within %d s; console so far:\n%s"
-                      % (QEMU_TIMEOUT, plain(expired.stdout or b"")[-3000:]))
+        raise Failure("QEMU did not finish within %d s; console so far:\n%s" % (QEMU_TIMEOUT, plain(raw)[-3000:]))
     seconds = time.monotonic() - started
     bridge.terminate()
     summary_text = bridge.communicate(timeout=60)[0].decode("latin-1")
@@ -309,11 +374,45 @@ def run_qemu(scenario, build, folder, alter):
         console = render(raw[raw.index(b"\n", begin) + 1:end])
         status = 0 if int(plain(raw[end:]).split()[1], 16) == 0 else 1
     for name in ["ZAPROM.Log"] + scenario.get("fetch", []):
+        os.makedirs(os.path.dirname(os.path.join(volume, name)), exist_ok=True)
         mtools("mcopy", disk, "-o", "::/" + name, os.path.join(volume, name))
     _, summary = split_summary(summary_text, "oblis-bridge: ")
     figures = open(bridge_err.name, errors="replace").read().strip()
     return {"status": status, "console": console, "summary": summary, "flash": flash, "volume": volume,
             "trace": trace, "seconds": seconds, "figures": figures}
+
+
+def converse(qemu, keys):
+    """Runs QEMU with the serial line on a pipe: a key at the Shell's countdown, so that it runs
+    startup.nsh at once, then each of the scenario's keys once its text is on the screen behind
+    the run's begin mark. Returns the serial output and whether QEMU ended in time."""
+    process = subprocess.Popen(qemu, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    deadline, raw, pending, seen = time.monotonic() + QEMU_TIMEOUT, b"", list(keys), 0
+    countdown = True
+    while True:
+        ready = select.select([process.stdout], [], [], max(deadline - time.monotonic(), 0))[0]
+        chunk = os.read(process.stdout.fileno(), 65536) if ready else b""
+        if not chunk:
+            break
+        raw += chunk
+        if countdown and b"startup.nsh" in ESCAPES.sub(b"", raw):
+            countdown = False
+            process.stdin.write(b" ")
+            process.stdin.flush()
+        begin = raw.find(BEGIN_MARK.encode())
+        while pending and begin >= 0:
+            screen = plain(raw[begin:])
+            at = screen.find(pending[0]["after"], seen)
+            if at < 0:
+                break
+            seen = at + len(pending[0]["after"])
+            process.stdin.write(serial_keys(pending.pop(0)["send"]))
+            process.stdin.flush()
+    finished = process.poll() is not None or time.monotonic() < deadline
+    if not finished:
+        process.kill()
+    process.wait()
+    return raw, finished
 
 
 def skip(reason):
@@ -363,6 +462,10 @@ def normal_trace(path):
                 value = record.get(side, {}).get(register)
                 if isinstance(value, int) and BUFFER_LOW <= value < BUFFER_HIGH:
                     record[side][register] = "buffer %d" % buffers.setdefault(value, len(buffers) + 1)
+        capsule = record.get("capsule")
+        if capsule and capsule.get("addresses"):
+            # A capsule's blocks lie wherever the image was read to: kept as offsets from the first.
+            capsule["addresses"] = ["+0x%X" % (a - capsule["addresses"][0]) for a in capsule["addresses"]]
         lines.append(json.dumps(record, sort_keys=True))
     return lines
 

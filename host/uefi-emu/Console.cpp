@@ -190,8 +190,9 @@ EFI_STATUS EFIAPI SetAttribute(TextOut*, UINTN attribute) {
   g->textMode.Attribute = static_cast<INT32>(attribute);
   int foreground = static_cast<int>(attribute & 0x0F);
   int background = static_cast<int>((attribute >> 4) & 0x07);
-  int sgrForeground = (foreground & 0x08 ? 90 : 30) + kAnsiColour[foreground & 0x07];
-  EmitEscape("\x1b[" + std::to_string(sgrForeground) + ";" + std::to_string(40 + kAnsiColour[background]) + "m");
+  // As the firmware's terminal driver sends it: bold for the bright half, then both colours.
+  EmitEscape(std::string(foreground & 0x08 ? "\x1b[1m" : "\x1b[0m") + "\x1b[" + std::to_string(30 + kAnsiColour[foreground & 0x07]) +
+             "m\x1b[" + std::to_string(40 + kAnsiColour[background]) + "m");
   return EFI_SUCCESS;
 }
 

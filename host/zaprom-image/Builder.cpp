@@ -201,7 +201,44 @@ void WriteMap(uint8_t* at, const OblisMapSpec& map) {
   }
 }
 
+// The layout of a container as the packing step leaves it; the driver searches the record and
+// the tags, so only their order and the size fields matter to it.
+constexpr uint32_t kContainerCodeBytes = 0xD80;
+constexpr uint8_t kSecureRecord[] = {'$',  'I',  'S',  'B',  0x33, 0x38, 0xA1, 0xDD, 0x42, 0xC3,
+                                     0xAE, 0x4E, 0xB5, 0xC9, 0xC2, 0xD7, 0xD6, 0x13, 0xDB, 0xB8};
+constexpr uint32_t kEmptyEcCapacity = 4;
+constexpr uint32_t kIniCapacity = 0x10000;
+constexpr uint32_t kCertificateCapacity = 0x400;
+constexpr uint32_t kCertificateBytes = 0x100;
+constexpr char kDriverSignature[] = "I#EFI#DRV_1.2d";
+
+void AppendSlot(std::vector<uint8_t>& out, const char* tag, const uint8_t* data, uint32_t size, uint32_t capacity) {
+  out.insert(out.end(), tag, tag + 16);
+  const size_t header = out.size();
+  out.resize(header + 8 + capacity, 0);
+  PutU32(out.data() + header, capacity);
+  PutU32(out.data() + header + 4, size);
+  if (size != 0) std::memcpy(out.data() + header + 8, data, size);
+}
+
 }  // namespace
+
+std::vector<uint8_t> WrapSecure(const std::vector<uint8_t>& flash, const std::vector<uint8_t>& ec, const SecureSpec& spec) {
+  if (spec.ini.size() > kIniCapacity) Fail("secure.ini: " + Hex(spec.ini.size()) + " bytes, more than the slot's " + Hex(kIniCapacity));
+  std::vector<uint8_t> out(kContainerCodeBytes, 0x90);
+  out.insert(out.end(), std::begin(kSecureRecord), std::end(kSecureRecord));
+  const uint32_t ecSize = static_cast<uint32_t>(ec.size());
+  AppendSlot(out, "$_KOBALT_EC_IMG_", ec.data(), ecSize, std::max(ecSize, kEmptyEcCapacity));
+  AppendSlot(out, "$_KOBALT_BIOSIMG", flash.data(), static_cast<uint32_t>(flash.size()), static_cast<uint32_t>(flash.size()));
+  AppendSlot(out, "$_KOBALT_INI_IMG", reinterpret_cast<const uint8_t*>(spec.ini.data()), static_cast<uint32_t>(spec.ini.size()),
+             kIniCapacity);
+  const std::vector<uint8_t> certificate(kCertificateBytes, 0x5C);
+  AppendSlot(out, "$_KOBALT_BIOSCER", certificate.data(), kCertificateBytes, kCertificateCapacity);
+  AppendSlot(out, "$_KOBALT_BIOSCR2", nullptr, 0, kCertificateCapacity);
+  out.insert(out.end(), kDriverSignature, kDriverSignature + sizeof(kDriverSignature));
+  out.push_back(0);
+  return out;
+}
 
 uint32_t RegionRegister(uint32_t offset, uint32_t size) {
   return (((offset + size - 1) / kRegionUnit) << 16) | (offset / kRegionUnit);
@@ -219,6 +256,10 @@ std::vector<uint8_t> BuildImage(const ImageDescription& d) {
   if (FindRegion(d, SpiRegion::Descriptor)) WriteDescriptor(flash, d);
   if (d.bvdt) WriteBvdt(flash, *d.bvdt);
   if (d.oblisMap) WriteMap(flash + MapOffset(d), *d.oblisMap);
+  if (d.secure) {
+    file = WrapSecure(std::vector<uint8_t>(file.begin() + ecSize, file.end()),
+                      std::vector<uint8_t>(file.begin(), file.begin() + ecSize), *d.secure);
+  }
   return file;
 }
 

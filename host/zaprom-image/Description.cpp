@@ -166,7 +166,7 @@ uint32_t ParseSize(const json& value, const std::string& where) {
 }
 
 ImageDescription ParseImageDescription(const json& document, const std::string& baseDirectory) {
-  CheckKeys(document, {"size", "fill", "regions", "bvdt", "oblis_map", "ec"}, "description");
+  CheckKeys(document, {"size", "fill", "regions", "bvdt", "oblis_map", "ec", "secure"}, "description");
   ImageDescription description;
   if (!document.contains("size")) Fail("description", "needs \"size\"");
   description.size = ParseSize(document["size"], "size");
@@ -196,6 +196,12 @@ ImageDescription ParseImageDescription(const json& document, const std::string& 
     spec.size = ParseSize(ec["size"], "ec.size");
     if (ec.contains("fill")) spec.fill = ParseFill(ec["fill"], "ec.fill", baseDirectory);
     description.ec = spec;
+  }
+  if (document.contains("secure")) {
+    CheckKeys(document["secure"], {"ini"}, "secure");
+    SecureSpec spec;
+    if (document["secure"].contains("ini")) spec.ini = ParseText(document["secure"]["ini"], "secure.ini");
+    description.secure = spec;
   }
   return description;
 }

@@ -70,6 +70,12 @@ struct EcSpec {
   Fill fill;
 };
 
+// The signed container that the packing step makes of a flash image: code in front, the
+// secure-image record, the EC, BIOSIMG and INI slots, two certificate slots, the driver signature.
+struct SecureSpec {
+  std::string ini;  // platform.ini text carried in the INI slot
+};
+
 struct ImageDescription {
   uint32_t size = 0;  // the flash part, a power of two
   Fill fill;          // bytes that no region covers
@@ -77,14 +83,18 @@ struct ImageDescription {
   std::optional<BvdtSpec> bvdt;
   std::optional<OblisMapSpec> oblisMap;
   std::optional<EcSpec> ec;
+  std::optional<SecureSpec> secure;  // with it the EC image goes into the EC slot, not in front
 };
 
 // Sizes may be numbers or texts: "16 MB", "64K", "0x1000", "4096".
 uint32_t ParseSize(const nlohmann::json& value, const std::string& where);
 // A fill file named by a relative path is looked for in baseDirectory (the description's folder).
 ImageDescription ParseImageDescription(const nlohmann::json& document, const std::string& baseDirectory = "");
-// The flash file as the tool reads it: EC image (if any) followed by the flash image.
+// The flash file as the tool reads it: EC image (if any) followed by the flash image, or the
+// secure container holding both.
 std::vector<uint8_t> BuildImage(const ImageDescription& description);
+// A flash image and an EC image (may be empty) in a secure container.
+std::vector<uint8_t> WrapSecure(const std::vector<uint8_t>& flash, const std::vector<uint8_t>& ec, const SecureSpec& spec);
 
 // Offsets of the descriptor sections that the builder writes.
 constexpr uint32_t kDescriptorSignatureOffset = 0x10;

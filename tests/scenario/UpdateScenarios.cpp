@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "SimRun.h"
+#include "ZaPromImage.h"
 
 namespace {
 
@@ -200,35 +201,6 @@ TEST(UpdateScenarios, SaveWholeRomWritesAFileEqualToTheFlash) {
 
 // ---- the secure image and 48h ----
 
-void AppendU32(Bytes& out, uint32_t value) {
-  for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
-}
-void AppendSlot(Bytes& out, const std::string& tag, const Bytes& data, uint32_t capacity) {
-  out.insert(out.end(), tag.begin(), tag.end());
-  AppendU32(out, capacity);
-  AppendU32(out, static_cast<uint32_t>(data.size()));
-  const size_t start = out.size();
-  out.resize(start + capacity, 0);
-  std::copy_n(data.begin(), std::min<size_t>(data.size(), capacity), out.begin() + start);
-}
-
-// A signed container as the packing step leaves it: code in front, the secure-image record, the
-// EC, BIOSIMG, INI and certificate slots, and the driver signature of this generation at the end.
-Bytes SecureImage(const Bytes& payload) {
-  Bytes image(0xD80, 0x90);
-  const uint8_t record[] = {'$',  'I',  'S',  'B',  0x33, 0x38, 0xA1, 0xDD, 0x42, 0xC3,
-                            0xAE, 0x4E, 0xB5, 0xC9, 0xC2, 0xD7, 0xD6, 0x13, 0xDB, 0xB8};
-  image.insert(image.end(), std::begin(record), std::end(record));
-  AppendSlot(image, "$_KOBALT_EC_IMG_", {}, 4);
-  AppendSlot(image, "$_KOBALT_BIOSIMG", payload, static_cast<uint32_t>(payload.size()));
-  AppendSlot(image, "$_KOBALT_INI_IMG", {}, 0x100);
-  AppendSlot(image, "$_KOBALT_BIOSCER", Bytes(0x100, 0x5C), 0x400);
-  const std::string signature = "I#EFI#DRV_1.2d";
-  image.insert(image.end(), signature.begin(), signature.end());
-  image.insert(image.end(), 2, 0);
-  return image;
-}
-
 // The digest the simulator reports of what it received, computed here on its own.
 std::string Fnv1a(const Bytes& bytes) {
   uint64_t hash = 0xCBF29CE484222325ull;
@@ -239,7 +211,7 @@ std::string Fnv1a(const Bytes& bytes) {
 }
 
 TEST(UpdateScenarios, ASecurePlatformReceivesTheWholeImageThrough48hAndNoBlockIsWritten) {
-  const Bytes image = SecureImage(NewImage());
+  const Bytes image = zimage::WrapSecure(NewImage(), {}, {});
   SimResult result = RunTool(R"({"capsule": {"secure": true, "action": 2}})", {}, image, {"-dbg"});
   ASSERT_EQ(result.exitCode, 0) << result.console << result.errors;
   EXPECT_EQ(Count(result, "15h"), 0u);
