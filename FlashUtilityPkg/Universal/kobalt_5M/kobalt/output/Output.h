@@ -58,6 +58,30 @@ class TraceScope {
   const CHAR16* name_;
   const CHAR16* reason_;
 };
+// The close line of a wrapper that opens no trace of its own (the flash reads and writes, the
+// piece checks): written only when the wrapper fails, once, when it goes out of scope.
+class FailureTrace {
+ public:
+  explicit FailureTrace(const CHAR16* name) : name_(name), reason_(nullptr) {}
+  ~FailureTrace() {
+    if (reason_ != nullptr) {
+      TraceLeave(name_, reason_);
+    }
+  }
+  FailureTrace(const FailureTrace&) = delete;
+  FailureTrace& operator=(const FailureTrace&) = delete;
+  static void* operator new(decltype(sizeof(0))) = delete;
+
+  // For `return trace.Fail(reason);`.
+  Bool Fail(const CHAR16* reason) {
+    reason_ = reason;
+    return false;
+  }
+
+ private:
+  const CHAR16* name_;
+  const CHAR16* reason_;
+};
 VOID HexDump(const VOID* data, UINT32 length);
 // Dumps data between two label lines, as every "===== ... =====" dump of the trace does. The
 // label is a whole line with its CR LF; it is written as it is, at level 4 like the dump.
