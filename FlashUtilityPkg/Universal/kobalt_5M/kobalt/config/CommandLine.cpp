@@ -51,7 +51,7 @@ struct OptionRow {
   ValueHandler value;
 };
 
-CHAR16 FoldLetter(CHAR16 c) { return (c >= u'A' && c <= u'Z') ? (CHAR16)(c - u'A' + u'a') : c; }
+constexpr CHAR16 FoldLetter(CHAR16 c) { return (c >= u'A' && c <= u'Z') ? (CHAR16)(c - u'A' + u'a') : c; }
 
 Bool IsHexDigit(CHAR16 c, UINT32* digit) {
   if (c >= u'0' && c <= u'9') {
@@ -170,7 +170,7 @@ constexpr OptionRow kOptions[] = {
     {u"edt", Form::Prefix, nullptr, nullptr, kNoType, ApplyEdt},
     {u"eob", Form::Exact, &CommandFlags::eob, u"Command -eob\r\n", kNoType, nullptr},
     // The package's argument scan has set the flag and taken the parameter already.
-    {u"extrFD", Form::Exact, nullptr, nullptr, kNoType, nullptr},
+    {u"extrFD", Form::Exact, nullptr, nullptr, kNoType, TakeNothing},
     {u"fd", Form::Exact, nullptr, nullptr, 0x03, nullptr},
     {u"fe", Form::Exact, nullptr, nullptr, 0x04, nullptr},
     {u"fl", Form::Exact, nullptr, nullptr, 0x05, nullptr},
@@ -187,7 +187,8 @@ constexpr OptionRow kOptions[] = {
     {u"mfg", Form::Exact, &CommandFlags::mfg, u"set parameter |MFG|\r\n", kNoType, nullptr},
     {u"n", Form::Exact, &CommandFlags::nothing, u"Command -n\r\n", kNoType, nullptr},
     {u"nopause", Form::Exact, &CommandFlags::nopause, u"Command -nopause used\r\n", kNoType, nullptr},
-    {u"OemCus", Form::Exact, nullptr, nullptr, kNoType, nullptr},
+    // Its word has been taken and blanked before the options are read.
+    {u"OemCus", Form::Exact, nullptr, nullptr, kNoType, TakeNothing},
     {u"pbi:", Form::Prefix, nullptr, nullptr, kNoType, TakeNothing},
     {u"pdr", Form::Exact, &CommandFlags::pdr, u"Command -pdr\r\n", kNoType, nullptr},
     {u"pi", Form::Exact, &CommandFlags::pi, u"Command -pi\r\n", kNoType, nullptr},
@@ -205,6 +206,32 @@ constexpr OptionRow kOptions[] = {
     {u"v", Form::Exact, &CommandFlags::v, u"Command -v\r\n", kNoType, nullptr},
     {u"vrt:", Form::Prefix, nullptr, nullptr, kNoType, ApplyVrt},
 };
+
+// Whether an earlier row would take a token spelt as literal, so that the later row is never
+// reached.
+constexpr Bool RowTakes(const OptionRow& earlier, const CHAR16* literal) {
+  UINT32 i = 0;
+  while (earlier.literal[i] != 0 && FoldLetter(earlier.literal[i]) == FoldLetter(literal[i])) {
+    i++;
+  }
+  return earlier.literal[i] == 0 && (earlier.form == Form::Prefix || literal[i] == 0);
+}
+
+// The table checks itself when it is compiled: every row can be reached, and every row does
+// something (a flag, a region type or a handler; a trace only with a flag).
+constexpr Bool OptionTableSound() {
+  Bool sound = true;
+  for (UINT32 j = 0; j < sizeof(kOptions) / sizeof(kOptions[0]); j++) {
+    const OptionRow& row = kOptions[j];
+    sound = sound && row.literal[0] != 0 && (row.flag != nullptr || row.type != kNoType || row.value != nullptr) &&
+            (row.trace == nullptr || row.flag != nullptr);
+    for (UINT32 i = 0; i < j; i++) {
+      sound = sound && !RowTakes(kOptions[i], row.literal);
+    }
+  }
+  return sound;
+}
+static_assert(OptionTableSound(), "an option row is shadowed by an earlier one or does nothing");
 
 Bool ApplyRow(const OptionRow& row, CHAR16* token) {
   SetCommandFlag(row.flag);
