@@ -132,6 +132,8 @@ TEST(UpdateScenarios, ARefusalLeavesTheFlashAlone) {
       {"older version", R"({"info": {"policy": "0x02"}, "status": {"vendor_id": "0x1656"}})", NewImage("V1.01"),
        "New     BIOS Version: V1.01\r\n\r\n\r\nThe version of ROM file is not newer than current BIOS.\r\n\n" +
            kNothingWritten},
+      {"secure payload one byte short", R"({"capsule": {"secure": true}})", zimage::WrapSecure(shortImage, {}, {}),
+       "ERROR!\r\nSize not match!\r\n-----+---------\r\n  ROM  0x1000000\r\n File  0xFFFFFF\r\n"},
   };
   const Bytes before = DefaultFlash();
   for (const Row& row : rows) {

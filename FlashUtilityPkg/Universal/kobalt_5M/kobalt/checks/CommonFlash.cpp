@@ -181,16 +181,17 @@ struct CommonFlashCall {
 }  // namespace
 
 Bool Oblis_44h(const UINT8* info, UINT32 infoLength, const UINT8* switches, UINT32 switchLength, UINT8* answer) {
+  // The trace is closed by hand on success: on the firmware's refusal the retry loop closes it,
+  // and this wrapper's own refusals close it through the failure guard.
   TraceEnter(kOblis44h);
+  FailureTrace failure(kOblis44h);
   if (info == nullptr || switches == nullptr || answer == nullptr) {
-    TraceLeave(kOblis44h, kReasonNullInput);
-    return false;
+    return failure.Fail(kReasonNullInput);
   }
   UINT8* buffer = nullptr;
   UINT8* buffer2 = nullptr;
   if (!GetOblisBuffer(kOblisBufferSize, &buffer) || !GetOblisBuffer2(kOblisBufferSize, &buffer2)) {
-    TraceLeave(kOblis44h, kReasonAllocateOblis);
-    return false;
+    return failure.Fail(kReasonAllocateOblis);
   }
   ZeroMem(buffer, kOblisBufferSize);
   ZeroMem(buffer2, kOblisBufferSize);
@@ -212,7 +213,7 @@ Bool Oblis_44h(const UINT8* info, UINT32 infoLength, const UINT8* switches, UINT
 }
 
 Bool CommonFlashExchange() {
-  TraceEnter(kCommonFlashExchange);
+  TraceScope trace(kCommonFlashExchange);
   CommonFlashInfo info;
   BuildInfo(&info);
   UINT8 block[kInfoBlockBytes];
@@ -224,8 +225,7 @@ Bool CommonFlashExchange() {
   UINT32 textLength = BoundedLength(text, (UINT32)kIniTextBytes - 1);
   UINT8* switches = (UINT8*)AllocateZeroPool((UINTN)textLength + 2);
   if (switches == nullptr) {
-    TraceLeave(kCommonFlashExchange, kReasonAllocateSwitches);
-    return false;
+    return trace.Fail(kReasonAllocateSwitches);
   }
   UINT32 switchLength = BuildSwitchBlock(text, textLength, switches);
 
@@ -234,7 +234,7 @@ Bool CommonFlashExchange() {
   FreePoolAndNull(switches);
   if (!answered) {
     // Without an answer the gate stays off and the tool's own power rules apply.
-    TraceLeave(kCommonFlashExchange, kReasonNotSuccess);
+    trace.SetReason(kReasonNotSuccess);
     return true;
   }
   UINT16 permit = ReadU16(answer);
@@ -244,7 +244,6 @@ Bool CommonFlashExchange() {
   gCommonFlash.action = ReadU16(answer + 4);
   // The raw permit value is traced: a 2 that counts as no must be visible as a 2.
   LogPrint(kLogDetail, kTrace44hStatus, permit, gCommonFlash.message, gCommonFlash.action);
-  TraceLeave(kCommonFlashExchange, nullptr);
   return true;
 }
 

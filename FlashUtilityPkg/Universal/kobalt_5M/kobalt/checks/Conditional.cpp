@@ -175,19 +175,16 @@ UINT32 PieceAddress(BlockCursor* cursor, UINT32 offset) {
 }  // namespace
 
 Bool SMI_CheckConditionalData(UINT8 type, UINT8 format, UINT16 length, const UINT8* data, UINT8* allow) {
-  TraceEnter(kCheckConditionalData);
+  TraceScope trace(kCheckConditionalData);
   if (data == nullptr) {
-    TraceLeave(kCheckConditionalData, kReasonNullInput);
-    return false;
+    return trace.Fail(kReasonNullInput);
   }
   if (format >= kFormatLimit) {
-    TraceLeave(kCheckConditionalData, kReasonFormat);
-    return false;
+    return trace.Fail(kReasonFormat);
   }
   UINT8* buffer = nullptr;
   if (!GetOblisBuffer(kOblisBufferSize, &buffer)) {
-    TraceLeave(kCheckConditionalData, kReasonAllocateOblis);
-    return false;
+    return trace.Fail(kReasonAllocateOblis);
   }
   ZeroMem(buffer, kOblisBufferSize);
   PutConditionalSignature(buffer, 'I');
@@ -197,6 +194,7 @@ Bool SMI_CheckConditionalData(UINT8 type, UINT8 format, UINT16 length, const UIN
   WriteU16(buffer + kConditionalLengthOffset, length);
   CopyMem(buffer + kConditionalHeaderBytes, data, length);
 
+  // The 45h trace is closed by hand: on the firmware's refusal the retry loop closes it.
   TraceEnter(kOblis45h);
   RecordCall call = {PhysicalAddressOf(buffer)};
   OblisRetrySpec spec = {kOblis45h, 0x45, kAccept45h, 1, nullptr, 0, false};
@@ -206,24 +204,20 @@ Bool SMI_CheckConditionalData(UINT8 type, UINT8 format, UINT16 length, const UIN
   };
   if (!RunOblisRetryLoop(&spec, attempt, &call, nullptr)) {
     // No answer: allow keeps the caller's start value, which decides what silence means.
-    TraceLeave(kCheckConditionalData, nullptr);
     return true;
   }
   TraceLeave(kOblis45h, nullptr);
   UINT8 signature[kSignatureBytes];
   PutConditionalSignature(signature, 'O');
   if (CompareMem(buffer, signature, kSignatureBytes) != 0) {
-    TraceLeave(kCheckConditionalData, kReasonSignature);
-    return false;
+    return trace.Fail(kReasonSignature);
   }
   if (ReadU32(buffer + kConditionalSizeOffset) < kConditionalAnswerMinimum) {
-    TraceLeave(kCheckConditionalData, kReasonStructureSize);
-    return false;
+    return trace.Fail(kReasonStructureSize);
   }
   if (allow != nullptr) {
     *allow = buffer[kConditionalResultOffset];
   }
-  TraceLeave(kCheckConditionalData, nullptr);
   return true;
 }
 
@@ -242,7 +236,7 @@ Bool Oblis_19h(UINT8* record) {
 }
 
 Bool SendOemParameters() {
-  TraceEnter(kSendOemParameters);
+  TraceScope trace(kSendOemParameters);
   if (EcCommandInForce() || DriverHoldsEcImage()) {
     CHAR16 word[sizeof(kWordEcCommand) / sizeof(CHAR16)];
     StrCopy16(word, sizeof(word) / sizeof(CHAR16), kWordEcCommand);
@@ -256,8 +250,7 @@ Bool SendOemParameters() {
   CloseOemList();
   UINT8* buffer = nullptr;
   if (!GetOblisBuffer(kOblisBufferSize, &buffer)) {
-    TraceLeave(kSendOemParameters, kReasonAllocateOblis);
-    return false;
+    return trace.Fail(kReasonAllocateOblis);
   }
   ZeroMem(buffer, kOblisBufferSize);
   CopyMem(buffer, OemParameterList(), kOemListBytes);
@@ -268,35 +261,31 @@ Bool SendOemParameters() {
   UINT32 dump = end + 1 + kAlphaDumpExtra;
   HexDumpFramed(kLabel19hAlpha, buffer, dump < kOemListBytes ? dump : (UINT32)kOemListBytes);
   if (!Oblis_19h(buffer)) {
-    TraceLeave(kSendOemParameters, kReasonNotSuccess);
-    return false;
+    return trace.Fail(kReasonNotSuccess);
   }
   CopyMem(OemParameterList(), buffer, kOemListBytes);
   HexDumpFramed(kLabel19hInfo, OemParameterList(), kInfoDumpBytes);
   if (!KeepOemAnswer()) {
-    TraceLeave(kSendOemParameters, kReasonAllocate);
-    return false;
+    return trace.Fail(kReasonAllocate);
   }
-  TraceLeave(kSendOemParameters, nullptr);
   return true;
 }
 
 Bool Oblis_1Bh(const UINT8* data, UINT32 size, UINT32 address, UINT8* status) {
+  // The firmware's refusal is closed by the retry loop, every other one here.
+  FailureTrace trace(kOblis1Bh);
   if (status != nullptr) {
     *status = kOblisNoAttempt;
   }
   if (data == nullptr) {
-    TraceLeave(kOblis1Bh, kReasonNullInput);
-    return false;
+    return trace.Fail(kReasonNullInput);
   }
   if (size > kOblisBufferSize) {
-    TraceLeave(kOblis1Bh, kReasonPieceTooLarge);
-    return false;
+    return trace.Fail(kReasonPieceTooLarge);
   }
   UINT8* buffer = nullptr;
   if (!GetOblisBuffer(kOblisBufferSize, &buffer)) {
-    TraceLeave(kOblis1Bh, kReasonAllocateOblis);
-    return false;
+    return trace.Fail(kReasonAllocateOblis);
   }
   ZeroMem(buffer, kOblisBufferSize);
   CopyMem(buffer, data, size);
@@ -315,10 +304,9 @@ Bool Oblis_1Bh(const UINT8* data, UINT32 size, UINT32 address, UINT8* status) {
 }
 
 Bool FuncOblis_1Bh(const UINT8* image, UINT32 size) {
-  TraceEnter(kFuncOblis1Bh);
+  TraceScope trace(kFuncOblis1Bh);
   if (image == nullptr && size != 0) {
-    TraceLeave(kFuncOblis1Bh, kReasonNullInput);
-    return false;
+    return trace.Fail(kReasonNullInput);
   }
   const UINT8* ecBuffer = GetEcBuffer();
   UINT32 ecPieces = 0;
@@ -330,13 +318,13 @@ Bool FuncOblis_1Bh(const UINT8* image, UINT32 size) {
   UINT32 imagePieces = size / kPieceBytes;
   FlashBlock* table = CopyBlockTable();
   if (table == nullptr) {
-    TraceLeave(kFuncOblis1Bh, kReasonBlockTable);
-    return false;
+    return trace.Fail(kReasonBlockTable);
   }
   UINT32 count = GetBlockCount();
   BlockCursor cursor = {table, count < kFlashBlockEntries ? count : kFlashBlockEntries, 0, 0};
   UINT8 last = kOblisNoAttempt;
-  for (UINT32 i = 0; i < ecPieces + imagePieces; ++i) {
+  Bool refused = false;
+  for (UINT32 i = 0; i < ecPieces + imagePieces && !refused; ++i) {
     const UINT8* piece = nullptr;
     UINT32 address = 0;
     if (i < ecPieces) {
@@ -349,15 +337,13 @@ Bool FuncOblis_1Bh(const UINT8* image, UINT32 size) {
     }
     // 0x28 is the firmware's report on a piece: shown, and the walk goes on. Anything else it
     // refuses ends the update.
-    if (!Oblis_1Bh(piece, kPieceBytes, address, &last) && last != kOblisModuleReport) {
-      FreePoolAndNull(table);
-      TraceLeave(kFuncOblis1Bh, kReasonNotSuccess);
-      return false;
-    }
+    refused = !Oblis_1Bh(piece, kPieceBytes, address, &last) && last != kOblisModuleReport;
   }
   FreePoolAndNull(table);
+  if (refused) {
+    return trace.Fail(kReasonNotSuccess);
+  }
   LogPrint(kLogDetail, kTrace1BhLast, last);
-  TraceLeave(kFuncOblis1Bh, nullptr);
   return true;
 }
 

@@ -171,12 +171,11 @@ Bool FieldMarked(const UINT8* image, UINT32 size, UINT32 at, UINT32 markOffset) 
 // The image's identity from its BVDT, for the compare: the version goes to version (empty when
 // the field is not marked), and both marked fields become the shown identity.
 Bool CheckNewRomFVPlatformInfo(const UINT8* image, UINT32 size, CHAR8* version) {
-  TraceEnter(kCheckNewRomFVPlatformInfo);
+  TraceScope trace(kCheckNewRomFVPlatformInfo);
   version[0] = 0;
   UINT32 at = 0;
   if (image == nullptr || !FindBvdtInImage(image, size, &at) || at >= size) {
-    TraceLeave(kCheckNewRomFVPlatformInfo, kReasonNoBvdt);
-    return false;
+    return trace.Fail(kReasonNoBvdt);
   }
   if (FieldMarked(image, size, at, kBvdtModelMark)) {
     CHAR8 model[kTextBytes];
@@ -187,7 +186,6 @@ Bool CheckNewRomFVPlatformInfo(const UINT8* image, UINT32 size, CHAR8* version) 
     TakeBvdtText(version, kTextBytes, image, size, at, kBvdtVersionOffset, kBvdtVersionBytes);
     SetShownVersion(version);
   }
-  TraceLeave(kCheckNewRomFVPlatformInfo, nullptr);
   return true;
 }
 
@@ -275,11 +273,6 @@ INT32 VersionVerdict(INT32 result) {
     default:
       return 0;
   }
-}
-
-INT32 LeavePlatformCheck(INT32 result, const CHAR16* reason) {
-  TraceLeave(kFuncPlatformCheck, reason);
-  return result;
 }
 
 }  // namespace
@@ -372,7 +365,7 @@ VOID MultiPlatformCompare(const CHAR16** newModel, const CHAR16** newVersion) {
 }
 
 Bool GetPlatformChkStatus() {
-  TraceEnter(kGetPlatformChkStatus);
+  TraceScope trace(kGetPlatformChkStatus);
   const PlatformInfo& platform = CurrentPlatform();
   CHAR8 current[kTextBytes];
   CHAR8 newer[kTextBytes];
@@ -397,12 +390,14 @@ Bool GetPlatformChkStatus() {
       pass = false;
     }
   }
-  TraceLeave(kGetPlatformChkStatus, pass ? nullptr : kReasonRefused);
+  if (!pass) {
+    trace.SetReason(kReasonRefused);
+  }
   return pass;
 }
 
 INT32 VersionCmp(const CHAR8* newVersion, const CHAR8* currentVersion) {
-  TraceEnter(kVersionCmp);
+  TraceScope trace(kVersionCmp);
   const CHAR8* newer = newVersion != nullptr ? newVersion : "";
   const CHAR8* current = currentVersion != nullptr ? currentVersion : "";
   const FlashSettings* settings = Settings();
@@ -423,7 +418,7 @@ INT32 VersionCmp(const CHAR8* newVersion, const CHAR8* currentVersion) {
     }
     if (refusal != 0) {
       LogPrint(kLogDetail, kTraceVersionResult, (UINT32)refusal);
-      TraceLeave(kVersionCmp, kReasonRefused);
+      trace.SetReason(kReasonRefused);
       return refusal;
     }
   }
@@ -438,44 +433,46 @@ INT32 VersionCmp(const CHAR8* newVersion, const CHAR8* currentVersion) {
     }
   }
   LogPrint(kLogDetail, kTraceVersionResult, (UINT32)result);
-  TraceLeave(kVersionCmp, nullptr);
   return result;
 }
 
 INT32 Func_PlatformCheck(const UINT8* image, UINT32 size) {
-  TraceEnter(kFuncPlatformCheck);
+  TraceScope trace(kFuncPlatformCheck);
   if (AntiTheftMarkerRequired() && !EcOptionsInForce() && !AntiTheftMarkerPresent(image, size)) {
-    return LeavePlatformCheck(kCheckNoAntiTheftMarker, kReasonNoMarker);
+    trace.SetReason(kReasonNoMarker);
+    return kCheckNoAntiTheftMarker;
   }
   Bool platformCheck = PlatformNameCheckNeeded();
   Bool versionCheck = VersionCheckNeeded();
   LogPrint(kLogDetail, kTraceChecksNeeded, (INT32)platformCheck, (INT32)versionCheck);
   if (!platformCheck && !versionCheck) {
-    return LeavePlatformCheck(0, kReasonNoChecks);
+    trace.SetReason(kReasonNoChecks);
+    return 0;
   }
   CHAR8 newVersion[kTextBytes];
   if (!CheckNewRomFVPlatformInfo(image, size, newVersion)) {
-    return LeavePlatformCheck(kCheckNoBvdt, kReasonNoBvdt);
+    trace.SetReason(kReasonNoBvdt);
+    return kCheckNoBvdt;
   }
   const PlatformInfo& platform = CurrentPlatform();
   CHAR8 currentVersion[kTextBytes];
   UnicodeToAscii(currentVersion, kTextBytes, platform.modelVersion);
   // The platform comes first: a refused platform hides any version result.
   if (platformCheck && !GetPlatformChkStatus()) {
-    return LeavePlatformCheck(kCheckOlder, kReasonPlatform);
+    trace.SetReason(kReasonPlatform);
+    return kCheckOlder;
   }
   if (versionCheck) {
     INT32 result = VersionCmp(newVersion, currentVersion);
-    if (IsVendor(kVendorDell)) {
-      Bool go = DellVersionDialogue(result, CurrentPlatform());
-      return go ? LeavePlatformCheck(0, nullptr) : LeavePlatformCheck(kCheckOlder, kReasonVersion);
-    }
-    INT32 verdict = VersionVerdict(result);
+    // On Dell the user decides on the result; elsewhere the fixed verdicts apply.
+    INT32 verdict = IsVendor(kVendorDell) ? (DellVersionDialogue(result, CurrentPlatform()) ? 0 : kCheckOlder)
+                                          : VersionVerdict(result);
     if (verdict != 0) {
-      return LeavePlatformCheck(verdict, kReasonVersion);
+      trace.SetReason(kReasonVersion);
+      return verdict;
     }
   }
-  return LeavePlatformCheck(0, nullptr);
+  return 0;
 }
 
 VOID ShowImageVersionInfo() {

@@ -318,7 +318,7 @@ UINT8 GetBatteryBound() {
 }
 
 Bool CheckPowerStatus() {
-  TraceEnter(kCheckPowerStatus);
+  TraceScope trace(kCheckPowerStatus);
   const CHAR16* rule = kRuleGeneral;
   Bool pass;
   if (IsVendor(kVendorDell)) {
@@ -330,7 +330,7 @@ Bool CheckPowerStatus() {
   } else {
     pass = GeneralRule();
   }
-  TraceLeave(kCheckPowerStatus, rule);
+  trace.SetReason(rule);
   return pass;
 }
 

@@ -258,11 +258,9 @@ UINTN WordLength(const CHAR16* text, UINTN position, CHAR16 separator) {
   return length;
 }
 
-Bool RefuseToken(const CHAR16* token) {
+VOID RefuseToken(const CHAR16* token) {
   PrintBanner(true);
   Print(kErrorInvalidCommand, token);
-  TraceLeave(kParseCommandLineName, kReasonInvalidCommand);
-  return false;
 }
 
 // -OemCus takes the next argument as a word for the firmware's parameter list; the word is
@@ -396,7 +394,7 @@ Bool ParseOption(CHAR16* token) {
 }
 
 Bool ParseCommandLine(CHAR16* imageName, CHAR16* commandText) {
-  TraceEnter(kParseCommandLineName);
+  TraceScope trace(kParseCommandLineName);
   UINT32 count = GetArgumentCount();
   CHAR16** arguments = GetArgumentVector();
   if (arguments == nullptr) {
@@ -410,7 +408,6 @@ Bool ParseCommandLine(CHAR16* imageName, CHAR16* commandText) {
     StrCopy16(imageName, kImageNameCharacters, arguments[1]);
   }
   if (!ParseOemCus(arguments, count)) {
-    TraceLeave(kParseCommandLineName, nullptr);
     return false;
   }
 
@@ -442,12 +439,13 @@ Bool ParseCommandLine(CHAR16* imageName, CHAR16* commandText) {
     if (length >= kTokenCharacters) {
       // Too long for any option: refused with the whole word, as the user wrote it.
       working[start + length] = 0;
-      return RefuseToken(working + start);
+      RefuseToken(working + start);
+      return trace.Fail(kReasonInvalidCommand);
     }
     if (!ParseOption(token)) {
-      return RefuseToken(token);
+      RefuseToken(token);
+      return trace.Fail(kReasonInvalidCommand);
     }
   }
-  TraceLeave(kParseCommandLineName, nullptr);
   return true;
 }

@@ -232,10 +232,9 @@ VOID FreeCommandFilter(CommandFilter* filter) {
 }
 
 Bool ChkFilterArg(const CHAR16* commandText) {
-  TraceEnter(kChkFilterArgName);
+  TraceScope trace(kChkFilterArgName);
   CommandFilter filter;
   if (!LoadCommandFilter(&filter)) {
-    TraceLeave(kChkFilterArgName, nullptr);
     return true;
   }
   LogPrint(kLogDetail, kTraceArgFilterEnabled);
@@ -245,6 +244,7 @@ Bool ChkFilterArg(const CHAR16* commandText) {
   UnicodeToAscii(line, sizeof(line), commandText);
   CHAR8 normal[kFilterTokenBytes];
   UINTN at = 0;
+  const CHAR8* refused = nullptr;
   while (line[at] != 0) {
     if (line[at] == ' ') {
       at++;
@@ -259,18 +259,19 @@ Bool ChkFilterArg(const CHAR16* commandText) {
     line[at] = 0;
     NormalizeToken(token, normal);
     if (!OptionPermitted(&filter, normal)) {
-      FreeCommandFilter(&filter);
-      PrintBanner(true);
-      Print(kErrorNotSupported, token);
-      TraceLeave(kChkFilterArgName, kReasonNotSupported);
-      return false;
+      refused = token;
+      break;
     }
     if (more) {
       at++;
     }
   }
   FreeCommandFilter(&filter);
-  TraceLeave(kChkFilterArgName, nullptr);
+  if (refused != nullptr) {
+    PrintBanner(true);
+    Print(kErrorNotSupported, refused);
+    return trace.Fail(kReasonNotSupported);
+  }
   return true;
 }
 
@@ -279,7 +280,7 @@ VOID ChkFilterTblIni() {
   if (!LoadCommandFilter(&filter)) {
     return;
   }
-  TraceEnter(kChkFilterTblIniName);
+  TraceScope trace(kChkFilterTblIniName);
   LogPrint(kLogDetail, kTraceIniFilterEnabled);
   FlashSettings* settings = MutableSettings();
   for (const SettingsBit& row : kSettingsBits) {
@@ -290,5 +291,4 @@ VOID ChkFilterTblIni() {
     row.reset(settings);
   }
   FreeCommandFilter(&filter);
-  TraceLeave(kChkFilterTblIniName, nullptr);
 }

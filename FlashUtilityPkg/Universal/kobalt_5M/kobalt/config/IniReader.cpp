@@ -263,20 +263,18 @@ INT32 ParseHex8(const CHAR8* text) {
 }
 
 VOID LoadOption(CHAR8* text, UINT32* size, Bool withMultiFd) {
-  TraceEnter(kLoadOptionName);
+  TraceScope trace(kLoadOptionName);
   if (text == nullptr || size == nullptr) {
-    TraceLeave(kLoadOptionName, nullptr);
     return;
   }
   RemoveComments(text, size);
   NormaliseText(text, size);
   if (!StoreIniText(text, *size)) {
-    TraceLeave(kLoadOptionName, kAllocateFailedReason);
+    trace.SetReason(kAllocateFailedReason);
     return;
   }
   LoadAllSections(withMultiFd);
   ChkFilterTblIni();
-  TraceLeave(kLoadOptionName, nullptr);
 }
 
 Bool IniSectionExists(const CHAR8* section, const CHAR8* text, UINT32 size) {

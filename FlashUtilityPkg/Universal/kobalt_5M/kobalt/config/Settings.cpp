@@ -434,13 +434,12 @@ constexpr SectionFunction kSectionsAfterMultiFd[] = {
 const FlashSettings* Settings() { return &flashSettings; }
 
 VOID InitialIniStructure() {
-  TraceEnter(kInitialIniStructureName);
+  TraceScope trace(kInitialIniStructureName);
   CommonFlashSection(true);
   MultiFdSection(true);
   for (SectionFunction section : kSectionsAfterMultiFd) {
     section(true);
   }
-  TraceLeave(kInitialIniStructureName, nullptr);
 }
 
 VOID LoadAllSections(Bool withMultiFd) {

@@ -101,32 +101,32 @@ VOID SaveCfg_Variable(const CHAR8* text, UINT32 size) {
 }
 
 Bool GetCfg_Variable() {
-  TraceEnter(kGetCfgVariableName);
+  TraceScope trace(kGetCfgVariableName);
   UINTN size = 0;
   EFI_STATUS status = gRT->GetVariable(kVariableName, &kVariableGuid, nullptr, &size, nullptr);
   if (status != EFI_BUFFER_TOO_SMALL) {
     LogPrint(kLogDetail, kGetVariableFailed, status);
-    TraceLeave(kGetCfgVariableName, kReasonSizeFailed);
-    return false;
+    return trace.Fail(kReasonSizeFailed);
   }
   LogPrint(kLogDetail, kVariableSize, (UINT32)size);
   CHAR8* buffer = static_cast<CHAR8*>(AllocateZeroPool(size + 16));
   if (buffer == nullptr) {
-    TraceLeave(kGetCfgVariableName, kReasonAllocateFailed);
-    return false;
+    return trace.Fail(kReasonAllocateFailed);
   }
   status = gRT->GetVariable(kVariableName, &kVariableGuid, nullptr, &size, buffer);
-  if (EFI_ERROR(status)) {
-    FreePoolAndNull(buffer);
-    TraceLeave(kGetCfgVariableName, kReasonGetFailed);
-    return false;
+  if (!EFI_ERROR(status)) {
+    UINT32 textSize = (UINT32)size;
+    LoadOption(buffer, &textSize, false);
   }
-  UINT32 textSize = (UINT32)size;
-  LoadOption(buffer, &textSize, false);
   FreePoolAndNull(buffer);
+  if (EFI_ERROR(status)) {
+    return trace.Fail(kReasonGetFailed);
+  }
   LogPrint(kLogDetail, kFromVariable);
   // The settings are for one capsule run only.
   status = gRT->SetVariable(kVariableName, &kVariableGuid, kVariableAttributes, 0, nullptr);
-  TraceLeave(kGetCfgVariableName, EFI_ERROR(status) ? kReasonClearFailed : nullptr);
+  if (EFI_ERROR(status)) {
+    trace.SetReason(kReasonClearFailed);
+  }
   return true;
 }

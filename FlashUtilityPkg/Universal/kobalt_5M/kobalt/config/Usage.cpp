@@ -85,7 +85,7 @@ constexpr UsageRow kUsageRows[] = {
 }  // namespace
 
 VOID DisplayUsage(CHAR16 (*pageKey)()) {
-  TraceEnter(kDisplayUsageName);
+  TraceScope trace(kDisplayUsageName);
   CommandFilter filter;
   Bool filtered = LoadCommandFilter(&filter);
   if (filtered) {
@@ -108,5 +108,4 @@ VOID DisplayUsage(CHAR16 (*pageKey)()) {
   }
   Print(kUsageEnd);
   FreeCommandFilter(&filter);
-  TraceLeave(kDisplayUsageName, nullptr);
 }

@@ -101,16 +101,16 @@ struct SetUpFailure {
 constexpr SetUpFailure kSetUpDone = {nullptr, nullptr, false};
 constexpr SetUpFailure SetUpFailed(const CHAR16* message, const CHAR16* reason) { return {message, reason, true}; }
 
-// Closes a set-up function: gives back what it holds, prints the failure and closes its trace.
-Bool EndSetUp(const CHAR16* name, const SetUpFailure& failure) {
+// Ends a set-up function: gives back what it holds and prints the failure. Gives the reason its
+// trace closes with, null when the set-up went through.
+const CHAR16* EndSetUp(const SetUpFailure& failure) {
   if (failure.reason != nullptr && failure.holdsResources) {
     FreeResource();
   }
   if (failure.message != nullptr) {
     Print(failure.message);
   }
-  TraceLeave(name, failure.reason);
-  return failure.reason == nullptr;
+  return failure.reason;
 }
 
 // The first yes makes the run a query. The order differs from RunQueryCommand's.
@@ -224,7 +224,7 @@ StepEnd UpdateWithImage(const UINT8* image, UINT32 size) {
 // The update of the image named on the command line. The image is read here and freed here, on
 // every way out; the steps and the road only borrow it.
 Bool FuncUpdate(const CHAR16* imageName) {
-  TraceEnter(kFuncUpdate);
+  TraceScope trace(kFuncUpdate);
   UINT8* image = nullptr;
   UINT32 size = 0;
   StepEnd end = Stop(nullptr);
@@ -237,7 +237,7 @@ Bool FuncUpdate(const CHAR16* imageName) {
     end = UpdateWithImage(image, size);
   }
   FreePoolAndNull(image);
-  TraceLeave(kFuncUpdate, end.reason);
+  trace.SetReason(end.reason);
   return end.result;
 }
 
@@ -371,34 +371,37 @@ SetUpFailure NecessarySmiSteps() {
 UINT8* GetImageWorkBuffer() { return gRun.imageWorkBuffer; }
 
 VOID FreeResource() {
-  TraceEnter(kFreeResource);
+  TraceScope trace(kFreeResource);
   FreePoolAndNull(gRun.imageWorkBuffer);
   ReleaseEcBuffer();
-  TraceLeave(kFreeResource, nullptr);
 }
 
 Bool Initialize() {
-  TraceEnter(kInitialize);
-  return EndSetUp(kInitialize, InitializeSteps());
+  TraceScope trace(kInitialize);
+  const CHAR16* reason = EndSetUp(InitializeSteps());
+  trace.SetReason(reason);
+  return reason == nullptr;
 }
 
 Bool CallingNecessarySmi() {
-  TraceEnter(kCallingNecessarySmi);
-  return EndSetUp(kCallingNecessarySmi, NecessarySmiSteps());
+  TraceScope trace(kCallingNecessarySmi);
+  const CHAR16* reason = EndSetUp(NecessarySmiSteps());
+  trace.SetReason(reason);
+  return reason == nullptr;
 }
 
 Bool EFIAPI ShellFlashMain() {
   ShellRun run = {};
   run.argumentCount = GetArgumentCount();
   run.arguments = GetArgumentVector();
-  TraceEnter(kShellFlashMain);
+  TraceScope trace(kShellFlashMain);
   StepEnd end = RunShellSteps(run);
-  TraceLeave(kShellFlashMain, end.reason);
+  trace.SetReason(end.reason);
   return end.result;
 }
 
 Bool EFIAPI UefiFlashMain() {
-  TraceEnter(kUefiFlashMain);
+  TraceScope trace(kUefiFlashMain);
   SetRunMode(kRunModeUefi);
   InitialIniStructure();
   StepEnd end = Stop(kReasonUefiInitialize);
@@ -409,7 +412,7 @@ Bool EFIAPI UefiFlashMain() {
     Print(kUpdateStepsNotBuilt);
     end = Stop(kReasonUpdateStepsNotBuilt);
   }
-  TraceLeave(kUefiFlashMain, end.reason);
+  trace.SetReason(end.reason);
   return end.result;
 }
 

@@ -79,17 +79,15 @@ Bool ReadImageBvdtInfo(const UINT8* image, UINT32 size) {
 // The running firmware keeps its BVDT in an OEM Data region (type 0x0A) of the whole ROM map;
 // the first such region whose content holds the marker is the one.
 Bool FindBvdtBlock(UINT32* address, UINT32* size) {
-  TraceEnter(kFindBvdtBlock);
-  RomMapEntry* entries = (RomMapEntry*)AllocateZeroPool(sizeof(RomMapEntry) * kRomMapEntries);
-  if (entries == nullptr) {
-    TraceLeave(kFindBvdtBlock, kReasonAllocate);
-    return false;
+  TraceScope trace(kFindBvdtBlock);
+  PoolBuffer entryBlock(sizeof(RomMapEntry) * kRomMapEntries);
+  if (!entryBlock) {
+    return trace.Fail(kReasonAllocate);
   }
+  RomMapEntry* entries = reinterpret_cast<RomMapEntry*>(entryBlock.Data());
   UINT8 count = 0;
   if (!SMI_GetWholeRomMap(entries, &count)) {
-    FreePoolAndNull(entries);
-    TraceLeave(kFindBvdtBlock, kReasonWholeMap);
-    return false;
+    return trace.Fail(kReasonWholeMap);
   }
   UINT32 romSize = GetRomSize();
   for (UINT32 index = 0; index < count && index < kRomMapEntries; ++index) {
@@ -98,20 +96,17 @@ Bool FindBvdtBlock(UINT32* address, UINT32* size) {
     if (entry.type != kTypeOemData || entry.size == 0 || (romSize != 0 && entry.size > romSize)) {
       continue;
     }
-    UINT8* region = (UINT8*)AllocateZeroPool(entry.size);
-    if (region == nullptr) {
-      FreePoolAndNull(entries);
-      TraceLeave(kFindBvdtBlock, kReasonAllocate);
-      return false;
+    Bool found = false;
+    {
+      PoolBuffer region(entry.size);
+      if (!region) {
+        return trace.Fail(kReasonAllocate);
+      }
+      if (!SMI_ReadRom(entry.address, entry.size, region.View())) {
+        return trace.Fail(kReasonReadRom);
+      }
+      found = FindBvdtInImage(region.Data(), entry.size, nullptr);
     }
-    if (!SMI_ReadRom(entry.address, entry.size, {region, entry.size})) {
-      FreePoolAndNull(region);
-      FreePoolAndNull(entries);
-      TraceLeave(kFindBvdtBlock, kReasonReadRom);
-      return false;
-    }
-    Bool found = FindBvdtInImage(region, entry.size, nullptr);
-    FreePoolAndNull(region);
     if (found) {
       if (address != nullptr) {
         *address = entry.address;
@@ -120,13 +115,9 @@ Bool FindBvdtBlock(UINT32* address, UINT32* size) {
         *size = entry.size;
       }
       LogPrint(kLogDetail, kTraceBlockFound, entry.address, entry.size);
-      FreePoolAndNull(entries);
-      TraceLeave(kFindBvdtBlock, nullptr);
       return true;
     }
   }
-  FreePoolAndNull(entries);
-  TraceLeave(kFindBvdtBlock, nullptr);
   return false;
 }
 

@@ -41,30 +41,26 @@ VOID ReportImageNotFound(const CHAR16* imageName) {
 }  // namespace
 
 Bool GetCfg_Secure() {
-  TraceEnter(kGetCfgSecureName);
+  TraceScope trace(kGetCfgSecureName);
   const UINT8* chain = DriverSlotChain();
   UINT32 size = ReadU32(chain + kChainIniSizeField);
   if (size == 0) {
     Print(kSecureEmpty);
-    TraceLeave(kGetCfgSecureName, kReasonSecureEmpty);
-    return false;
+    return trace.Fail(kReasonSecureEmpty);
   }
   if (size > kChainIniCapacity || kChainIniData + size > DriverSlotChainSize()) {
     Print(kSecureTooLarge, size, kChainIniCapacity);
-    TraceLeave(kGetCfgSecureName, kReasonSecureTooLarge);
-    return false;
+    return trace.Fail(kReasonSecureTooLarge);
   }
   CHAR8* buffer = static_cast<CHAR8*>(AllocateZeroPool((UINTN)size + 16));
   if (buffer == nullptr) {
     Print(kSecureAllocateFailed, size);
-    TraceLeave(kGetCfgSecureName, kReasonAllocateFailed);
-    return false;
+    return trace.Fail(kReasonAllocateFailed);
   }
   CopyMem(buffer, chain + kChainIniData, size);
   LoadOption(buffer, &size, false);
   FreePoolAndNull(buffer);
   LogPrint(kLogDetail, kFromCapsule);
-  TraceLeave(kGetCfgSecureName, nullptr);
   return true;
 }
 
@@ -82,12 +78,14 @@ Bool LoadConfigFormal(CHAR16* imageName) {
     LogPrint(kLogSettings, kFormalExternal);
     CHAR8* iniText = reinterpret_cast<CHAR8*>(text);
     LoadOption(iniText, &textSize, true);
-    if (Settings()->multiFd.flag != 1) {
+    Bool singleImage = Settings()->multiFd.flag != 1;
+    if (singleImage) {
       SaveCfg_Variable(iniText, textSize);
-      FreePoolAndNull(text);
-      return true;
     }
     FreePoolAndNull(text);
+    if (singleImage) {
+      return true;
+    }
     if (!IsCondi_match()) {
       PrintBanner(true);
       Print(kNoMultiFdMatch);
@@ -107,12 +105,11 @@ Bool LoadConfigFormal(CHAR16* imageName) {
     return false;
   }
   LogPrint(kLogSettings, kFormalImage);
-  if (!AnalyzeImage(image, length)) {
-    // A legacy image brings no settings: what stands so far stays.
-    FreePoolAndNull(image);
-    return true;
+  // A legacy image brings no settings: what stands so far stays.
+  Bool loaded = true;
+  if (AnalyzeImage(image, length)) {
+    loaded = LoadImageConfig(image, length);
   }
-  Bool loaded = LoadImageConfig(image, length);
   FreePoolAndNull(image);
   return loaded;
 }

@@ -37,10 +37,10 @@ constinit OemMeState gScript = {};
 }  // namespace
 
 Bool UpdateOemME() {
-  TraceEnter(kUpdateOemMe);
+  TraceScope trace(kUpdateOemMe);
   const FlashSettings* settings = Settings();
   if (settings->updateOemMe.meFileName[0] == 0) {
-    TraceLeave(kUpdateOemMe, kReasonNoMeFile);
+    trace.SetReason(kReasonNoMeFile);
     return true;
   }
   LogPrint(kLogDetail, kTraceUpdateMe);
@@ -48,8 +48,7 @@ Bool UpdateOemME() {
   if (!ReadFile(kMeTool, nullptr, nullptr)) {
     LogPrint(kLogDetail, kTraceToolMissing, kMeTool);
     Print(kWarningToolMissing, kMeTool);
-    TraceLeave(kUpdateOemMe, kReasonToolMissing);
-    return false;
+    return trace.Fail(kReasonToolMissing);
   }
   FormatText(gScript.wide, kScriptCharacters, kScriptFormat, kMeTool, settings->updateOemMe.meFileName,
              settings->updateOemMe.command);
@@ -57,8 +56,7 @@ Bool UpdateOemME() {
   LogPrint(kLogDetail, kTraceScript, gScript.text);
   if (!SaveBufferToFile(kMeScript, gScript.text, (UINT32)StrLen8(gScript.text))) {
     LogPrint(kLogDetail, kTraceScriptFailed, kMeScript);
-    TraceLeave(kUpdateOemMe, kReasonScriptFailed);
-    return false;
+    return trace.Fail(kReasonScriptFailed);
   }
   // An error.log of an earlier run must not count against this one.
   EfiDeleteFile(kMeErrorLog);
@@ -74,11 +72,9 @@ Bool UpdateOemME() {
     }
     Print(kWarningErrorLog, kMeTool, reinterpret_cast<CHAR8*>(log));
     FreePoolAndNull(log);
-    TraceLeave(kUpdateOemMe, kReasonErrorLog);
-    return false;
+    return trace.Fail(kReasonErrorLog);
   }
   Print(kDone);
-  TraceLeave(kUpdateOemMe, nullptr);
   return true;
 }
 

@@ -164,34 +164,26 @@ UINT8 GetRegionFlags() { return gRegion.flags; }
 VOID ClearMeRegionFlag() { gRegion.flags &= (UINT8)~kRegionMe; }
 
 Bool GetExternalMaps(const UINT8* image, UINT32 length) {
-  TraceEnter(kGetExternalMaps);
-  UINT8* in = (UINT8*)AllocateZeroPool(kExternalMapBytes);
-  UINT8* out = (UINT8*)AllocateZeroPool(kExternalMapBytes);
-  if (in == nullptr || out == nullptr) {
-    FreePoolAndNull(in);
-    FreePoolAndNull(out);
-    TraceLeave(kGetExternalMaps, kReasonAllocate);
-    return false;
+  TraceScope trace(kGetExternalMaps);
+  PoolBuffer in(kExternalMapBytes);
+  PoolBuffer out(kExternalMapBytes);
+  if (!in || !out) {
+    return trace.Fail(kReasonAllocate);
   }
   // The firmware reads the new image's map from its head; a shorter image leaves zeros behind.
   if (image != nullptr) {
-    CopyMem(in, image, length < kExternalMapBytes ? length : kExternalMapBytes);
+    CopyMem(in.Data(), image, length < kExternalMapBytes ? length : kExternalMapBytes);
   }
-  Bool answered = Oblis_17h(in, {out, kExternalMapBytes});
-  FreePoolAndNull(in);
-  if (!answered) {
-    FreePoolAndNull(out);
-    TraceLeave(kGetExternalMaps, kReasonOblis17h);
-    return false;
+  if (!Oblis_17h(in.Data(), out.View())) {
+    return trace.Fail(kReasonOblis17h);
   }
   // The lists of an earlier answer give way only to a good new one.
   FreePoolAndNull(gRegion.answer);
-  gRegion.answer = out;
+  gRegion.answer = out.Release();
   LogPrint(kLogDetail, kTraceCurrent);
-  ReadExternalList(out, &gRegion.current);
+  ReadExternalList(gRegion.answer, &gRegion.current);
   LogPrint(kLogDetail, kTraceNew);
-  ReadExternalList(out + kExternalNewListOffset, &gRegion.next);
-  TraceLeave(kGetExternalMaps, nullptr);
+  ReadExternalList(gRegion.answer + kExternalNewListOffset, &gRegion.next);
   return true;
 }
 

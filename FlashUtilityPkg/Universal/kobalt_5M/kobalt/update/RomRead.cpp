@@ -37,10 +37,9 @@ UINT32 Percent(UINT32 done, UINT32 total) {
 
 // The protected flag plays no part: -g saves the whole part, protected blocks included.
 Bool ReadWholeRom(UINT8** data, UINT32* size) {
-  TraceEnter(kReadWholeRom);
+  TraceScope trace(kReadWholeRom);
   if (data == nullptr || size == nullptr) {
-    TraceLeave(kReadWholeRom, kReasonAllocate);
-    return false;
+    return trace.Fail(kReasonAllocate);
   }
   *data = nullptr;
   *size = 0;
@@ -50,41 +49,31 @@ Bool ReadWholeRom(UINT8** data, UINT32* size) {
     count = kFlashBlockEntries;
   }
   if (romSize == 0 || count == 0) {
-    TraceLeave(kReadWholeRom, kReasonNoBlockTable);
-    return false;
+    return trace.Fail(kReasonNoBlockTable);
   }
-  FlashBlock* table = CopyBlockTable();
-  UINT8* buffer = (UINT8*)AllocateZeroPool(romSize);
-  if (table == nullptr || buffer == nullptr) {
-    FreePoolAndNull(table);
-    FreePoolAndNull(buffer);
-    TraceLeave(kReadWholeRom, kReasonAllocate);
-    return false;
+  PoolBuffer tableBlock;
+  tableBlock.Adopt(reinterpret_cast<UINT8*>(CopyBlockTable()), kFlashBlockEntries * sizeof(FlashBlock));
+  PoolBuffer buffer(romSize);
+  if (!tableBlock || !buffer) {
+    return trace.Fail(kReasonAllocate);
   }
+  const FlashBlock* table = reinterpret_cast<const FlashBlock*>(tableBlock.Data());
   UINT32 done = 0;
   for (UINT32 index = 0; index < count; ++index) {
     UINT32 blockSize = table[index].size;
     // The blocks go to consecutive parts of the buffer; a table that claims more than the ROM
     // holds must not have them written past its end.
     if (blockSize > romSize - done) {
-      FreePoolAndNull(table);
-      FreePoolAndNull(buffer);
-      TraceLeave(kReadWholeRom, kReasonBlocksPastRom);
-      return false;
+      return trace.Fail(kReasonBlocksPastRom);
     }
-    if (!SMI_ReadRom(table[index].address, blockSize, {buffer + done, romSize - done})) {
-      FreePoolAndNull(table);
-      FreePoolAndNull(buffer);
-      TraceLeave(kReadWholeRom, kReasonReadFailed);
-      return false;
+    if (!SMI_ReadRom(table[index].address, blockSize, {buffer.Data() + done, romSize - done})) {
+      return trace.Fail(kReasonReadFailed);
     }
     done += blockSize;
     Print(kReadProgress, Percent(done, romSize));
   }
-  FreePoolAndNull(table);
-  *data = buffer;
+  *data = buffer.Release();
   *size = romSize;
-  TraceLeave(kReadWholeRom, nullptr);
   return true;
 }
 
