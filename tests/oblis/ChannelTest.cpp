@@ -34,6 +34,8 @@ TEST_F(Channel, CallsBeforeASuccessfulSetUpTouchNoPort) {
   fadt.resize(116);
   Place(0x7E01000, fadt);
   EXPECT_FALSE(InitialSmi());
+  EXPECT_NE(Log().find("<=== FindSMICommandPort (SMI command port not found)\r\n<=== InitialSmi (Find SMI command port failed)\r\n"),
+            std::string::npos) << Log();
   EXPECT_FALSE(SMI_ApHookPoint(0));
   EXPECT_FALSE(FuncOblis_16h());
   EXPECT_TRUE(smiCalls.empty());
