@@ -3,6 +3,7 @@
 // retry loop's attempts, delays, verdict and error report.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <map>
 
@@ -33,6 +34,8 @@ TEST_F(Channel, CallsBeforeASuccessfulSetUpTouchNoPort) {
   fadt.resize(116);
   Place(0x7E01000, fadt);
   EXPECT_FALSE(InitialSmi());
+  EXPECT_NE(Log().find("<=== FindSMICommandPort (SMI command port not found)\r\n<=== InitialSmi (Find SMI command port failed)\r\n"),
+            std::string::npos) << Log();
   EXPECT_FALSE(SMI_ApHookPoint(0));
   EXPECT_FALSE(FuncOblis_16h());
   EXPECT_TRUE(smiCalls.empty());
@@ -153,7 +156,7 @@ TEST_F(Channel, RetryLoopAttemptsDelaysVerdictAndReport) {
   };
   for (const Row& row : rows) {
     Install(Layout());
-    LoadSettings(std::string("[Others]\n") + row.others);
+    LoadSettings(std::string("[Log_file]\nFlag=1\nLevel=4\n[Others]\n") + row.others);
     ASSERT_TRUE(InitialSmi());
     AnswerCodes(row.function, row.codes);
     size_t stallsBefore = Environment().StallCalls().size();
@@ -175,6 +178,15 @@ TEST_F(Channel, RetryLoopAttemptsDelaysVerdictAndReport) {
     std::vector<uint64_t> stalls(Environment().StallCalls().begin() + stallsBefore, Environment().StallCalls().end());
     EXPECT_EQ(stalls, std::vector<uint64_t>(row.stalls, 1000)) << row.what;
     EXPECT_EQ(Console(), row.console) << row.what;
+    // One close per call, the wrapper's own: a refusal names the loop's reason, and the wrappers
+    // that open no trace (14h, 15h, 17h) write theirs only then.
+    if (row.function != 0x1A) {
+      char close[24];
+      std::snprintf(close, sizeof(close), "<=== Oblis_%02Xh", row.function);
+      bool opens = row.function != 0x14 && row.function != 0x15 && row.function != 0x17;
+      EXPECT_EQ(bed::CountOf(Log(), close), opens || !row.result ? 1u : 0u) << row.what << Log();
+      EXPECT_EQ(bed::CountOf(Log(), std::string(close) + " (BIOS return not success)\r\n"), row.result ? 0u : 1u) << row.what;
+    }
   }
 }
 

@@ -86,9 +86,13 @@ TEST_F(BlockWriter, SmiWriteRomComparesWritesAndVerifies) {
     EXPECT_EQ(SMI_WriteRom(kBase + kBlock, {data.data(), kBlock}), row.result) << row.what;
     EXPECT_EQ(writes, std::vector<uint32_t>(row.writes, kBase + kBlock)) << row.what;
     EXPECT_EQ(reads, row.reads) << row.what;
+    // One close per call; a failure names why.
+    EXPECT_EQ(bed::CountOf(Log(), "<=== SMI_WriteRom"), 1u) << row.what;
     if (row.result == BlockResult::Failed && row.corruptWrites > 0) {
       EXPECT_NE(Log().find("Verify failed (0)\r\n"), std::string::npos) << row.what;
       EXPECT_NE(Log().find("<=== SMI_WriteRom (Verify failed)"), std::string::npos) << row.what;
+    } else if (row.result == BlockResult::Failed) {
+      EXPECT_NE(Log().find("<=== SMI_WriteRom (Write ROM failed)"), std::string::npos) << row.what;
     }
   }
 }

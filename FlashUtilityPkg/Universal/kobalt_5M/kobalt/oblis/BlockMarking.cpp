@@ -53,8 +53,7 @@ VOID MarkRegionType(UINT8 type, UINT8 flag) {
 }
 
 VOID SetRsvd_13h(SecureBootQuery secureBootSupport) {
-  const CHAR16* name = u"SetRsvd_13h";
-  TraceEnter(name);
+  TraceScope trace(u"SetRsvd_13h");
   const CommandFlags* flags = Flags();
   const FlashSettings* settings = Settings();
   Bool secureBoot = secureBootSupport != nullptr && secureBootSupport();
@@ -133,5 +132,4 @@ VOID SetRsvd_13h(SecureBootQuery secureBootSupport) {
   }
   FreePoolAndNull(privateList);
   FreePoolAndNull(protectionList);
-  TraceLeave(name, nullptr);
 }

@@ -80,30 +80,22 @@ Bool BlockCountFits(const UINT8* map, UINT32 entries, UINT32* total) {
 UINT32 SizeIndexToBytes(UINT8 index) { return index <= kLastSizeIndex ? kSmallestRom << index : 0; }
 
 Bool FuncOblis_13h() {
-  const CHAR16* name = u"FuncOblis_13h";
-  TraceEnter(name);
-  UINT8* part = (UINT8*)AllocateZeroPool(kOblisAnswerBytes);
-  UINT8* map = (UINT8*)AllocateZeroPool(kOblisAnswerBytes);
-  if (part == nullptr || map == nullptr) {
-    FreePoolAndNull(part);
-    FreePoolAndNull(map);
-    TraceLeave(name, kReasonAllocate);
-    return false;
+  TraceScope trace(u"FuncOblis_13h");
+  PoolBuffer partAnswer(kOblisAnswerBytes);
+  PoolBuffer mapAnswer(kOblisAnswerBytes);
+  if (!partAnswer || !mapAnswer) {
+    return trace.Fail(kReasonAllocate);
   }
-  if (!Oblis_13h({part, kOblisAnswerBytes}, {map, kOblisAnswerBytes})) {
-    FreePoolAndNull(part);
-    FreePoolAndNull(map);
-    TraceLeave(name, u"OBLIS 13h failed");
-    return false;
+  if (!Oblis_13h(partAnswer.View(), mapAnswer.View())) {
+    return trace.Fail(u"OBLIS 13h failed");
   }
+  const UINT8* part = partAnswer.Data();
+  const UINT8* map = mapAnswer.Data();
   static_assert(kBlockMapEntryLimit * sizeof(OblisBlockMapEntry) <= kOblisAnswerBytes, "map walk bounded");
   UINT32 entries = CountMapEntries(map);
   UINT32 blockCount = 0;
   if (!BlockCountFits(map, entries, &blockCount)) {
-    FreePoolAndNull(part);
-    FreePoolAndNull(map);
-    TraceLeave(name, kReasonBlockCount);
-    return false;
+    return trace.Fail(kReasonBlockCount);
   }
 
   UINT8 sizeIndex = part[offsetof(OblisFlashPartRecord, sizeIndex)];
@@ -148,9 +140,6 @@ Bool FuncOblis_13h() {
       address += size;
     }
   }
-  FreePoolAndNull(part);
-  FreePoolAndNull(map);
-  TraceLeave(name, nullptr);
   return true;
 }
 
@@ -213,10 +202,11 @@ VOID ShowBlockTable(const FlashBlock* table, UINT32 count) {
   if (count > kFlashBlockEntries) {
     count = kFlashBlockEntries;
   }
-  CHAR8* text = (CHAR8*)AllocateZeroPool(kBlockTableTextBytes);
-  if (text == nullptr) {
+  PoolBuffer textBuffer(kBlockTableTextBytes);
+  if (!textBuffer) {
     return;
   }
+  CHAR8* text = (CHAR8*)textBuffer.Data();
   UINT32 length = 0;
   UINT32 lines = 0;
   for (UINT32 first = 0; first < count; first += kBlocksPerLine) {
@@ -246,7 +236,6 @@ VOID ShowBlockTable(const FlashBlock* table, UINT32 count) {
   if (length != 0) {
     FlushBlockTableText(text, &length);
   }
-  FreePoolAndNull(text);
 }
 
 VOID ResetBlockTableState() {

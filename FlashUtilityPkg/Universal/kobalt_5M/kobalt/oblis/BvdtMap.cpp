@@ -87,14 +87,12 @@ VOID ShowExternalMap(Bool console, const OblisExternalRecord* list, UINT32 count
 }  // namespace
 
 Bool LoadBvdtMap(const UINT8* image, UINT32 size) {
-  const CHAR16* name = u"LoadBvdtMap";
-  TraceEnter(name);
+  TraceScope trace(u"LoadBvdtMap");
   // A map left from an earlier image must not stand in for this one's.
   ZeroMem(&gBvdt, sizeof(gBvdt));
   UINT32 at = 0;
   if (!FindOblisSignature(image, size, &at)) {
-    TraceLeave(name, u"Not found");
-    return false;
+    return trace.Fail(u"Not found");
   }
   gBvdt.found = true;
   // The records are read only as far as the image holds whole records. The end mark is tested
@@ -119,7 +117,6 @@ Bool LoadBvdtMap(const UINT8* image, UINT32 size) {
     ++gBvdt.count;
   }
   ShowBvdtMapTrace();
-  TraceLeave(name, nullptr);
   return true;
 }
 
@@ -127,8 +124,7 @@ Bool BvdtMapFound() { return gBvdt.found; }
 
 VOID GetBvdtRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, UINT32* protectionCount,
                    OblisProtectionRecord** protectionList) {
-  const CHAR16* name = u"GetBvdtRomMap";
-  TraceEnter(name);
+  TraceScope trace(u"GetBvdtRomMap");
   UINT32 privates = 0;
   UINT32 protections = 0;
   for (UINT32 index = 0; index < gBvdt.count; ++index) {
@@ -140,14 +136,14 @@ VOID GetBvdtRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, UINT3
     }
   }
   // One byte at least, so that an empty list is still a list the caller can free.
-  UINT8* privateBytes = (UINT8*)AllocateZeroPool(privates * sizeof(OblisPrivateRecord) + 1);
-  UINT8* protectionBytes = (UINT8*)AllocateZeroPool(protections * sizeof(OblisProtectionRecord) + 1);
-  if (privateBytes == nullptr || protectionBytes == nullptr) {
-    FreePoolAndNull(privateBytes);
-    FreePoolAndNull(protectionBytes);
-    TraceLeave(name, u"Allocate memory failed");
+  PoolBuffer privateHeld(privates * sizeof(OblisPrivateRecord) + 1);
+  PoolBuffer protectionHeld(protections * sizeof(OblisProtectionRecord) + 1);
+  if (!privateHeld || !protectionHeld) {
+    trace.SetReason(u"Allocate memory failed");
     return;
   }
+  UINT8* privateBytes = privateHeld.Data();
+  UINT8* protectionBytes = protectionHeld.Data();
   UINT32 privateAt = 0;
   UINT32 protectionAt = 0;
   for (UINT32 index = 0; index < gBvdt.count; ++index) {
@@ -171,17 +167,13 @@ VOID GetBvdtRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, UINT3
   if (protectionCount != nullptr) {
     *protectionCount = protections;
   }
+  // The caller frees the lists it asked for; the others go with this function.
   if (privateList != nullptr) {
-    *privateList = (OblisPrivateRecord*)privateBytes;
-  } else {
-    FreePoolAndNull(privateBytes);
+    *privateList = (OblisPrivateRecord*)privateHeld.Release();
   }
   if (protectionList != nullptr) {
-    *protectionList = (OblisProtectionRecord*)protectionBytes;
-  } else {
-    FreePoolAndNull(protectionBytes);
+    *protectionList = (OblisProtectionRecord*)protectionHeld.Release();
   }
-  TraceLeave(name, nullptr);
 }
 
 VOID SelectRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, UINT32* protectionCount,
@@ -197,25 +189,22 @@ VOID ShowBvdtMapConsole() { ShowBvdtMap(true); }
 VOID ShowBvdtMapTrace() { ShowBvdtMap(false); }
 
 Bool ShowBvdtMapFile(const CHAR16* name) {
-  const CHAR16* trace = u"ShowBvdtMapFile";
-  TraceEnter(trace);
+  TraceScope trace(u"ShowBvdtMapFile");
   UINT8* data = nullptr;
   UINT32 size = 0;
-  if (name == nullptr || !ReadFile(name, &data, &size) || data == nullptr) {
-    FreePoolAndNull(data);
+  Bool read = name != nullptr && ReadFile(name, &data, &size);
+  // A failed read may still have left a block behind; it is freed all the same.
+  PoolBuffer file;
+  file.Adopt(data, size);
+  if (!read || !file) {
     Print(kMessageLoadFailed);
-    TraceLeave(trace, u"Load file failed");
-    return false;
+    return trace.Fail(u"Load file failed");
   }
-  if (!LoadBvdtMap(data, size)) {
+  if (!LoadBvdtMap(file.Data(), size)) {
     Print(kMessageMapNotFound);
-    FreePoolAndNull(data);
-    TraceLeave(trace, u"Region map not found");
-    return false;
+    return trace.Fail(u"Region map not found");
   }
   ShowBvdtMapConsole();
-  FreePoolAndNull(data);
-  TraceLeave(trace, nullptr);
   return true;
 }
 

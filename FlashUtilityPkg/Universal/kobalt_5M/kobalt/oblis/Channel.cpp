@@ -194,22 +194,19 @@ UINT8 GetSmiMainFunctionNumberFromPhysicalMemory() {
 }
 
 Bool GetFacpTableAddress(UINT32* address) {
-  const CHAR16* name = u"GetFacpTableAddress";
-  TraceEnter(name);
+  TraceScope trace(u"GetFacpTableAddress");
   if (address != nullptr) {
     *address = 0;
   }
   UINT32 rsdp = FindRsdpAddress();
   if (rsdp == 0) {
     Print(kMessageRsdpNotFound);
-    TraceLeave(name, u"RSDP not found");
-    return false;
+    return trace.Fail(u"RSDP not found");
   }
   UINT32 rsdt = 0;
   if (!ReadPhysicalU32(rsdp + kRsdtAddressOffset, &rsdt) || rsdt == 0) {
     Print(kMessageRsdtNotFound);
-    TraceLeave(name, u"RSDT not found");
-    return false;
+    return trace.Fail(u"RSDT not found");
   }
   UINT32 rsdtLength = 0;
   if (!ReadPhysicalU32(rsdt + kAcpiLengthOffset, &rsdtLength) || rsdtLength < kAcpiHeaderBytes) {
@@ -237,22 +234,18 @@ Bool GetFacpTableAddress(UINT32* address) {
     if (address != nullptr) {
       *address = table;
     }
-    TraceLeave(name, nullptr);
     return true;
   }
-  TraceLeave(name, u"Not found");
-  return false;
+  return trace.Fail(u"Not found");
 }
 
 Bool FindSMICommandPort() {
-  const CHAR16* name = u"FindSMICommandPort";
-  TraceEnter(name);
+  TraceScope trace(u"FindSMICommandPort");
   gChannel.smiNumber = GetSmiMainFunctionNumberFromPhysicalMemory();
   UINT32 fadt = 0;
   if (!GetFacpTableAddress(&fadt)) {
     Print(kMessageFacpNotFound);
-    TraceLeave(name, u"FACP not found");
-    return false;
+    return trace.Fail(u"FACP not found");
   }
   UINT32 smiCmd = 0;
   if (!ReadPhysicalU32(fadt + kFadtSmiCmdOffset, &smiCmd)) {
@@ -261,28 +254,23 @@ Bool FindSMICommandPort() {
   UINT16 port = (UINT16)smiCmd;
   if (port == 0) {
     Print(kMessagePortNotFound);
-    TraceLeave(name, u"SMI command port not found");
-    return false;
+    return trace.Fail(u"SMI command port not found");
   }
   gChannel.commandPort = port;
   LogPrint(kLogDetail, kTraceCommandPort, port);
-  TraceLeave(name, nullptr);
   return true;
 }
 
 Bool InitialSmi() {
-  const CHAR16* name = u"InitialSmi";
-  TraceEnter(name);
+  TraceScope trace(u"InitialSmi");
   if (gChannel.initialised) {
-    TraceLeave(name, u"Already initialed");
+    trace.SetReason(u"Already initialed");
     return true;
   }
   if (!FindSMICommandPort()) {
-    TraceLeave(name, u"Find SMI command port failed");
-    return false;
+    return trace.Fail(u"Find SMI command port failed");
   }
   gChannel.initialised = true;
-  TraceLeave(name, nullptr);
   return true;
 }
 
@@ -315,7 +303,7 @@ VOID ReportOblisError(UINT8 function, UINT8 code) {
   }
 }
 
-Bool RunOblisRetryLoop(const OblisRetrySpec* spec, OblisAttempt attempt, VOID* context, UINT8* status) {
+const CHAR16* RunOblisRetries(const OblisRetrySpec* spec, OblisAttempt attempt, VOID* context, UINT8* status) {
   UINT8 last = kOblisNoAttempt;
   UINT8 attempts = OblisAttempts();
   for (UINT8 count = 0; count < attempts; ++count) {
@@ -334,12 +322,22 @@ Bool RunOblisRetryLoop(const OblisRetrySpec* spec, OblisAttempt attempt, VOID* c
     *status = last;
   }
   if (last == kOblisSuccess || CodeIn(last, spec->accepted, spec->acceptedCount)) {
-    return true;
+    return nullptr;
   }
   if (spec->report) {
     ReportOblisError(spec->function, last);
   }
-  TraceLeave(spec->name, kReasonNotSuccess);
+  return kReasonNotSuccess;
+}
+
+Bool RunOblisRetryLoop(const OblisRetrySpec* spec, OblisAttempt attempt, VOID* context, UINT8* status) {
+  const CHAR16* refusal = RunOblisRetries(spec, attempt, context, status);
+  if (refusal == nullptr) {
+    return true;
+  }
+  // The one close a callee still writes for its caller: the wrappers of functions 1Bh, 44h and
+  // 45h, which live with their checks, leave their failure close to this loop.
+  TraceLeave(spec->name, refusal);
   return false;
 }
 

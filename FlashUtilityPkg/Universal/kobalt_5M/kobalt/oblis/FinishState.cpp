@@ -63,8 +63,7 @@ const CHAR16* FinishActionName(UINT8 action) { return action < 3 ? kActionNames[
 const CHAR16* FinishCompleteName(UINT8 complete) { return complete < 3 ? kCompleteNames[complete] : kUndefined; }
 
 VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete, FinishActionLastWord lastWord) {
-  const CHAR16* name = u"SetStatus_16h";
-  TraceEnter(name);
+  TraceScope trace(u"SetStatus_16h");
   LogPrint(kLogDetail, kTraceSetStatusHead, action, FinishActionName(action), complete, FinishCompleteName(complete));
   gFinish.action = (UINT8)Settings()->flashComplete.action;
   gFinish.action = ApplyActionOptions(gFinish.action, true);
@@ -84,12 +83,10 @@ VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete, FinishActionLa
     gFinish.complete = complete;
     LogPrint(kLogDetail, kTraceSetComplete, complete);
   }
-  TraceLeave(name, nullptr);
 }
 
 Bool EFIAPI FuncOblis_16h() {
-  const CHAR16* name = u"FuncOblis_16h";
-  TraceEnter(name);
+  TraceScope trace(u"FuncOblis_16h");
   UINT8 action = gFinish.action;
   const FlashSettings* settings = Settings();
   if (settings->flashSecureBiosOverride.enable) {
@@ -104,9 +101,10 @@ Bool EFIAPI FuncOblis_16h() {
       action = kActionNothing;
     }
   }
-  Bool sent = Oblis_16h(gFinish.clearCmos, action, gFinish.complete);
-  TraceLeave(name, sent ? nullptr : u"OBLIS 16h failed");
-  return sent;
+  if (!Oblis_16h(gFinish.clearCmos, action, gFinish.complete)) {
+    return trace.Fail(u"OBLIS 16h failed");
+  }
+  return true;
 }
 
 Bool FuncSpecific_16h(UINT8 action, UINT8 complete) {

@@ -27,6 +27,9 @@ const CHAR16 kLabel17hInfo[] = u"===== 17h Info =====\r\n";
 const CHAR16 kTrace1AhArguments[] = u" Action %d\r\n Status %d\r\n";
 const CHAR16 kTrace1AhReturn[] = u"OBLIS 1Ah return code (0x%x)\r\n";
 
+constexpr CHAR16 kOblis14h[] = u"Oblis_14h";
+constexpr CHAR16 kOblis15h[] = u"Oblis_15h";
+constexpr CHAR16 kOblis17h[] = u"Oblis_17h";
 constexpr CHAR16 kSmiReadRom[] = u"SMI_ReadRom";
 const CHAR16 kReasonAllocateRead[] = u"Allocate memory failed";
 const CHAR16 kReasonOblis14h[] = u"OBLIS 14h failed";
@@ -47,38 +50,35 @@ struct FlashCall {
 }  // namespace
 
 Bool Oblis_14h(UINT32 address, UINT32 size, ImageView data, UINT8* status) {
-  const CHAR16* name = u"Oblis_14h";
+  FailureTrace trace(kOblis14h);
   if (status != nullptr) {
     *status = kOblisNoAttempt;
   }
   // The answer lands in the shared buffer: a larger read would have the firmware write past it.
   if (size > kOblisBufferSize) {
-    TraceLeave(name, kReasonReadTooLarge);
-    return false;
+    return trace.Fail(kReasonReadTooLarge);
   }
   if (!ViewHolds(data, size)) {
-    TraceLeave(name, kReasonShortBuffer);
-    return false;
+    return trace.Fail(kReasonShortBuffer);
   }
   UINT8* buffer = nullptr;
   if (!GetOblisBuffer(kOblisBufferSize, &buffer)) {
-    TraceLeave(name, kReasonAllocateOblis);
-    return false;
+    return trace.Fail(kReasonAllocateOblis);
   }
   ZeroMem(buffer, kOblisBufferSize);
   FlashCall call = {size, address, PhysicalAddressOf(buffer)};
-  OblisRetrySpec spec = {name, 0x14, kAcceptRead, 2, kEndRead, 1, true};
+  OblisRetrySpec spec = {kOblis14h, 0x14, kAcceptRead, 2, kEndRead, 1, true};
   auto attempt = [](VOID* context) -> UINT8 {
     FlashCall* c = (FlashCall*)context;
     return (UINT8)OblisCall_14h(c->size, c->address, c->esi);
   };
   UINT8 last = kOblisNoAttempt;
-  Bool success = RunOblisRetryLoop(&spec, attempt, &call, &last);
+  const CHAR16* refusal = RunOblisRetries(&spec, attempt, &call, &last);
   if (status != nullptr) {
     *status = last;
   }
-  if (!success) {
-    return false;
+  if (refusal != nullptr) {
+    return trace.Fail(refusal);
   }
   // A read of the locked ME region counts as a read: the caller gets what the firmware left.
   if (last == kOblisLockedMe) {
@@ -92,25 +92,22 @@ Bool Oblis_14h(UINT32 address, UINT32 size, ImageView data, UINT8* status) {
 
 // One call of 14h fills at most the shared buffer, so a longer read goes in pieces of that size.
 Bool SMI_ReadRom(UINT32 address, UINT32 size, ImageView data) {
-  TraceEnter(kSmiReadRom);
+  TraceScope trace(kSmiReadRom);
   if (!ViewHolds(data, size)) {
-    TraceLeave(kSmiReadRom, kReasonShortBuffer);
-    return false;
+    return trace.Fail(kReasonShortBuffer);
   }
-  UINT8* buffer = (UINT8*)AllocateZeroPool(size != 0 ? size : 1);
-  if (buffer == nullptr) {
-    TraceLeave(kSmiReadRom, kReasonAllocateRead);
-    return false;
+  PoolBuffer read(size != 0 ? size : 1);
+  if (!read) {
+    return trace.Fail(kReasonAllocateRead);
   }
+  UINT8* buffer = read.Data();
   Bool locked = false;
   UINT32 done = 0;
   do {
     UINT32 piece = size - done < kOblisBufferSize ? size - done : kOblisBufferSize;
     UINT8 status = kOblisNoAttempt;
     if (!Oblis_14h(address + done, piece, {buffer + done, size - done}, &status)) {
-      FreePoolAndNull(buffer);
-      TraceLeave(kSmiReadRom, kReasonOblis14h);
-      return false;
+      return trace.Fail(kReasonOblis14h);
     }
     locked = locked || status == kOblisLockedMe;
     done += piece;
@@ -121,8 +118,6 @@ Bool SMI_ReadRom(UINT32 address, UINT32 size, ImageView data) {
   if (data.data != nullptr) {
     CopyMem(data.data, buffer, size);
   }
-  FreePoolAndNull(buffer);
-  TraceLeave(kSmiReadRom, nullptr);
   return true;
 }
 
@@ -136,48 +131,47 @@ VOID SetMeLocked() {
 }
 
 Bool Oblis_15h(const UINT8* data, UINT32 size, UINT32 address, UINT8* status) {
-  const CHAR16* name = u"Oblis_15h";
+  FailureTrace trace(kOblis15h);
   if (status != nullptr) {
     *status = kOblisNoAttempt;
   }
   if (data == nullptr) {
-    TraceLeave(name, kReasonNullInput);
-    return false;
+    return trace.Fail(kReasonNullInput);
   }
   // The firmware reads the block straight from the caller's memory, which lies below 4 GB.
   FlashCall call = {size, address, PhysicalAddressOf(data)};
-  OblisRetrySpec spec = {name, 0x15, kAcceptWrite, 2, kEndWrite, 1, true};
+  OblisRetrySpec spec = {kOblis15h, 0x15, kAcceptWrite, 2, kEndWrite, 1, true};
   auto attempt = [](VOID* context) -> UINT8 {
     FlashCall* c = (FlashCall*)context;
     LogPrint(kLogDetail, kTraceWriteAddress, c->address);
     return (UINT8)OblisCall_15h(c->size, c->address, c->esi);
   };
   UINT8 last = kOblisNoAttempt;
-  Bool success = RunOblisRetryLoop(&spec, attempt, &call, &last);
+  const CHAR16* refusal = RunOblisRetries(&spec, attempt, &call, &last);
   if (status != nullptr) {
     *status = last;
   }
-  if (success && last == kOblisBlockSkipped) {
+  if (refusal != nullptr) {
+    return trace.Fail(refusal);
+  }
+  if (last == kOblisBlockSkipped) {
     LogPrint(kLogDetail, kTraceSkipBlock);
   }
-  return success;
+  return true;
 }
 
 Bool Oblis_17h(const UINT8* imageHead, ImageView answer) {
-  const CHAR16* name = u"Oblis_17h";
+  FailureTrace trace(kOblis17h);
   if (answer.data == nullptr) {
-    TraceLeave(name, kReasonNullInput);
-    return false;
+    return trace.Fail(kReasonNullInput);
   }
   if (answer.length < kExternalMapBytes) {
-    TraceLeave(name, kReasonShortBuffer);
-    return false;
+    return trace.Fail(kReasonShortBuffer);
   }
   UINT8* buffer = nullptr;
   UINT8* buffer2 = nullptr;
   if (!GetOblisBuffer(kOblisBufferSize, &buffer) || !GetOblisBuffer2(kOblisBufferSize, &buffer2)) {
-    TraceLeave(name, kReasonAllocateOblis);
-    return false;
+    return trace.Fail(kReasonAllocateOblis);
   }
   ZeroMem(buffer, kOblisBufferSize);
   ZeroMem(buffer2, kOblisBufferSize);
@@ -185,13 +179,13 @@ Bool Oblis_17h(const UINT8* imageHead, ImageView answer) {
     CopyMem(buffer2, imageHead, kExternalMapBytes);
   }
   FlashCall call = {kExternalMapBytes, PhysicalAddressOf(buffer), PhysicalAddressOf(buffer2)};
-  OblisRetrySpec spec = {name, 0x17, kAcceptSuccess, 1, nullptr, 0, false};
+  OblisRetrySpec spec = {kOblis17h, 0x17, kAcceptSuccess, 1, nullptr, 0, false};
   auto attempt = [](VOID* context) -> UINT8 {
     FlashCall* c = (FlashCall*)context;
     return (UINT8)OblisCall_17h(c->address, c->esi);
   };
-  if (!RunOblisRetryLoop(&spec, attempt, &call, nullptr)) {
-    return false;
+  if (const CHAR16* refusal = RunOblisRetries(&spec, attempt, &call, nullptr)) {
+    return trace.Fail(refusal);
   }
   LogPrint(kLogDetail, kLabel17hInfo);
   HexDump(buffer, k17hDumpBytes);
@@ -203,19 +197,16 @@ Bool Oblis_17h(const UINT8* imageHead, ImageView answer) {
 }
 
 Bool SMI_OemOdmCustom2(UINT8 action, UINT8 status) {
-  const CHAR16* name = u"SMI_OemOdmCustom2";
-  TraceEnter(name);
+  TraceScope trace(u"SMI_OemOdmCustom2");
   LogPrint(kLogDetail, kTrace1AhArguments, action, status);
   // Called once: the firmware hears of the update's start and end, and an older firmware that
   // lacks the function (0xEF) is no reason to stop.
   UINT8 code = (UINT8)OblisCall_1Ah(action, status);
   LogPrint(kLogDetail, kTrace1AhReturn, code);
   if (code == kOblisSuccess || code == kOblisUnsupported) {
-    TraceLeave(name, nullptr);
     return true;
   }
-  TraceLeave(name, u"error");
-  return false;
+  return trace.Fail(u"error");
 }
 
 VOID ResetFlashReadState() { gFlashRead = {}; }

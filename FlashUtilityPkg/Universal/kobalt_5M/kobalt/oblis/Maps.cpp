@@ -104,38 +104,31 @@ const CHAR16* WholeRegionTypeName(UINT8 type) {
 }
 
 Bool SMI_GetPlatformRomMap() {
-  const CHAR16* name = u"SMI_GetPlatformRomMap";
-  TraceEnter(name);
-  UINT8* protection = (UINT8*)AllocateZeroPool(kOblisAnswerBytes);
-  if (protection == nullptr) {
-    TraceLeave(name, kReasonAllocate);
-    return false;
+  TraceScope trace(u"SMI_GetPlatformRomMap");
+  PoolBuffer protection(kOblisAnswerBytes);
+  if (!protection) {
+    return trace.Fail(kReasonAllocate);
   }
-  UINT8* privateMap = (UINT8*)AllocateZeroPool(kOblisAnswerBytes);
-  if (privateMap == nullptr) {
-    FreePoolAndNull(protection);
-    TraceLeave(name, kReasonAllocate);
-    return false;
+  PoolBuffer privateMap(kOblisAnswerBytes);
+  if (!privateMap) {
+    return trace.Fail(kReasonAllocate);
   }
-  if (!Oblis_12h({protection, kOblisAnswerBytes}, {privateMap, kOblisAnswerBytes})) {
-    FreePoolAndNull(protection);
-    FreePoolAndNull(privateMap);
-    TraceLeave(name, u"OBLIS 12h failed");
-    return false;
+  if (!Oblis_12h(protection.View(), privateMap.View())) {
+    return trace.Fail(u"OBLIS 12h failed");
   }
   // The 200-record limit keeps both walks inside the 0x10000 bytes held.
   static_assert(kMapRecordLimit * sizeof(OblisPrivateRecord) <= kOblisAnswerBytes, "private walk bounded");
   static_assert(kMapRecordLimit * sizeof(OblisProtectionRecord) <= kOblisAnswerBytes, "protection walk bounded");
-  gMaps.privateCount = CountPrivateList(privateMap);
-  gMaps.protectionCount = CountProtectionList(protection);
+  gMaps.privateCount = CountPrivateList(privateMap.Data());
+  gMaps.protectionCount = CountProtectionList(protection.Data());
+  // The run keeps both lists from here on.
   FreePoolAndNull(gMaps.protectionBuffer);
   FreePoolAndNull(gMaps.privateBuffer);
-  gMaps.protectionBuffer = protection;
-  gMaps.privateBuffer = privateMap;
+  gMaps.protectionBuffer = protection.Release();
+  gMaps.privateBuffer = privateMap.Release();
   LogPrint(kLogDetail, kTracePlatformMapHead);
   ShowPrivateMapTrace(nullptr, gMaps.privateCount);
   ShowProtectionMapTrace(nullptr, gMaps.protectionCount);
-  TraceLeave(name, nullptr);
   return true;
 }
 
@@ -158,18 +151,15 @@ VOID GetPlatformRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, U
 }
 
 Bool FuncGetWholeRomMap(RomMapEntry* entries, UINT8* count) {
-  const CHAR16* name = u"FuncGetWholeRomMap";
-  TraceEnter(name);
-  UINT8* answer = (UINT8*)AllocateZeroPool(kWholeMapBytes);
-  if (answer == nullptr) {
-    TraceLeave(name, kReasonAllocate);
-    return false;
+  TraceScope trace(u"FuncGetWholeRomMap");
+  PoolBuffer whole(kWholeMapBytes);
+  if (!whole) {
+    return trace.Fail(kReasonAllocate);
   }
-  if (!Oblis_1Eh({answer, kWholeMapBytes})) {
-    FreePoolAndNull(answer);
-    TraceLeave(name, u"OBLIS fail");
-    return false;
+  if (!Oblis_1Eh(whole.View())) {
+    return trace.Fail(u"OBLIS fail");
   }
+  const UINT8* answer = whole.Data();
   LogPrint(kLogDetail, kTraceStructureSize, kWholeRecordBytes);
   LogPrint(kLogDetail, kTraceWholeHead);
   ZeroMem(gMaps.whole, sizeof(gMaps.whole));
@@ -178,7 +168,8 @@ Bool FuncGetWholeRomMap(RomMapEntry* entries, UINT8* count) {
   // Besides the type 0xFF end and the 200 entries, the walk ends where the bytes held end: a
   // reply of nothing but empty records then simply gives the records found so far.
   UINT32 offset = 0;
-  UINT8* kept = (UINT8*)AllocateZeroPool(kRomMapEntries * kWholeRecordBytes);
+  PoolBuffer keptRecords(kRomMapEntries * kWholeRecordBytes);
+  UINT8* kept = keptRecords.Data();
   for (; gMaps.wholeCount < kRomMapEntries && offset + kWholeRecordBytes <= kWholeMapBytes;
        offset += kWholeRecordBytes) {
     const UINT8* record = answer + offset;
@@ -211,31 +202,25 @@ Bool FuncGetWholeRomMap(RomMapEntry* entries, UINT8* count) {
   if (kept != nullptr && gMaps.wholeCount != 0) {
     gMaps.wholeRecords = (UINT8*)CopyToPool(kept, gMaps.wholeCount * kWholeRecordBytes);
   }
-  FreePoolAndNull(kept);
   CopyWholeMapOut(entries, count);
-  FreePoolAndNull(answer);
-  TraceLeave(name, nullptr);
   return true;
 }
 
 Bool SMI_GetWholeRomMap(RomMapEntry* entries, UINT8* count) {
   if (gMaps.wholeFetched) {
     // Function 1Eh runs once; later callers get the kept table and the first result.
-    const CHAR16* name = u"DataGetWholeRomMap";
-    TraceEnter(name);
+    TraceScope trace(u"DataGetWholeRomMap");
     CopyWholeMapOut(entries, count);
-    TraceLeave(name, nullptr);
     return gMaps.wholeResult;
   }
-  const CHAR16* name = u"SMI_GetWholeRomMap";
-  TraceEnter(name);
+  TraceScope trace(u"SMI_GetWholeRomMap");
   gMaps.wholeResult = FuncGetWholeRomMap(entries, count);
   gMaps.wholeFetched = true;
   if (!gMaps.wholeResult) {
     CopyWholeMapOut(entries, count);
+    return trace.Fail(u"OBLIS fail");
   }
-  TraceLeave(name, gMaps.wholeResult ? nullptr : u"OBLIS fail");
-  return gMaps.wholeResult;
+  return true;
 }
 
 VOID GetWholeRomMapRecords(UINT32* count, UINT8** records) {

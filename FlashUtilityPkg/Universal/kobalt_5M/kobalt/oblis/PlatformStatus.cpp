@@ -137,18 +137,15 @@ VOID TakeModelString(CHAR16* field, const UINT8* source, UINT32 bytes) {
 }  // namespace
 
 Bool SMI_IsSupport() {
-  const CHAR16* name = u"SMI_IsSupport";
-  TraceEnter(name);
-  UINT8* answer = (UINT8*)AllocateZeroPool(kStatusBufferBytes);
-  if (answer == nullptr) {
-    TraceLeave(name, u"Allocate memory failed");
-    return false;
+  TraceScope trace(u"SMI_IsSupport");
+  PoolBuffer status(kStatusBufferBytes);
+  if (!status) {
+    return trace.Fail(u"Allocate memory failed");
   }
-  if (!Oblis_10h({answer, kStatusBufferBytes})) {
-    FreePoolAndNull(answer);
-    TraceLeave(name, u"OBLIS 10h failed");
-    return false;
+  if (!Oblis_10h(status.View())) {
+    return trace.Fail(u"OBLIS 10h failed");
   }
+  UINT8* answer = status.Data();
   TracePlatformStatus(answer);
   if (ReadU16(answer + kVendorOffset) == kVendorNone && IsAcerPlatform()) {
     WriteU16(answer + kVendorOffset, kVendorAcer);
@@ -157,15 +154,11 @@ Bool SMI_IsSupport() {
   CopyMem(gPlatform.status, answer, kPlatformStatusBytes);
   gPlatform.vendorId = ReadU16(answer + kVendorOffset);
   KeepFilterRecord(answer);
-  UINT8 permission = answer[3];
-  FreePoolAndNull(answer);
-  if (permission == 1) {
-    TraceLeave(name, nullptr);
+  if (answer[3] == 1) {
     return true;
   }
   Print(kMessageNotSupported);
-  TraceLeave(name, u"Not support OBLIS");
-  return false;
+  return trace.Fail(u"Not support OBLIS");
 }
 
 VOID GetPlatformStatus(UINT8* record) {
@@ -179,12 +172,10 @@ UINT8 GetAcStatus() { return gPlatform.status[4]; }
 UINT8 GetDcStatus() { return gPlatform.status[5]; }
 
 Bool IsAcerPlatform() {
-  const CHAR16* name = u"IsAcerPlatform";
-  TraceEnter(name);
+  TraceScope trace(u"IsAcerPlatform");
   UINT32 fadt = 0;
   if (!GetFacpTableAddress(&fadt) || fadt == 0) {
-    TraceLeave(name, u"FADT not found");
-    return false;
+    return trace.Fail(u"FADT not found");
   }
   UINT32 dsdt = 0;
   UINT8 header[kAcpiHeaderBytes];
@@ -197,25 +188,21 @@ Bool IsAcerPlatform() {
   HexDumpFramed(kLabelAcpiHeader, header, sizeof(header));
   if (CompareMem(header, "DSDT", 4) != 0) {
     LogPrint(kLogDetail, kTraceDsdtNotFound);
-    TraceLeave(name, u"Not acer platform");
-    return false;
+    return trace.Fail(u"Not acer platform");
   }
   if (CompareMem(header + kAcpiOemIdOffset, "ACRSYS", 6) == 0) {
     LogPrint(kLogDetail, kTraceAcerFound);
-    TraceLeave(name, nullptr);
     return true;
   }
-  TraceLeave(name, u"Not acer platform");
-  return false;
+  return trace.Fail(u"Not acer platform");
 }
 
 Bool FuncOblis_11h() {
-  const CHAR16* name = u"FuncOblis_11h";
-  TraceEnter(name);
-  UINT8* answer = (UINT8*)AllocateZeroPool(kOblisAnswerBytes);
-  if (answer == nullptr) {
+  TraceScope trace(u"FuncOblis_11h");
+  PoolBuffer answer(kOblisAnswerBytes);
+  if (!answer) {
+    // The close names no reason: the line above has said it.
     LogPrint(kLogDetail, kTraceAllocateFailed);
-    TraceLeave(name, nullptr);
     return false;
   }
   PlatformInfo& info = gPlatform.info;
@@ -223,14 +210,11 @@ Bool FuncOblis_11h() {
   KeepModelName(info.modelName);
   UINT8 ah = 0;
   UINT32 ecx = 0;
-  if (!Oblis_11h({answer, kOblisAnswerBytes}, &ah, &ecx)) {
-    FreePoolAndNull(answer);
-    TraceLeave(name, u"OBLIS 11h failed");
-    return false;
+  if (!Oblis_11h(answer.View(), &ah, &ecx)) {
+    return trace.Fail(u"OBLIS 11h failed");
   }
-  TakeModelString(info.modelName, answer + kModelNameOffset, kModelNameBytes);
-  TakeModelString(info.modelVersion, answer + kModelVersionOffset, kModelVersionBytes);
-  FreePoolAndNull(answer);
+  TakeModelString(info.modelName, answer.Data() + kModelNameOffset, kModelNameBytes);
+  TakeModelString(info.modelVersion, answer.Data() + kModelVersionOffset, kModelVersionBytes);
   KeepModelName(info.modelName);
   info.modelNameCheck = (ah & 0x01) != 0;
   info.modelVersionCheck = (ah & 0x02) != 0;
@@ -256,7 +240,6 @@ Bool FuncOblis_11h() {
   LogPrint(kLogDetail, kTraceEnableExtended, info.enableExtended);
   LogPrint(kLogDetail, kTraceInfoBlank);
   LogPrint(kLogDetail, kTraceAllowAlp, info.allowAlpCommand);
-  TraceLeave(name, nullptr);
   return true;
 }
 
@@ -287,16 +270,13 @@ Bool AllowAlpCommand() { return gPlatform.info.allowAlpCommand; }
 Bool DisableComparison() { return gPlatform.info.disableComparison; }
 
 Bool EFIAPI SMI_ApHookPoint(UINT32 point) {
-  const CHAR16* name = u"SMI_ApHookPoint";
-  TraceEnter(name);
+  TraceScope trace(u"SMI_ApHookPoint");
   const UINT32 known = sizeof(kHookPointNames) / sizeof(kHookPointNames[0]);
   const CHAR16* pointName = point < known ? kHookPointNames[point] : kHookPointReserved;
   LogPrint(kLogDetail, kTraceHookPoint, point, pointName);
   if (!Oblis_1Fh(point)) {
-    TraceLeave(name, u"OBLIS Fail");
-    return false;
+    return trace.Fail(u"OBLIS Fail");
   }
-  TraceLeave(name, nullptr);
   return true;
 }
 

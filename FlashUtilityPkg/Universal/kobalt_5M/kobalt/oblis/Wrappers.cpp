@@ -82,24 +82,22 @@ struct BufferCall {
 }  // namespace
 
 Bool Oblis_10h(ImageView out) {
-  const CHAR16* name = u"Oblis_10h";
-  TraceEnter(name);
+  TraceScope trace(u"Oblis_10h");
   UINT8* buffer = nullptr;
   if (!TakeBuffer(&buffer)) {
-    TraceLeave(name, kReasonAllocate10h);
-    return false;
+    return trace.Fail(kReasonAllocate10h);
   }
   StageToolInformation(buffer);
   HexDumpFramed(kLabelToolInformation, buffer, kToolInfoDumpBytes);
   BufferCall call = {PhysicalAddressOf(buffer), 0, 0, 0};
-  OblisRetrySpec spec = MakeSpec(name, 0x10, true);
+  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x10, true);
   auto attempt = [](VOID* context) -> UINT8 {
     BufferCall* c = (BufferCall*)context;
     c->value = OblisCall_10h(c->edi);
     return (UINT8)(c->value >> 16);
   };
-  if (!RunOblisRetryLoop(&spec, attempt, &call, nullptr)) {
-    return false;
+  if (const CHAR16* refusal = RunOblisRetries(&spec, attempt, &call, nullptr)) {
+    return trace.Fail(refusal);
   }
   // The answer fills as much of out as it holds: the register value first, then the buffer.
   if (out.data != nullptr) {
@@ -114,31 +112,27 @@ Bool Oblis_10h(ImageView out) {
     }
     HexDumpFramed(kLabel10hInfo, out.data, size < k10hDumpBytes ? size : k10hDumpBytes);
   }
-  TraceLeave(name, nullptr);
   return true;
 }
 
 Bool Oblis_11h(ImageView out, UINT8* ah, UINT32* ecx) {
-  const CHAR16* name = u"Oblis_11h";
-  TraceEnter(name);
+  TraceScope trace(u"Oblis_11h");
   if (!ViewHolds(out, kOblisAnswerBytes)) {
-    TraceLeave(name, kReasonShortBuffer);
-    return false;
+    return trace.Fail(kReasonShortBuffer);
   }
   UINT8* buffer = nullptr;
   if (!TakeBuffer(&buffer)) {
-    TraceLeave(name, kReasonAllocateOblis);
-    return false;
+    return trace.Fail(kReasonAllocateOblis);
   }
   BufferCall call = {PhysicalAddressOf(buffer), 0, 0, 0};
-  OblisRetrySpec spec = MakeSpec(name, 0x11, true);
+  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x11, true);
   auto attempt = [](VOID* context) -> UINT8 {
     BufferCall* c = (BufferCall*)context;
     c->value = OblisCall_11h(c->edi, &c->ecx);
     return (UINT8)c->value;
   };
-  if (!RunOblisRetryLoop(&spec, attempt, &call, nullptr)) {
-    return false;
+  if (const CHAR16* refusal = RunOblisRetries(&spec, attempt, &call, nullptr)) {
+    return trace.Fail(refusal);
   }
   HexDumpFramed(kLabel11hInfo, buffer, k11hDumpBytes);
   if (out.data != nullptr) {
@@ -150,31 +144,27 @@ Bool Oblis_11h(ImageView out, UINT8* ah, UINT32* ecx) {
   if (ecx != nullptr) {
     *ecx = call.ecx;
   }
-  TraceLeave(name, nullptr);
   return true;
 }
 
 Bool Oblis_12h(ImageView protection, ImageView privateMap) {
-  const CHAR16* name = u"Oblis_12h";
-  TraceEnter(name);
+  TraceScope trace(u"Oblis_12h");
   if (!ViewHolds(protection, kOblisAnswerBytes) || !ViewHolds(privateMap, kOblisAnswerBytes)) {
-    TraceLeave(name, kReasonShortBuffer);
-    return false;
+    return trace.Fail(kReasonShortBuffer);
   }
   UINT8* buffer = nullptr;
   UINT8* buffer2 = nullptr;
   if (!TakeBothBuffers(&buffer, &buffer2)) {
-    TraceLeave(name, kReasonAllocateOblis);
-    return false;
+    return trace.Fail(kReasonAllocateOblis);
   }
   BufferCall call = {PhysicalAddressOf(buffer), PhysicalAddressOf(buffer2), 0, 0};
-  OblisRetrySpec spec = MakeSpec(name, 0x12, true);
+  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x12, true);
   auto attempt = [](VOID* context) -> UINT8 {
     BufferCall* c = (BufferCall*)context;
     c->value = OblisCall_12h(c->edi, c->esi);
     return (UINT8)c->value;
   };
-  Bool success = RunOblisRetryLoop(&spec, attempt, &call, nullptr);
+  const CHAR16* refusal = RunOblisRetries(&spec, attempt, &call, nullptr);
   // Both lists are handed back whatever the outcome; the caller decides what a failure means.
   if (protection.data != nullptr) {
     CopyMem(protection.data, buffer, kOblisAnswerBytes);
@@ -182,38 +172,34 @@ Bool Oblis_12h(ImageView protection, ImageView privateMap) {
   if (privateMap.data != nullptr) {
     CopyMem(privateMap.data, buffer2, kOblisAnswerBytes);
   }
-  if (success) {
-    TraceLeave(name, nullptr);
+  if (refusal != nullptr) {
+    return trace.Fail(refusal);
   }
-  return success;
+  return true;
 }
 
 Bool Oblis_13h(ImageView part, ImageView blockMap) {
-  const CHAR16* name = u"Oblis_13h";
-  TraceEnter(name);
+  TraceScope trace(u"Oblis_13h");
   if (part.data == nullptr || blockMap.data == nullptr) {
-    TraceLeave(name, kReasonNullInput);
-    return false;
+    return trace.Fail(kReasonNullInput);
   }
   if (!ViewHolds(part, kOblisAnswerBytes) || !ViewHolds(blockMap, kOblisAnswerBytes)) {
-    TraceLeave(name, kReasonShortBuffer);
-    return false;
+    return trace.Fail(kReasonShortBuffer);
   }
   UINT8* buffer = nullptr;
   UINT8* buffer2 = nullptr;
   if (!TakeBothBuffers(&buffer, &buffer2)) {
-    TraceLeave(name, kReasonAllocateOblis);
-    return false;
+    return trace.Fail(kReasonAllocateOblis);
   }
   BufferCall call = {PhysicalAddressOf(buffer), PhysicalAddressOf(buffer2), 0, 0};
-  OblisRetrySpec spec = MakeSpec(name, 0x13, true);
+  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x13, true);
   auto attempt = [](VOID* context) -> UINT8 {
     BufferCall* c = (BufferCall*)context;
     c->value = OblisCall_13h(c->edi, c->esi);
     return (UINT8)c->value;
   };
-  if (!RunOblisRetryLoop(&spec, attempt, &call, nullptr)) {
-    return false;
+  if (const CHAR16* refusal = RunOblisRetries(&spec, attempt, &call, nullptr)) {
+    return trace.Fail(refusal);
   }
   LogPrint(kLogDetail, kLabel13hInfo);
   HexDump(buffer, k13hPartDumpBytes);
@@ -222,19 +208,16 @@ Bool Oblis_13h(ImageView part, ImageView blockMap) {
   LogPrint(kLogDetail, kLabel13hInfo);
   CopyMem(part.data, buffer, kOblisAnswerBytes);
   CopyMem(blockMap.data, buffer2, kOblisAnswerBytes);
-  TraceLeave(name, nullptr);
   return true;
 }
 
 Bool Oblis_16h(UINT8 clearCmos, UINT8 action, UINT8 complete) {
-  const CHAR16* name = u"Oblis_16h";
-  TraceEnter(name);
+  TraceScope trace(u"Oblis_16h");
   LogPrint(kLogDetail, kTrace16hHead, clearCmos, action, FinishActionName(action), complete,
            FinishCompleteName(complete));
   UINT8* buffer = nullptr;
   if (!TakeBuffer(&buffer)) {
-    TraceLeave(name, kReasonAllocateOblis);
-    return false;
+    return trace.Fail(kReasonAllocateOblis);
   }
   OblisFinishRecord record;
   const CHAR8 signature[8] = {'$', 'F', 'I', 'N', 'I', 'S', 'H', 'I'};
@@ -247,76 +230,67 @@ Bool Oblis_16h(UINT8 clearCmos, UINT8 action, UINT8 complete) {
     UINT8 action;
     UINT32 esi;
   } call = {clearCmos, action, PhysicalAddressOf(buffer)};
-  OblisRetrySpec spec = {name, 0x16, kAcceptSuccessOrUnsupported, 2, nullptr, 0, false};
+  OblisRetrySpec spec = {trace.Name(), 0x16, kAcceptSuccessOrUnsupported, 2, nullptr, 0, false};
   auto attempt = [](VOID* context) -> UINT8 {
     FinishCall* c = (FinishCall*)context;
     return (UINT8)OblisCall_16h(c->clearCmos, c->action, c->esi);
   };
   // A firmware without function 16h answers 0xEF on every attempt; the run still ends normally.
-  if (!RunOblisRetryLoop(&spec, attempt, &call, nullptr)) {
-    return false;
+  if (const CHAR16* refusal = RunOblisRetries(&spec, attempt, &call, nullptr)) {
+    return trace.Fail(refusal);
   }
-  TraceLeave(name, nullptr);
   return true;
 }
 
 Bool Oblis_1Ch(UINT8* status) {
-  const CHAR16* name = u"Oblis_1Ch";
-  TraceEnter(name);
+  TraceScope trace(u"Oblis_1Ch");
   UINT16 value = 0;
-  OblisRetrySpec spec = MakeSpec(name, 0x1C, true);
+  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x1C, true);
   auto attempt = [](VOID* context) -> UINT8 {
     UINT16* v = (UINT16*)context;
     *v = OblisCall_1Ch();
     return (UINT8)*v;
   };
-  if (!RunOblisRetryLoop(&spec, attempt, &value, nullptr)) {
-    return false;
+  if (const CHAR16* refusal = RunOblisRetries(&spec, attempt, &value, nullptr)) {
+    return trace.Fail(refusal);
   }
   if (status != nullptr) {
     *status = (UINT8)(value >> 8);
   }
-  TraceLeave(name, nullptr);
   return true;
 }
 
 Bool Oblis_1Eh(ImageView out) {
-  const CHAR16* name = u"Oblis_1Eh";
-  TraceEnter(name);
+  TraceScope trace(u"Oblis_1Eh");
   if (!ViewHolds(out, kWholeMapBytes)) {
-    TraceLeave(name, kReasonShortBuffer);
-    return false;
+    return trace.Fail(kReasonShortBuffer);
   }
   UINT8* buffer = nullptr;
   if (!TakeBuffer(&buffer)) {
-    TraceLeave(name, kReasonAllocateOblis);
-    return false;
+    return trace.Fail(kReasonAllocateOblis);
   }
   BufferCall call = {PhysicalAddressOf(buffer), 0, 0, 0};
-  OblisRetrySpec spec = MakeSpec(name, 0x1E, false);
+  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x1E, false);
   auto attempt = [](VOID* context) -> UINT8 {
     BufferCall* c = (BufferCall*)context;
     c->value = OblisCall_1Eh(c->edi);
     return (UINT8)c->value;
   };
-  if (!RunOblisRetryLoop(&spec, attempt, &call, nullptr)) {
-    return false;
+  if (const CHAR16* refusal = RunOblisRetries(&spec, attempt, &call, nullptr)) {
+    return trace.Fail(refusal);
   }
   if (out.data != nullptr) {
     CopyMem(out.data, buffer, kWholeMapBytes);
   }
-  TraceLeave(name, nullptr);
   return true;
 }
 
 Bool Oblis_1Fh(UINT32 point) {
-  const CHAR16* name = u"Oblis_1Fh";
-  TraceEnter(name);
-  OblisRetrySpec spec = MakeSpec(name, 0x1F, false);
+  TraceScope trace(u"Oblis_1Fh");
+  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x1F, false);
   auto attempt = [](VOID* context) -> UINT8 { return (UINT8)OblisCall_1Fh(*(UINT32*)context); };
-  if (!RunOblisRetryLoop(&spec, attempt, &point, nullptr)) {
-    return false;
+  if (const CHAR16* refusal = RunOblisRetries(&spec, attempt, &point, nullptr)) {
+    return trace.Fail(refusal);
   }
-  TraceLeave(name, nullptr);
   return true;
 }

@@ -177,65 +177,54 @@ const CHAR16* LayOutImage(const UINT8* image, UINT32 size, UINT32 romSize, Bool 
 
 Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
   UINT32 romSize = GetRomSize();
-  TraceEnter(kFuncUpdateVia15h);
+  TraceScope trace(kFuncUpdateVia15h);
   if (!TakeUpdateBuffer(romSize)) {
     Print(kErrorAllocateUpdate, romSize);
-    TraceLeave(kFuncUpdateVia15h, kReasonAllocate);
-    return false;
+    return trace.Fail(kReasonAllocate);
   }
   LogPrint(kLogSettings, kTraceImageSize, size);
   if (const CHAR16* reason = LayOutImage(image, size, romSize, false)) {
-    TraceLeave(kFuncUpdateVia15h, reason);
-    return false;
+    return trace.Fail(reason);
   }
   // Without the tool's own platform name check the firmware sees the whole ROM image first.
   if (!PlatformNameCheckNeeded() && !FuncOblis_1Bh(gWriter.updateBuffer, romSize)) {
-    TraceLeave(kFuncUpdateVia15h, kReasonModuleCheck);
-    return false;
+    return trace.Fail(kReasonModuleCheck);
   }
   // The ME tool runs last before the first block is written; its failure leaves the BIOS alone.
   if (!UpdateOemME()) {
-    TraceLeave(kFuncUpdateVia15h, kReasonOemMe);
-    return false;
+    return trace.Fail(kReasonOemMe);
   }
   Bool written = WriteBlocks({gWriter.updateBuffer, gWriter.updateBufferBytes});
   SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
   if (!written) {
-    TraceLeave(kFuncUpdateVia15h, kReasonWrite);
-    return false;
+    return trace.Fail(kReasonWrite);
   }
   SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishCompleteSuccess, CommonFlashFinishAction);
-  TraceLeave(kFuncUpdateVia15h, nullptr);
   return true;
 }
 
 Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
   UINT32 romSize = GetRomSize();
-  TraceEnter(kEfiUpdateVia15h);
+  TraceScope trace(kEfiUpdateVia15h);
   if (!TakeUpdateBuffer(romSize)) {
     Print(kErrorAllocateUpdate, romSize);
-    TraceLeave(kEfiUpdateVia15h, kReasonAllocate);
-    return false;
+    return trace.Fail(kReasonAllocate);
   }
   // The shell path tells the firmware in its own sequence; the launcher path does it here.
   if (!SMI_OemOdmCustom2(kOdmActionStart, 0)) {
-    TraceLeave(kEfiUpdateVia15h, kReasonOdmStart);
-    return false;
+    return trace.Fail(kReasonOdmStart);
   }
   LogPrint(kLogSettings, kTraceEfiUpdate, size);
   if (const CHAR16* reason = LayOutImage(image, size, romSize, true)) {
-    TraceLeave(kEfiUpdateVia15h, reason);
-    return false;
+    return trace.Fail(reason);
   }
   Bool written = WriteBlocks({gWriter.updateBuffer, gWriter.updateBufferBytes});
   SMI_OemOdmCustom2(kOdmActionEnd, written ? kOdmStatusGood : kOdmStatusBad);
   gBS->Stall(kLauncherResultStall);
   if (!written) {
-    TraceLeave(kEfiUpdateVia15h, kReasonWrite);
-    return false;
+    return trace.Fail(kReasonWrite);
   }
   SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishCompleteSuccess, CommonFlashFinishAction);
-  TraceLeave(kEfiUpdateVia15h, nullptr);
   return true;
 }
 
@@ -305,28 +294,24 @@ Bool UpdateRegionLegacy(const UINT8* image, UINT32 size) {
 }
 
 Bool WriteBlocks(ImageView buffer) {
-  TraceEnter(kWriteBlocks);
+  TraceScope trace(kWriteBlocks);
   FlashBlock* table = CopyBlockTable();
+  PoolBuffer tableHeld;
+  tableHeld.Adopt((UINT8*)table, sizeof(FlashBlock) * kFlashBlockEntries);
   UINT32 count = GetBlockCount();
   if (table == nullptr || buffer.data == nullptr) {
-    FreePoolAndNull(table);
-    TraceLeave(kWriteBlocks, kReasonBlockTable);
-    return false;
+    return trace.Fail(kReasonBlockTable);
   }
   if (count > kFlashBlockEntries) {
     count = kFlashBlockEntries;
   }
   if (!BlocksFit(table, count, GetRomSize())) {
     Print(kErrorBlocksPastRom, GetRomSize());
-    FreePoolAndNull(table);
-    TraceLeave(kWriteBlocks, kReasonBlockTable);
-    return false;
+    return trace.Fail(kReasonBlockTable);
   }
   if (!BlocksFit(table, count, buffer.length)) {
     Print(kErrorBlocksPastBuffer, buffer.length);
-    FreePoolAndNull(table);
-    TraceLeave(kWriteBlocks, kReasonBlockTable);
-    return false;
+    return trace.Fail(kReasonBlockTable);
   }
   StartProgressTimer();
   HexDumpFramed(kLabelBlockTable, table, count * (UINT32)sizeof(FlashBlock));
@@ -355,9 +340,7 @@ Bool WriteBlocks(ImageView buffer) {
     }
     BlockResult result = SMI_WriteRom(block.address, data);
     if (result == BlockResult::Failed) {
-      FreePoolAndNull(table);
-      TraceLeave(kWriteBlocks, kReasonWrite);
-      return false;
+      return trace.Fail(kReasonWrite);
     }
     AddBlockMark(DescribeBlock(block.address, (UINT16)result));
   }
@@ -372,9 +355,7 @@ Bool WriteBlocks(ImageView buffer) {
     }
     LogPrint(kLogDetail, kTraceWriteBvdt, block.address, block.size);
     if (SMI_WriteRom(block.address, data) == BlockResult::Failed) {
-      FreePoolAndNull(table);
-      TraceLeave(kWriteBlocks, kReasonWrite);
-      return false;
+      return trace.Fail(kReasonWrite);
     }
   }
 
@@ -382,17 +363,14 @@ Bool WriteBlocks(ImageView buffer) {
   if (count != 0) {
     AddBlockMark(DescribeBlock(table[count - 1].address, kMarkProtected));
   }
-  FreePoolAndNull(table);
-  TraceLeave(kWriteBlocks, nullptr);
   return true;
 }
 
 BlockResult SMI_WriteRom(UINT32 address, ImageView block) {
-  TraceEnter(kSmiWriteRom);
+  TraceScope trace(kSmiWriteRom);
   Bool verify = Settings()->others.disableVerify == 0;
   UINT32 attempts = WriteAttempts();
   if (CompareEnabled() && CompareCurrentFD(address, block.length, block.data)) {
-    TraceLeave(kSmiWriteRom, nullptr);
     return BlockResult::Compared;
   }
   Bool verifyFailed = false;
@@ -400,7 +378,7 @@ BlockResult SMI_WriteRom(UINT32 address, ImageView block) {
     UINT8 status = 0;
     // The channel has already retried a failing call; a refused write is not tried again here.
     if (!Oblis_15h(block.data, block.length, address, &status)) {
-      TraceLeave(kSmiWriteRom, kReasonWrite);
+      trace.SetReason(kReasonWrite);
       return BlockResult::Failed;
     }
     if (status == kOblisBlockSkipped) {
@@ -411,17 +389,15 @@ BlockResult SMI_WriteRom(UINT32 address, ImageView block) {
       break;
     }
     if (CompareCurrentFD(address, block.length, block.data)) {
-      TraceLeave(kSmiWriteRom, nullptr);
       return BlockResult::Verified;
     }
     verifyFailed = true;
     LogPrint(kLogDetail, kTraceVerifyFailed, attempt);
   }
   if (verifyFailed) {
-    TraceLeave(kSmiWriteRom, kReasonVerify);
+    trace.SetReason(kReasonVerify);
     return BlockResult::Failed;
   }
-  TraceLeave(kSmiWriteRom, nullptr);
   return BlockResult::Written;
 }
 
@@ -429,19 +405,16 @@ Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data) {
   if (data == nullptr) {
     return false;
   }
-  UINT8* current = static_cast<UINT8*>(AllocateZeroPool(size));
-  if (current == nullptr) {
+  PoolBuffer current(size);
+  if (!current) {
     return false;
   }
   // A read into the locked ME region counts as read: the buffer then decides.
-  if (!SMI_ReadRom(address, size, {current, size})) {
-    FreePoolAndNull(current);
+  if (!SMI_ReadRom(address, size, current.View())) {
     LogPrint(kLogDetail, kTraceCompareFail);
     return false;
   }
-  Bool equal = CompareMem(current, data, size) == 0;
-  FreePoolAndNull(current);
-  return equal;
+  return CompareMem(current.Data(), data, size) == 0;
 }
 
 VOID ResetBlockWriterState() {
