@@ -181,34 +181,31 @@ struct CommonFlashCall {
 }  // namespace
 
 Bool Oblis_44h(const UINT8* info, UINT32 infoLength, const UINT8* switches, UINT32 switchLength, UINT8* answer) {
-  // The trace is closed by hand on success: on the firmware's refusal the retry loop closes it,
-  // and this wrapper's own refusals close it through the failure guard.
-  TraceEnter(kOblis44h);
-  FailureTrace failure(kOblis44h);
+  TraceScope trace(kOblis44h);
   if (info == nullptr || switches == nullptr || answer == nullptr) {
-    return failure.Fail(kReasonNullInput);
+    return trace.Fail(kReasonNullInput);
   }
   UINT8* buffer = nullptr;
   UINT8* buffer2 = nullptr;
   if (!GetOblisBuffer(kOblisBufferSize, &buffer) || !GetOblisBuffer2(kOblisBufferSize, &buffer2)) {
-    return failure.Fail(kReasonAllocateOblis);
+    return trace.Fail(kReasonAllocateOblis);
   }
   ZeroMem(buffer, kOblisBufferSize);
   ZeroMem(buffer2, kOblisBufferSize);
   CopyMem(buffer, info, infoLength < kInfoBlockBytes ? infoLength : kInfoBlockBytes);
   CopyMem(buffer2, switches, switchLength < kOblisBufferSize ? switchLength : kOblisBufferSize);
   CommonFlashCall call = {PhysicalAddressOf(buffer2), PhysicalAddressOf(buffer)};
-  OblisRetrySpec spec = {kOblis44h, 0x44, kAcceptSuccess, 1, nullptr, 0, false};
+  OblisRetrySpec spec = {0x44, kAcceptSuccess, 1, nullptr, 0, false};
   auto attempt = [](VOID* context) -> UINT8 {
     CommonFlashCall* c = (CommonFlashCall*)context;
     return (UINT8)OblisCall_44h(c->edi, c->esi);
   };
-  if (!RunOblisRetryLoop(&spec, attempt, &call, nullptr)) {
-    return false;
+  const CHAR16* refusal = RunOblisRetries(&spec, attempt, &call, nullptr);
+  if (refusal != nullptr) {
+    return trace.Fail(refusal);
   }
   // The answer lands over the switch block the firmware was given.
   CopyMem(answer, buffer2, kAnswerBytes);
-  TraceLeave(kOblis44h, nullptr);
   return true;
 }
 

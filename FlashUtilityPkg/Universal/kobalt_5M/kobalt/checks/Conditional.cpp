@@ -194,19 +194,22 @@ Bool SMI_CheckConditionalData(UINT8 type, UINT8 format, UINT16 length, const UIN
   WriteU16(buffer + kConditionalLengthOffset, length);
   CopyMem(buffer + kConditionalHeaderBytes, data, length);
 
-  // The 45h trace is closed by hand: on the firmware's refusal the retry loop closes it.
-  TraceEnter(kOblis45h);
-  RecordCall call = {PhysicalAddressOf(buffer)};
-  OblisRetrySpec spec = {kOblis45h, 0x45, kAccept45h, 1, nullptr, 0, false};
-  auto attempt = [](VOID* context) -> UINT8 {
-    RecordCall* c = (RecordCall*)context;
-    return (UINT8)OblisCall_45h(c->ecx);
-  };
-  if (!RunOblisRetryLoop(&spec, attempt, &call, nullptr)) {
+  const CHAR16* refusal = nullptr;
+  {
+    TraceScope call45h(kOblis45h);
+    RecordCall call = {PhysicalAddressOf(buffer)};
+    OblisRetrySpec spec = {0x45, kAccept45h, 1, nullptr, 0, false};
+    auto attempt = [](VOID* context) -> UINT8 {
+      RecordCall* c = (RecordCall*)context;
+      return (UINT8)OblisCall_45h(c->ecx);
+    };
+    refusal = RunOblisRetries(&spec, attempt, &call, nullptr);
+    call45h.SetReason(refusal);
+  }
+  if (refusal != nullptr) {
     // No answer: allow keeps the caller's start value, which decides what silence means.
     return true;
   }
-  TraceLeave(kOblis45h, nullptr);
   UINT8 signature[kSignatureBytes];
   PutConditionalSignature(signature, 'O');
   if (CompareMem(buffer, signature, kSignatureBytes) != 0) {
@@ -272,7 +275,6 @@ Bool SendOemParameters() {
 }
 
 Bool Oblis_1Bh(const UINT8* data, UINT32 size, UINT32 address, UINT8* status) {
-  // The firmware's refusal is closed by the retry loop, every other one here.
   FailureTrace trace(kOblis1Bh);
   if (status != nullptr) {
     *status = kOblisNoAttempt;
@@ -290,17 +292,17 @@ Bool Oblis_1Bh(const UINT8* data, UINT32 size, UINT32 address, UINT8* status) {
   ZeroMem(buffer, kOblisBufferSize);
   CopyMem(buffer, data, size);
   PieceCall call = {size, address, PhysicalAddressOf(buffer)};
-  OblisRetrySpec spec = {kOblis1Bh, 0x1B, kAccept1Bh, 2, nullptr, 0, true};
+  OblisRetrySpec spec = {0x1B, kAccept1Bh, 2, nullptr, 0, true};
   auto attempt = [](VOID* context) -> UINT8 {
     PieceCall* c = (PieceCall*)context;
     return (UINT8)OblisCall_1Bh(c->size, c->address, c->esi);
   };
   UINT8 last = kOblisNoAttempt;
-  Bool accepted = RunOblisRetryLoop(&spec, attempt, &call, &last);
+  const CHAR16* refusal = RunOblisRetries(&spec, attempt, &call, &last);
   if (status != nullptr) {
     *status = last;
   }
-  return accepted;
+  return refusal == nullptr ? true : trace.Fail(refusal);
 }
 
 Bool FuncOblis_1Bh(const UINT8* image, UINT32 size) {

@@ -330,17 +330,6 @@ const CHAR16* RunOblisRetries(const OblisRetrySpec* spec, OblisAttempt attempt, 
   return kReasonNotSuccess;
 }
 
-Bool RunOblisRetryLoop(const OblisRetrySpec* spec, OblisAttempt attempt, VOID* context, UINT8* status) {
-  const CHAR16* refusal = RunOblisRetries(spec, attempt, context, status);
-  if (refusal == nullptr) {
-    return true;
-  }
-  // The one close a callee still writes for its caller: the wrappers of functions 1Bh, 44h and
-  // 45h, which live with their checks, leave their failure close to this loop.
-  TraceLeave(spec->name, refusal);
-  return false;
-}
-
 // ---- raw calls ----
 
 UINT32 OblisCall_10h(UINT32 edi) {

@@ -67,7 +67,7 @@ Bool Oblis_14h(UINT32 address, UINT32 size, ImageView data, UINT8* status) {
   }
   ZeroMem(buffer, kOblisBufferSize);
   FlashCall call = {size, address, PhysicalAddressOf(buffer)};
-  OblisRetrySpec spec = {kOblis14h, 0x14, kAcceptRead, 2, kEndRead, 1, true};
+  OblisRetrySpec spec = {0x14, kAcceptRead, 2, kEndRead, 1, true};
   auto attempt = [](VOID* context) -> UINT8 {
     FlashCall* c = (FlashCall*)context;
     return (UINT8)OblisCall_14h(c->size, c->address, c->esi);
@@ -140,7 +140,7 @@ Bool Oblis_15h(const UINT8* data, UINT32 size, UINT32 address, UINT8* status) {
   }
   // The firmware reads the block straight from the caller's memory, which lies below 4 GB.
   FlashCall call = {size, address, PhysicalAddressOf(data)};
-  OblisRetrySpec spec = {kOblis15h, 0x15, kAcceptWrite, 2, kEndWrite, 1, true};
+  OblisRetrySpec spec = {0x15, kAcceptWrite, 2, kEndWrite, 1, true};
   auto attempt = [](VOID* context) -> UINT8 {
     FlashCall* c = (FlashCall*)context;
     LogPrint(kLogDetail, kTraceWriteAddress, c->address);
@@ -179,7 +179,7 @@ Bool Oblis_17h(const UINT8* imageHead, ImageView answer) {
     CopyMem(buffer2, imageHead, kExternalMapBytes);
   }
   FlashCall call = {kExternalMapBytes, PhysicalAddressOf(buffer), PhysicalAddressOf(buffer2)};
-  OblisRetrySpec spec = {kOblis17h, 0x17, kAcceptSuccess, 1, nullptr, 0, false};
+  OblisRetrySpec spec = {0x17, kAcceptSuccess, 1, nullptr, 0, false};
   auto attempt = [](VOID* context) -> UINT8 {
     FlashCall* c = (FlashCall*)context;
     return (UINT8)OblisCall_17h(c->address, c->esi);

@@ -22,7 +22,6 @@ UINT16 OblisCall_48h(UINT32 size, UINT32 edi, UINT32 esi);  // form C: AH is the
 
 // What differs between the wrappers that share the retry loop.
 struct OblisRetrySpec {
-  const CHAR16* name;        // trace name of the wrapper, closed by RunOblisRetryLoop on a refusal
   UINT8 function;            // for the error report
   const UINT8* accepted;     // codes taken as success
   UINT8 acceptedCount;
@@ -36,9 +35,6 @@ typedef UINT8 (*OblisAttempt)(VOID* context);
 // no attempt is made). Gives null when the status is accepted; on a refusal it reports if asked
 // and gives the reason ("BIOS return not success") the wrapper closes its own trace with.
 const CHAR16* RunOblisRetries(const OblisRetrySpec* spec, OblisAttempt attempt, VOID* context, UINT8* status);
-// The same loop for the wrappers that leave their failure close to it: on a refusal it closes
-// the trace of spec->name with the reason and answers false.
-Bool RunOblisRetryLoop(const OblisRetrySpec* spec, OblisAttempt attempt, VOID* context, UINT8* status);
 
 // ---- wrappers ----
 // What functions 11h, 12h and 13h hand back: each answer list fills this many bytes, and a

@@ -26,8 +26,8 @@ const CHAR16 kLabel11hInfo[] = u"===== 11h Info =====\r\n";
 const CHAR16 kLabel13hInfo[] = u"===== 13h Info =====\r\n";
 const CHAR16 kTrace16hHead[] = u" Oblis_16h\r\n----+-----------------\r\n %2x  Clear CMOS\r\n %2x  %s\r\n %2x  %s\r\n";
 
-OblisRetrySpec MakeSpec(const CHAR16* name, UINT8 function, Bool report) {
-  OblisRetrySpec spec = {name, function, kAcceptSuccess, 1, nullptr, 0, report};
+OblisRetrySpec MakeSpec(UINT8 function, Bool report) {
+  OblisRetrySpec spec = {function, kAcceptSuccess, 1, nullptr, 0, report};
   return spec;
 }
 
@@ -90,7 +90,7 @@ Bool Oblis_10h(ImageView out) {
   StageToolInformation(buffer);
   HexDumpFramed(kLabelToolInformation, buffer, kToolInfoDumpBytes);
   BufferCall call = {PhysicalAddressOf(buffer), 0, 0, 0};
-  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x10, true);
+  OblisRetrySpec spec = MakeSpec(0x10, true);
   auto attempt = [](VOID* context) -> UINT8 {
     BufferCall* c = (BufferCall*)context;
     c->value = OblisCall_10h(c->edi);
@@ -125,7 +125,7 @@ Bool Oblis_11h(ImageView out, UINT8* ah, UINT32* ecx) {
     return trace.Fail(kReasonAllocateOblis);
   }
   BufferCall call = {PhysicalAddressOf(buffer), 0, 0, 0};
-  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x11, true);
+  OblisRetrySpec spec = MakeSpec(0x11, true);
   auto attempt = [](VOID* context) -> UINT8 {
     BufferCall* c = (BufferCall*)context;
     c->value = OblisCall_11h(c->edi, &c->ecx);
@@ -158,7 +158,7 @@ Bool Oblis_12h(ImageView protection, ImageView privateMap) {
     return trace.Fail(kReasonAllocateOblis);
   }
   BufferCall call = {PhysicalAddressOf(buffer), PhysicalAddressOf(buffer2), 0, 0};
-  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x12, true);
+  OblisRetrySpec spec = MakeSpec(0x12, true);
   auto attempt = [](VOID* context) -> UINT8 {
     BufferCall* c = (BufferCall*)context;
     c->value = OblisCall_12h(c->edi, c->esi);
@@ -192,7 +192,7 @@ Bool Oblis_13h(ImageView part, ImageView blockMap) {
     return trace.Fail(kReasonAllocateOblis);
   }
   BufferCall call = {PhysicalAddressOf(buffer), PhysicalAddressOf(buffer2), 0, 0};
-  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x13, true);
+  OblisRetrySpec spec = MakeSpec(0x13, true);
   auto attempt = [](VOID* context) -> UINT8 {
     BufferCall* c = (BufferCall*)context;
     c->value = OblisCall_13h(c->edi, c->esi);
@@ -230,7 +230,7 @@ Bool Oblis_16h(UINT8 clearCmos, UINT8 action, UINT8 complete) {
     UINT8 action;
     UINT32 esi;
   } call = {clearCmos, action, PhysicalAddressOf(buffer)};
-  OblisRetrySpec spec = {trace.Name(), 0x16, kAcceptSuccessOrUnsupported, 2, nullptr, 0, false};
+  OblisRetrySpec spec = {0x16, kAcceptSuccessOrUnsupported, 2, nullptr, 0, false};
   auto attempt = [](VOID* context) -> UINT8 {
     FinishCall* c = (FinishCall*)context;
     return (UINT8)OblisCall_16h(c->clearCmos, c->action, c->esi);
@@ -245,7 +245,7 @@ Bool Oblis_16h(UINT8 clearCmos, UINT8 action, UINT8 complete) {
 Bool Oblis_1Ch(UINT8* status) {
   TraceScope trace(u"Oblis_1Ch");
   UINT16 value = 0;
-  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x1C, true);
+  OblisRetrySpec spec = MakeSpec(0x1C, true);
   auto attempt = [](VOID* context) -> UINT8 {
     UINT16* v = (UINT16*)context;
     *v = OblisCall_1Ch();
@@ -270,7 +270,7 @@ Bool Oblis_1Eh(ImageView out) {
     return trace.Fail(kReasonAllocateOblis);
   }
   BufferCall call = {PhysicalAddressOf(buffer), 0, 0, 0};
-  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x1E, false);
+  OblisRetrySpec spec = MakeSpec(0x1E, false);
   auto attempt = [](VOID* context) -> UINT8 {
     BufferCall* c = (BufferCall*)context;
     c->value = OblisCall_1Eh(c->edi);
@@ -287,7 +287,7 @@ Bool Oblis_1Eh(ImageView out) {
 
 Bool Oblis_1Fh(UINT32 point) {
   TraceScope trace(u"Oblis_1Fh");
-  OblisRetrySpec spec = MakeSpec(trace.Name(), 0x1F, false);
+  OblisRetrySpec spec = MakeSpec(0x1F, false);
   auto attempt = [](VOID* context) -> UINT8 { return (UINT8)OblisCall_1Fh(*(UINT32*)context); };
   if (const CHAR16* refusal = RunOblisRetries(&spec, attempt, &point, nullptr)) {
     return trace.Fail(refusal);

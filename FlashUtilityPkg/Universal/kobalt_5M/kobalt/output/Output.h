@@ -52,7 +52,6 @@ class TraceScope {
   }
   // The close names a reason whatever the function answers; null takes it back.
   VOID SetReason(const CHAR16* reason) { reason_ = reason; }
-  const CHAR16* Name() const { return name_; }
 
  private:
   const CHAR16* name_;
