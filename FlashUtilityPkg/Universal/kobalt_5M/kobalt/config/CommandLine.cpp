@@ -401,8 +401,8 @@ Bool ParseCommandLine(CHAR16* imageName, CHAR16* commandText) {
     count = 0;
   }
 
-  // Package mode (its own filter ChkFilterArg_pkg, the -extrFD parameter, and its option text
-  // behind the user's) comes with the package work; every run here is a plain one.
+  // This build has no package mode (its own filter, the -extrFD parameter, its option text
+  // behind the user's): every run here is a plain one, and the first word is the image.
   imageName[0] = 0;
   if (count >= 2 && arguments[1] != nullptr && arguments[1][0] != u'-' && arguments[1][0] != u'/') {
     StrCopy16(imageName, kImageNameCharacters, arguments[1]);

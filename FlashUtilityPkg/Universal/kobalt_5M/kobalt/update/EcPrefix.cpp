@@ -14,8 +14,8 @@ namespace {
 constexpr CHAR16 kTraceSizeEc[] =
     u" FuncChk_SizeEC\r\n-----+---------\r\n   EC  %dK\r\n /ecb  %d\r\n/ecbp  %d\r\n /eob  %d\r\n";
 constexpr CHAR16 kErrorSizeWithEc[] = u"ERROR!\r\nsize not match\r\n-----+---------\r\n  ROM  0x%x\r\n File  with EC (%dK)\r\n";
-// The firmware's word on the EC part comes with the EC update; until then an EC part is refused
-// before anything is written, rather than taken on trust.
+// This build cannot ask the firmware about an EC part or write one, so a file that carries one is
+// refused before anything is written rather than flashed with its EC part taken on trust.
 constexpr CHAR16 kErrorEcCheckNotBuilt[] =
     u"ERROR!\r\nThe file carries an EC image (%dK), and this build cannot check or write an EC.\r\nNothing was written.\r\n";
 
