@@ -539,7 +539,7 @@ bool ParseMachine(const std::string& jsonText, Machine& machine, std::string& er
   json document;
   try {
     document = json::parse(jsonText);
-  } catch (const json::parse_error& e) {
+  } catch (const json::exception& e) {  // a syntax fault, or a number too large for any type
     error = std::string("machine description is not valid JSON: ") + e.what();
     return false;
   }

@@ -20,7 +20,7 @@ int Build(const std::string& descriptionPath, const std::string& outPath) {
   nlohmann::json document;
   try {
     document = nlohmann::json::parse(in, nullptr, true, true);  // comments allowed
-  } catch (const nlohmann::json::parse_error& e) {
+  } catch (const nlohmann::json::exception& e) {  // a syntax fault, or a number too large for any type
     throw zimage::ImageError(descriptionPath + ": " + e.what());
   }
   const std::string folder = std::filesystem::path(descriptionPath).parent_path().string();
