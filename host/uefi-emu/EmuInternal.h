@@ -73,6 +73,8 @@ struct State {
   uint64_t allocations = 0;
   // Pool blocks freed with a byte behind their end changed (see PoolOverruns).
   uint64_t overruns = 0;
+  // FreePool calls of a pointer that is no live pool block (see BadFrees).
+  uint64_t badFrees = 0;
 
   // clock
   uint64_t stalled = 0;

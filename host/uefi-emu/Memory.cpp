@@ -136,6 +136,7 @@ EFI_STATUS EFIAPI FreePool(VOID* buffer) {
   auto it = g->blocks.find(reinterpret_cast<uintptr_t>(buffer));
   if (buffer == nullptr || it == g->blocks.end() || !it->second.pool) {
     std::fprintf(stderr, "zaprom-emu: FreePool of %p, which is no pool block handed out\n", buffer);
+    ++g->badFrees;
     return EFI_INVALID_PARAMETER;
   }
   if (WrittenPastEnd(it->second)) {
@@ -275,6 +276,8 @@ uint64_t Environment::PoolOverruns() const {
   for (const auto& [base, block] : detail::g->blocks) overruns += detail::WrittenPastEnd(block) ? 1 : 0;
   return overruns;
 }
+
+uint64_t Environment::BadFrees() const { return detail::g->badFrees; }
 
 std::vector<LiveBlock> Environment::LiveBlocks() const {
   std::vector<LiveBlock> live;

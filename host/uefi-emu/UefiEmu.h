@@ -106,6 +106,9 @@ class Environment {
   // Pool blocks written past their end (within the 8-byte rounding the guard page cannot catch),
   // counted when freed and among those still allocated.
   uint64_t PoolOverruns() const;
+  // FreePool calls of a pointer that is no live pool block: a constant, a block freed twice, or
+  // memory from elsewhere. Real firmware would corrupt its pool there.
+  uint64_t BadFrees() const;
 
   // The 80x25 screen as the console left it: rows joined by '\n', trailing blanks trimmed.
   std::string ScreenText() const;

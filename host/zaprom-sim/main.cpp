@@ -291,5 +291,10 @@ int main(int argc, char** argv) {
                  static_cast<unsigned long long>(environment.PoolOverruns()), environment.PoolOverruns() == 1 ? "" : "s");
     return kExitLeak;
   }
+  if (environment.BadFrees() != 0) {
+    std::fprintf(stderr, "zaprom-sim: %llu FreePool call%s of memory that was no pool block\n",
+                 static_cast<unsigned long long>(environment.BadFrees()), environment.BadFrees() == 1 ? "" : "s");
+    return kExitLeak;
+  }
   return status == EFI_SUCCESS ? 0 : 1;
 }

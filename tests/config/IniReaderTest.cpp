@@ -45,6 +45,7 @@ TEST_F(IniReader, LoadOptionLeavesTheNormalForm) {
       {"a line of blanks becomes empty", "   \n", "\n"},
       {"a line without '=' is lower-cased whole", "[MULTI_FD]\n", "[multi_fd]\n"},
       {"an empty text stays empty", "", ""},
+      {"a line that starts with '=' keeps it", "[a]\n =v\n", "[a]\n=v\n"},
   };
   for (const Row& row : rows) {
     Install(Layout());
@@ -213,6 +214,11 @@ TEST_F(IniReader, MessagesComeFromTheMessageStringTable) {
   FreeMessageText(text, fallback);
   EXPECT_EQ(GetMessageText("messagestringA03", fallback), fallback);  // empty: the program's own
   EXPECT_EQ(GetMessageText("messagestringA09", fallback), fallback);  // missing
+  // A warning bar shows the table's text and gives its copy back.
+  const size_t blocks = Environment().LiveBlocks().size();
+  ShowAcWarning("messagestringA02");
+  EXPECT_NE(Environment().ScreenText().find("Plug in"), std::string::npos);
+  EXPECT_EQ(Environment().LiveBlocks().size(), blocks);
 }
 
 }  // namespace

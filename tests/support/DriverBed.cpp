@@ -151,6 +151,7 @@ void DriverBed::Uninstall() {
       ADD_FAILURE() << "a block of " << block.size << " bytes (allocation " << block.serial << ") was never freed: "
                     << block.content;
     EXPECT_EQ(environment_->PoolOverruns(), 0u) << "a pool block was written past its end";
+    EXPECT_EQ(environment_->BadFrees(), 0u) << "FreePool of something that is no pool block";
   }
   ResetDriverState();
   environment_.reset();
