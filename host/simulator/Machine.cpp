@@ -583,6 +583,9 @@ bool LoadMachineAndFlash(const std::string& machineFile, const std::string& flas
     std::string content;
     if (!readWhole(flashFile, content)) return error = "cannot read the flash file " + flashFile, false;
     flash.assign(content.begin(), content.end());
+    // A file of the wrong size is the user's fault, told in words before any simulator is made.
+    const std::string problem = ValidateFlashContent(machine, flash);
+    if (!problem.empty()) return error = "the flash file " + flashFile + ": " + problem, false;
   }
   return true;
 }
