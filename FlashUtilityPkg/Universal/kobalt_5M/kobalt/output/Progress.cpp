@@ -18,8 +18,13 @@ constexpr UINT32 kMapGroup = 128;        // entries written to the trace at a ti
 constexpr UINT32 kMapLineBlocks = 16;    // blocks per line
 constexpr UINT32 kMapEmptyLineEvery = 256;
 constexpr UINT32 kColumnChars = 19;      // "........ - ........"
-constexpr UINT32 kLineChars = 120;       // one line, with room to spare
 constexpr UINT32 kRegionNameChars = 16;
+// The region column holds a column of letters or "[ name ]" with a long name cut.
+constexpr UINT32 kRegionColumnChars = kColumnChars + kRegionNameChars + 4;
+// The longest line: offset and address (36 characters with their blanks), three columns with
+// four blanks behind each, the region column and CR LF. A line with external regions is longer
+// than one without, so a group must be sized for it or its last line loses its end.
+constexpr UINT32 kLineChars = 36 + 3 * (kColumnChars + 4) + kRegionColumnChars + 2;
 
 constexpr CHAR16 kPercent[] = u"%3d%%";
 constexpr CHAR16 kPercentWithTime[] = u"%3d%%,%2dsec";
@@ -116,7 +121,7 @@ VOID WriteMapLine(CHAR16* text, UINT32 capacity, const BlockMapEntry* first) {
   CHAR16 protect[kColumnChars + 1];
   CHAR16 marks[kColumnChars + 1];
   CHAR16 types[kColumnChars + 1];
-  CHAR16 regions[kColumnChars + kRegionNameChars + 4];
+  CHAR16 regions[kRegionColumnChars];
   EmptyColumn(protect);
   EmptyColumn(marks);
   EmptyColumn(types);
