@@ -96,4 +96,18 @@ TEST_F(ImageAnalysis, AnalyzeImageTellsKindSignatureAndEc) {
   }
 }
 
+// A second image whose BIOSIMG slot reaches past its end leaves no payload, not the first one's.
+TEST_F(ImageAnalysis, ASecondImageReplacesThePayloadOfTheFirst) {
+  Install(Layout());
+  InitSlotTags();
+  Bytes good = kRecord, cut = kRecord;
+  AppendSlot(good, "$_KOBALT_BIOSIMG", 4, "DATA");
+  AppendSlot(cut, "$_KOBALT_BIOSIMG", 400, "DATA");
+  LocateSecureFd(good.data(), static_cast<UINT32>(good.size()));
+  EXPECT_EQ(SecurePayload().length, 4u);
+  LocateSecureFd(cut.data(), static_cast<UINT32>(cut.size()));
+  EXPECT_EQ(SecurePayload().data, nullptr);
+  EXPECT_EQ(SecurePayload().length, 0u);
+}
+
 }  // namespace

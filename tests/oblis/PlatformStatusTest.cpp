@@ -45,6 +45,11 @@ TEST_F(PlatformStatus, FilterRecordKeepsOnlyTheBytesHeld) {
     if (entries > 0) EXPECT_EQ(table[12], 0xAC) << what;
     EXPECT_NE(Log().find("===== 10h Filter Table =====\r\n"), std::string::npos) << what;
     FreePoolAndNull(table);
+    // A later answer without a record lifts the filter the first one set.
+    answers[0x10] = [](OblisRegisters& r) { bed::Answer(r, 0, 1); };
+    ASSERT_TRUE(SMI_IsSupport()) << what;
+    GetFilterTable(&table);
+    EXPECT_EQ(table, nullptr) << what;
   }
 }
 

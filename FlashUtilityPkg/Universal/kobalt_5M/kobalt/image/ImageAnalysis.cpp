@@ -152,8 +152,9 @@ VOID LocateSecureFd(const UINT8* image, UINT32 length) {
   }
   UINT32 at = 0;
   UINT32 size = 0;
-  // A slot that would reach past the image leaves the payload as it was: empty, for an image
-  // analysed once, which no engine takes for flash content.
+  // A slot that would reach past the image leaves the payload empty, which no engine takes for
+  // flash content; never the payload of an image analysed before, which may be gone.
+  ImageAnalysis.payload = {nullptr, 0};
   if (!FindSlot(image, length, kChainBiosImageTag, kBiosImageSlotName, &at, &size)) {
     return;
   }

@@ -124,6 +124,9 @@ VOID KeepFilterRecord(const UINT8* answer) {
     KeepFirmwareFilter(record, length);
     return;
   }
+  // The answer is the firmware's word as it stands: without a record there is no filter, whatever
+  // an earlier answer held.
+  KeepFirmwareFilter(nullptr, 0);
 }
 
 // Copies bytes of the 11h answer into a zeroed 16-bit string field, as the firmware laid them.
