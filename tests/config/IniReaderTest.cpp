@@ -198,9 +198,13 @@ TEST_F(IniReader, ChangedValuesGoToTheLogAtLevelZero) {
   InitialIniStructure();
   // [Log_file] is read first, so every value after it is already logged by its rules.
   Load("[Log_file]\nFlag=1\n[FlashComplete]\nAction=1\n[Others]\nSMIErrorRetry=5\n[AC_Adapter]\n"
-       "LauncherAcWarning=messagestringA02\n");
+       "LauncherAcWarning=messagestringA02\n[CommonFlash]\nErrorMsg03=Low\n");
+  // A present [CommonFlash] empties every message slot its text leaves out, start texts included.
   EXPECT_EQ(Log(),
             " [Log_file] FileName=\r\n"
+            " [CommonFlash] ErrorMsg00=\r\n [CommonFlash] ErrorMsg01=\r\n [CommonFlash] ErrorMsg02=\r\n"
+            " [CommonFlash] ErrorMsg03=Low\r\n [CommonFlash] ErrorMsg04=\r\n [CommonFlash] ErrorMsg05=\r\n"
+            " [CommonFlash] ErrorMsg10=\r\n [CommonFlash] ErrorMsg11=\r\n [CommonFlash] ErrorMsg12=\r\n"
             " [AC_Adapter] SecurityAcWarning=\r\n"
             " [FlashComplete] Action=1\r\n"
             " [UpdateEC] EC_DockWarning=\r\n");
