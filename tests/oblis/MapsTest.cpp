@@ -60,7 +60,10 @@ TEST_F(Maps, PlatformListsEndAtTheirMarkOrAfter200) {
                        "------+------------+------------+------------+-------------\r\n"
                        "  01h | 0xFFA00000 | 0xFFA00FFF | 0x00001000 |CPU Microcode\r\n") != std::string::npos,
               protectionCount > 0) << log;
-    EXPECT_EQ(log.find("  FEh | 0xFF800000 | 0xFF800FFF | 0x00001000 |  Private Map\r\n") != std::string::npos,
+    EXPECT_EQ(log.find("                Private Region MAP\r\n"
+                       " Type | Start Addr |  End Addr  |    Size    | Description \r\n"
+                       "------+------------+------------+------------+-------------\r\n"
+                       "  FEh | 0xFF800000 | 0xFF800FFF | 0x00001000 |  Private Map\r\n") != std::string::npos,
               privateCount > 0) << what;
   }
 }
