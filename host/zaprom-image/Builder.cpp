@@ -225,8 +225,8 @@ void AppendSlot(std::vector<uint8_t>& out, const char* tag, const uint8_t* data,
 
 std::vector<uint8_t> WrapSecure(const std::vector<uint8_t>& flash, const std::vector<uint8_t>& ec, const SecureSpec& spec) {
   if (spec.ini.size() > kIniCapacity) Fail("secure.ini: " + Hex(spec.ini.size()) + " bytes, more than the slot's " + Hex(kIniCapacity));
-  std::vector<uint8_t> out(kContainerCodeBytes, 0x90);
-  out.insert(out.end(), std::begin(kSecureRecord), std::end(kSecureRecord));
+  std::vector<uint8_t> out(kContainerCodeBytes + sizeof(kSecureRecord), 0x90);
+  std::memcpy(out.data() + kContainerCodeBytes, kSecureRecord, sizeof(kSecureRecord));
   const uint32_t ecSize = static_cast<uint32_t>(ec.size());
   AppendSlot(out, "$_KOBALT_EC_IMG_", ec.data(), ecSize, std::max(ecSize, kEmptyEcCapacity));
   AppendSlot(out, "$_KOBALT_BIOSIMG", flash.data(), static_cast<uint32_t>(flash.size()), static_cast<uint32_t>(flash.size()));
