@@ -1,8 +1,18 @@
 #!/usr/bin/env bash
-# Runs one harness for a short while from the seeds: run.sh HARNESS RUNS SEED_DIR...
-# New inputs go to a corpus folder beside the harness, never into the seed folders.
+# Runs one harness from its seeds: run.sh HARNESS RUNS [LIBFUZZER OPTIONS...]
+# The seeds of each harness are named here only; the inputs that once broke a parser
+# (regressions/NAME) run first. New inputs go to a corpus folder beside the harness, never into
+# the seed folders.
 set -euo pipefail
 harness=$1 runs=$2; shift 2
+root="$(cd "$(dirname "$0")/../.." && pwd)"
+name="$(basename "$harness")"; name=${name#fuzz_}
+case "$name" in
+  machine) seeds=("$root/examples/machines") ;;
+  image_description) seeds=("$root/examples/images") ;;
+  *) seeds=() ;;
+esac
+[ -d "$root/tests/fuzz/regressions/$name" ] && seeds+=("$root/tests/fuzz/regressions/$name")
 corpus="$(dirname "$harness")/corpus-$(basename "$harness")"
 mkdir -p "$corpus"
-exec "$harness" -runs="$runs" -max_len=8192 -timeout=20 -rss_limit_mb=2048 "$corpus" "$@"
+exec "$harness" -runs="$runs" -max_len=8192 -timeout=20 -rss_limit_mb=2048 "$@" "$corpus" "${seeds[@]}"
