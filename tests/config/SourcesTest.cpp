@@ -96,13 +96,13 @@ TEST_F(Sources, GetCfgSecureTakesTheDriversOwnIniSlot) {
     // The packing step's work: size field and data of the INI slot, put back afterwards since
     // the slot is part of the driver's image.
     UINT8* chain = const_cast<UINT8*>(DriverSlotChain());
-    std::vector<UINT8> kept(chain + 0x500048, chain + 0x500060 + 32);
-    WriteU32(chain + 0x500048 + 20, row.sizeField);
-    std::memcpy(chain + 0x500060, row.ini.data(), row.ini.size());
+    std::vector<UINT8> kept(chain + 0x700044, chain + 0x70005C + 32);
+    WriteU32(chain + 0x700044 + 20, row.sizeField);
+    std::memcpy(chain + 0x70005C, row.ini.data(), row.ini.size());
     EXPECT_EQ(GetCfg_Secure(), row.loaded) << row.what;
     EXPECT_EQ(Console(), row.console) << row.what;
     EXPECT_EQ(Settings()->flashComplete.action, row.action) << row.what;
-    std::memcpy(chain + 0x500048, kept.data(), kept.size());
+    std::memcpy(chain + 0x700044, kept.data(), kept.size());
   }
 }
 

@@ -27,8 +27,6 @@ constexpr UINT8 kListEnd = 0xFF;
 constexpr UINT32 kAlphaDumpExtra = 16;
 constexpr UINT32 kInfoDumpBytes = 32;
 constexpr UINTN kAnswerWordBytes = 32;  // 31 characters and the zero
-// The size field of the EC slot in the driver's own slot chain: tag (16), capacity (4), size.
-constexpr UINT32 kChainEcSizeField = 0x14 + 20;
 
 // ---- 1Bh verification ----
 constexpr UINT32 kPieceBytes = 0x1000;
@@ -90,10 +88,8 @@ VOID PutConditionalSignature(UINT8* out, CHAR8 last) {
 }
 
 Bool DriverHoldsEcImage() {
-  if (kChainEcSizeField + 4 > DriverSlotChainSize()) {
-    return false;
-  }
-  return ReadU32(DriverSlotChain() + kChainEcSizeField) != 0;
+  ImageView ec = {};
+  return OwnSlotData(OwnSlot::Ec, &ec) && ec.length != 0;
 }
 
 Bool EcCommandInForce() {

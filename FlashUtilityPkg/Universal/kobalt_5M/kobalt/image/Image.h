@@ -15,6 +15,14 @@ VOID MarkEntrySlotTags();
 // signature last. Read-only; for the steps that take the driver's slots at their fixed places.
 const UINT8* DriverSlotChain();
 UINT32 DriverSlotChainSize();
+// The data of one of the driver's own slots, as long as its size field says (empty for an empty
+// slot). False when the size field claims more than the slot's capacity: the view then has no
+// data, and its length is the size claimed.
+enum class OwnSlot : UINT8 { Ec, BiosImage, Ini };
+Bool OwnSlotData(OwnSlot slot, ImageView* data);
+UINT32 OwnSlotCapacity(OwnSlot slot);
+// The slot's 16-byte tag as it stands: '#' in front until InitSlotTags has run.
+const UINT8* OwnSlotTag(OwnSlot slot);
 
 // ---- image analysis ----
 // True for a secure image (one that holds the secure-image record); fills the analysis.

@@ -12,10 +12,6 @@ constexpr UINT32 kSlotHeaderBytes = 24;
 constexpr UINT32 kSlotSizeField = 20;
 constexpr UINT8 kTagMark = '$';
 
-// The tags of the running driver's slot chain, at their fixed offsets from the chain's start.
-constexpr UINT32 kChainEcTag = 0x14;
-constexpr UINT32 kChainBiosImageTag = 0x30;
-constexpr UINT32 kChainIniTag = 0x500048;
 
 // Neither pattern stands whole in the driver's data, since a secure image carries this driver: the
 // signature's second byte and the record's first byte are written just before the search.
@@ -60,17 +56,17 @@ constinit ImageAnalysisState ImageAnalysis = {};
 
 // The tag of one of the running driver's slots, with '$' in front whether or not InitSlotTags
 // has marked it yet.
-VOID RunningSlotTag(UINT32 chainOffset, UINT8* tag) {
-  CopyMem(tag, DriverSlotChain() + chainOffset, kTagBytes);
+VOID RunningSlotTag(OwnSlot slot, UINT8* tag) {
+  CopyMem(tag, OwnSlotTag(slot), kTagBytes);
   tag[0] = kTagMark;
 }
 
 // Finds the slot with the given tag and gives its size field. False when the tag is missing or
 // when the header or the data it announces would reach past the image; the refusal is traced.
-Bool FindSlot(const UINT8* image, UINT32 length, UINT32 chainOffset, const CHAR8* slotName, UINT32* at,
+Bool FindSlot(const UINT8* image, UINT32 length, OwnSlot slot, const CHAR8* slotName, UINT32* at,
               UINT32* size) {
   UINT8 tag[kTagBytes];
-  RunningSlotTag(chainOffset, tag);
+  RunningSlotTag(slot, tag);
   if (!FindSignature(image, length, tag, kTagBytes, at)) {
     return false;
   }
@@ -104,7 +100,7 @@ Bool AnalyzeImage(const UINT8* image, UINT32 length) {
 
   UINT32 at = 0;
   UINT32 size = 0;
-  if (FindSlot(image, length, kChainEcTag, kEcSlotName, &at, &size) && size != 0) {
+  if (FindSlot(image, length, OwnSlot::Ec, kEcSlotName, &at, &size) && size != 0) {
     ImageAnalysis.secureEc = true;
     ImageAnalysis.secureEcSize = size;
     LogPrint(kLogDetail, kSecureEcFound, size / 1024);
@@ -120,7 +116,7 @@ Bool AnalyzeImage(const UINT8* image, UINT32 length) {
   ImageAnalysis.secureImage = true;
   // The record makes the image secure; a BIOSIMG slot that is missing or reaches past the end
   // leaves a payload size of 0, which no engine can take for flash content.
-  if (FindSlot(image, length, kChainBiosImageTag, kBiosImageSlotName, &at, &size)) {
+  if (FindSlot(image, length, OwnSlot::BiosImage, kBiosImageSlotName, &at, &size)) {
     ImageAnalysis.secureImageSize = size;
   } else {
     ImageAnalysis.secureImageSize = 0;
@@ -155,7 +151,7 @@ VOID LocateSecureFd(const UINT8* image, UINT32 length) {
   // A slot that would reach past the image leaves the payload empty, which no engine takes for
   // flash content; never the payload of an image analysed before, which may be gone.
   ImageAnalysis.payload = {nullptr, 0};
-  if (!FindSlot(image, length, kChainBiosImageTag, kBiosImageSlotName, &at, &size)) {
+  if (!FindSlot(image, length, OwnSlot::BiosImage, kBiosImageSlotName, &at, &size)) {
     return;
   }
   HexDumpFramed(kSecureFdHeaderLabel, image + at, kSlotHeaderBytes);
@@ -172,7 +168,7 @@ ImageView SecureEcSlot(const UINT8* image, UINT32 length) {
   }
   UINT32 at = 0;
   UINT32 size = 0;
-  if (!FindSlot(image, length, kChainEcTag, kEcSlotName, &at, &size)) {
+  if (!FindSlot(image, length, OwnSlot::Ec, kEcSlotName, &at, &size)) {
     return ec;
   }
   HexDumpFramed(kSecureEcInfoLabel, image + at, kTagBytes);
@@ -215,14 +211,14 @@ Bool LoadImageConfig(const UINT8* image, UINT32 length) {
     length = 0;
   }
   UINT8 tag[kTagBytes];
-  RunningSlotTag(kChainIniTag, tag);
+  RunningSlotTag(OwnSlot::Ini, tag);
   UINT32 at = 0;
   if (!FindSignature(image, length, tag, kTagBytes, &at)) {
     LogPrint(kLogDetail, kIniTagNotFound);
     return false;
   }
   UINT32 size = 0;
-  if (!FindSlot(image, length, kChainIniTag, kIniSlotName, &at, &size)) {
+  if (!FindSlot(image, length, OwnSlot::Ini, kIniSlotName, &at, &size)) {
     return false;
   }
   // One byte more than the text, so that the working copy is always terminated.

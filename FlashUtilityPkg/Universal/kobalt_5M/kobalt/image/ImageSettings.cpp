@@ -19,12 +19,6 @@ constexpr CHAR16 kFromCapsule[] = u"Reference configure from capsule\r\n";
 constexpr CHAR16 kReasonSecureEmpty[] = u"ini in capsule is empty";
 constexpr CHAR16 kReasonSecureTooLarge[] = u"ini in capsule exceeds its slot";
 
-// The INI slot in the driver's own chain: its header at a fixed offset from the chain's first
-// byte, the size field 20 bytes into the header, the data behind the 24-byte header.
-constexpr UINT32 kChainIniSlot = 0x500048;
-constexpr UINT32 kChainIniSizeField = kChainIniSlot + 20;
-constexpr UINT32 kChainIniData = kChainIniSlot + 24;
-constexpr UINT32 kChainIniCapacity = 0x10000;
 
 constexpr CHAR16 kPlatformIniName[] = u"platform.ini";
 constexpr CHAR16 kFormalExternal[] = u"formal ref. configure | ext|\r\n";
@@ -42,22 +36,22 @@ VOID ReportImageNotFound(const CHAR16* imageName) {
 
 Bool GetCfg_Secure() {
   TraceScope trace(kGetCfgSecureName);
-  const UINT8* chain = DriverSlotChain();
-  UINT32 size = ReadU32(chain + kChainIniSizeField);
+  ImageView ini = {};
+  if (!OwnSlotData(OwnSlot::Ini, &ini)) {
+    Print(kSecureTooLarge, ini.length, OwnSlotCapacity(OwnSlot::Ini));
+    return trace.Fail(kReasonSecureTooLarge);
+  }
+  UINT32 size = ini.length;
   if (size == 0) {
     Print(kSecureEmpty);
     return trace.Fail(kReasonSecureEmpty);
-  }
-  if (size > kChainIniCapacity || kChainIniData + size > DriverSlotChainSize()) {
-    Print(kSecureTooLarge, size, kChainIniCapacity);
-    return trace.Fail(kReasonSecureTooLarge);
   }
   CHAR8* buffer = static_cast<CHAR8*>(AllocateZeroPool((UINTN)size + 16));
   if (buffer == nullptr) {
     Print(kSecureAllocateFailed, size);
     return trace.Fail(kReasonAllocateFailed);
   }
-  CopyMem(buffer, chain + kChainIniData, size);
+  CopyMem(buffer, ini.data, size);
   LoadOption(buffer, &size, false);
   FreePoolAndNull(buffer);
   LogPrint(kLogDetail, kFromCapsule);

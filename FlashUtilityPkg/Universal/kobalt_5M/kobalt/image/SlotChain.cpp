@@ -8,7 +8,9 @@ namespace {
 
 constexpr UINT32 kTagBytes = 16;
 constexpr UINT32 kSecureImageRecordBytes = 20;
-constexpr UINT32 kEcDataBytes = 4;
+// The EC slot holds as much as the run's EC block, so any EC image the tool can write can be
+// carried by a capsule run.
+constexpr UINT32 kEcCapacity = 0x200000;
 constexpr UINT32 kBiosImageCapacity = 0x500000;
 constexpr UINT32 kIniCapacity = 0x10000;
 constexpr UINT32 kCertificateCapacity = 0x400;
@@ -25,7 +27,7 @@ struct SlotHeader {
 struct DriverSlotChainRecord {
   UINT8 secureImageRecord[kSecureImageRecordBytes];
   SlotHeader ecSlot;
-  UINT8 ecData[kEcDataBytes];
+  UINT8 ecData[kEcCapacity];
   SlotHeader biosImageSlot;
   UINT8 biosImageData[kBiosImageCapacity];
   SlotHeader iniSlot;
@@ -41,14 +43,14 @@ struct DriverSlotChainRecord {
 static_assert(sizeof(SlotHeader) == 0x18, "a slot header is 24 bytes");
 static_assert(offsetof(DriverSlotChainRecord, secureImageRecord) == 0x0, "secure-image record");
 static_assert(offsetof(DriverSlotChainRecord, ecSlot) == 0x14, "EC slot");
-static_assert(offsetof(DriverSlotChainRecord, biosImageSlot) == 0x30, "BIOSIMG slot");
-static_assert(offsetof(DriverSlotChainRecord, biosImageData) == 0x48, "BIOSIMG data");
-static_assert(offsetof(DriverSlotChainRecord, iniSlot) == 0x500048, "INI slot");
-static_assert(offsetof(DriverSlotChainRecord, iniData) == 0x500060, "INI data");
-static_assert(offsetof(DriverSlotChainRecord, certificateSlot) == 0x510060, "BIOSCER slot");
-static_assert(offsetof(DriverSlotChainRecord, certificate2Slot) == 0x510478, "BIOSCR2 slot");
-static_assert(offsetof(DriverSlotChainRecord, driverSignature) == 0x510890, "driver signature");
-static_assert(sizeof(DriverSlotChainRecord) == 0x5108A0, "the chain ends behind the signature");
+static_assert(offsetof(DriverSlotChainRecord, biosImageSlot) == 0x20002C, "BIOSIMG slot");
+static_assert(offsetof(DriverSlotChainRecord, biosImageData) == 0x200044, "BIOSIMG data");
+static_assert(offsetof(DriverSlotChainRecord, iniSlot) == 0x700044, "INI slot");
+static_assert(offsetof(DriverSlotChainRecord, iniData) == 0x70005C, "INI data");
+static_assert(offsetof(DriverSlotChainRecord, certificateSlot) == 0x71005C, "BIOSCER slot");
+static_assert(offsetof(DriverSlotChainRecord, certificate2Slot) == 0x710474, "BIOSCR2 slot");
+static_assert(offsetof(DriverSlotChainRecord, driverSignature) == 0x71088C, "driver signature");
+static_assert(sizeof(DriverSlotChainRecord) == 0x71089C, "the chain ends behind the signature");
 
 // No tag stands whole in the driver's data: each first byte is '#' until the moment of use, since
 // a secure image contains this driver and a search must find the image's real slots instead.
@@ -65,7 +67,7 @@ constinit DriverSlotChainRecord driverSlotChain = {
     // "#ISB" and the GUID DDA13833-C342-4EAE-B5C9-C2D7D613DBB8 in its mixed-endian form.
     {'#', 'I', 'S', 'B', 0x33, 0x38, 0xA1, 0xDD, 0x42, 0xC3, 0xAE, 0x4E, 0xB5, 0xC9, 0xC2, 0xD7, 0xD6, 0x13, 0xDB,
      0xB8},
-    {{'#', '_', 'K', 'O', 'B', 'A', 'L', 'T', '_', 'E', 'C', '_', 'I', 'M', 'G', '_'}, 0, 0},
+    {{'#', '_', 'K', 'O', 'B', 'A', 'L', 'T', '_', 'E', 'C', '_', 'I', 'M', 'G', '_'}, kEcCapacity, 0},
     {},
     {{'#', '_', 'K', 'O', 'B', 'A', 'L', 'T', '_', 'B', 'I', 'O', 'S', 'I', 'M', 'G'}, kBiosImageCapacity, 0},
     {},
@@ -103,6 +105,48 @@ VOID InitSlotTags() {
 }
 
 const UINT8* DriverSlotChain() { return reinterpret_cast<const UINT8*>(&driverSlotChain); }
+
+Bool OwnSlotData(OwnSlot slot, ImageView* data) {
+  const SlotHeader* header = nullptr;
+  UINT8* start = nullptr;
+  UINT32 capacity = 0;
+  switch (slot) {
+    case OwnSlot::Ec:
+      header = &driverSlotChain.ecSlot, start = driverSlotChain.ecData, capacity = kEcCapacity;
+      break;
+    case OwnSlot::BiosImage:
+      header = &driverSlotChain.biosImageSlot, start = driverSlotChain.biosImageData, capacity = kBiosImageCapacity;
+      break;
+    case OwnSlot::Ini:
+      header = &driverSlotChain.iniSlot, start = driverSlotChain.iniData, capacity = kIniCapacity;
+      break;
+  }
+  // The size field is the packing step's word; one that claims more than the slot reserves is
+  // refused rather than read past the slot.
+  Bool fits = header != nullptr && header->size <= capacity;
+  *data = {fits ? start : nullptr, header != nullptr ? header->size : 0u};
+  return fits;
+}
+
+const UINT8* OwnSlotTag(OwnSlot slot) {
+  const UINT8* tag = driverSlotChain.iniSlot.tag;
+  if (slot == OwnSlot::Ec) {
+    tag = driverSlotChain.ecSlot.tag;
+  } else if (slot == OwnSlot::BiosImage) {
+    tag = driverSlotChain.biosImageSlot.tag;
+  }
+  return tag;
+}
+
+UINT32 OwnSlotCapacity(OwnSlot slot) {
+  UINT32 capacity = kIniCapacity;
+  if (slot == OwnSlot::Ec) {
+    capacity = kEcCapacity;
+  } else if (slot == OwnSlot::BiosImage) {
+    capacity = kBiosImageCapacity;
+  }
+  return capacity;
+}
 
 UINT32 DriverSlotChainSize() { return (UINT32)sizeof(driverSlotChain); }
 
