@@ -39,3 +39,13 @@ Bool FuncUpdate_via48h(const UINT8* image, UINT32 size);
 VOID ResetUpdateState();
 // Frees the update buffer and the kept 17h answer; called when the driver unloads.
 VOID ReleaseUpdateMemory();
+
+// ---- used by the capsule run ----
+// The EC image staged by KeepEcImage, in one call or block by block.
+Bool WriteEc(Bool singleBlock);
+// Function 21h: whether the firmware takes an EC image of this size.
+Bool FuncOblis_21h(UINT32 size);
+VOID ClearMeRegionFlag();
+Bool EfiUpdate_via15h(const UINT8* image, UINT32 size);
+// Function 49h: the firmware restores the factory copy of the Secure Boot keys.
+Bool FuncOblis_49h();
