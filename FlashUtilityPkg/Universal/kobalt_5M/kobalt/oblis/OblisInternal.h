@@ -43,7 +43,6 @@ Bool Oblis_1Fh(UINT32 point);
 Bool IsAcerPlatform();
 VOID GetModelStrings(CHAR16** name, CHAR16** version);
 Bool FuncSpecific_16h(UINT8 action, UINT8 complete);
-UINT8 GetFinishAction();
 UINT8 GetFinishComplete();
 UINT8 GetFinishClearCmos();
 Bool OptionReboot();
