@@ -35,6 +35,8 @@ VOID ShowImageVersionInfo();
 Bool CommonFlashExchange();
 Bool CommonFlashGate();
 VOID CommonFlashFinishAction(UINT8* action);
+// The firmware's CommonFlash answer permitted the update and is in force for the run.
+Bool IsCommonFlashActive();
 
 // ---- conditional data, OEM parameters and the 1Bh verification ----
 Bool SendOemParameters();

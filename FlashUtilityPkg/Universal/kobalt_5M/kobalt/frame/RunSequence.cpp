@@ -169,14 +169,12 @@ VOID FlashCompletePause() {
 // Roads of FuncUpdate that this build does not have. A run that asks for one is refused before
 // anything is written rather than sent down the block writer, at the point where the road would
 // branch off. What else each road brings when it is built:
-// - EC only: the update of the EC after the BIOS, so that a merged file's EC part is written
-//   instead of refused before the BIOS write;
 // - direct write: nothing more;
 // - not in the table, since no option asks for them yet: the OEM road with its secure probe before
 //   the analysis, the PFAT and RBU roads with their analysis after the image kind check and their
 //   place in the choice of road, and the package work (the application and package status at the
 //   start of the shell run; until then no run is in package mode).
-enum class RoadBranch { BeforeAnalysis, AfterImageKind };
+enum class RoadBranch { AfterImageKind };
 struct AbsentRoad {
   RoadBranch branch;
   Bool (*asked)(const CommandFlags& flags);
@@ -184,8 +182,6 @@ struct AbsentRoad {
 };
 constexpr CHAR16 kRoadNotBuilt[] = u"\r\nError: %s is not supported by this build. Nothing was written.\r\n";
 constexpr AbsentRoad kAbsentRoads[] = {
-    {RoadBranch::BeforeAnalysis, [](const CommandFlags& f) -> Bool { return f.ec || f.ecp; },
-     u"The EC-only update (-ec, -ecp)"},
     {RoadBranch::AfterImageKind, [](const CommandFlags& f) -> Bool { return f.e; }, u"The direct file write (-e:)"},
 };
 
@@ -201,15 +197,24 @@ const CHAR16* RefuseAbsentRoad(RoadBranch branch) {
   return nullptr;
 }
 
+// -ec and -ecp count as absent for an image already known to be secure: it takes the secure road.
+Bool EcOnlyRoadAsked() { return (Flags()->ec || Flags()->ecp) && !IsSecureImage(nullptr); }
+
 // The update steps once the image is read: learn what it is and send it down the road that fits.
 // The image stays with the caller, which frees it; a road only reads it.
 StepEnd UpdateWithImage(const UINT8* image, UINT32 size) {
   SetStatus_region();
   ShowAcWarning(Settings()->acAdapter.launcherAcWarning);
   PrintBanner(true);
-  // An EC file must never go down the BIOS road.
-  if (const CHAR16* road = RefuseAbsentRoad(RoadBranch::BeforeAnalysis)) {
-    return Stop(road);
+  // An EC file never goes down the BIOS road: the firmware judges its size, and it is written
+  // alone. The finish state is marked as left alone whatever the write did.
+  if (EcOnlyRoadAsked()) {
+    if (!EcImageFits(size) || !FuncOblis_21h(size)) {
+      return Stop(nullptr);
+    }
+    Bool written = FlashEcOnly(image, size);
+    SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishLeaveAsIs, CommonFlashFinishAction);
+    return {written, nullptr};
   }
   SetViaEsp(Settings()->secureUpdate.viaEsp ? 1 : 0);
   // The platform's kind is kept for the image check and the capsule road.
@@ -326,6 +331,11 @@ StepEnd RunShellSteps(ShellRun& run) {
   }
   if (!FuncUpdate(run.imageName)) {
     return Stop(kReasonBiosUpdate);
+  }
+  // The EC goes after a good BIOS write, and its result does not change the run's. A capsule
+  // in the firmware's hands carries its EC image with it.
+  if (!IsCapsuleStaged()) {
+    UpdateEcAfterBios();
   }
   // Whether the alarm was set changes nothing for the run.
   if (Settings()->autoWakeup.flag) {

@@ -42,7 +42,6 @@ Bool Oblis_1Eh(ImageView out);  // kWholeMapBytes
 Bool Oblis_1Fh(UINT32 point);
 Bool IsAcerPlatform();
 VOID GetModelStrings(CHAR16** name, CHAR16** version);
-UINT8 GetFinishAction();
 UINT8 GetFinishComplete();
 UINT8 GetFinishClearCmos();
 Bool OptionReboot();
