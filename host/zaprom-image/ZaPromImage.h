@@ -151,4 +151,51 @@ std::string FormatImageInfo(const ImageInfo& info);
 // The name of a region type of the "$OBLIS" map, as the tool's map displays show it.
 const char* MapRegionTypeName(uint8_t type);
 
+// ---- what the firmware starts: the driver's slot chain and the launcher's slot ----
+// The slots of the driver's chain, in their order behind the secure-image record.
+enum class ChainSlot : uint8_t { Ec = 0, BiosImage = 1, Ini = 2, Certificate = 3, Certificate2 = 4 };
+constexpr int kChainSlotCount = 5;
+const char* ChainSlotName(ChainSlot slot);  // "EC image", "flash image", ...
+
+// Where the chain stands in a driver file: offsets from the file's first byte.
+struct ChainLayout {
+  struct Slot {
+    uint32_t tag = 0;  // the data follows 24 bytes later
+    uint32_t capacity = 0;
+    uint32_t size = 0;
+  };
+  uint32_t record = 0;
+  Slot slots[kChainSlotCount];
+  uint32_t signature = 0;
+};
+// None without a chain; a chain that breaks off (a tag missing, a capacity past the end, no
+// driver signature behind it) is an ImageError.
+std::optional<ChainLayout> FindDriverChain(const std::vector<uint8_t>& driver);
+// A chain with nothing around it, with this tree's capacities: the driver file of the host,
+// where the driver is linked in and only its slots travel.
+std::vector<uint8_t> BareDriverChain();
+
+// The payloads to put into a driver; an absent one leaves its slot as it is.
+struct DriverPayloads {
+  std::optional<std::vector<uint8_t>> slots[kChainSlotCount];
+};
+// Fills the slots (the rest of each filled slot cleared), and marks the record and the tags
+// with '$'. A payload larger than its slot is an ImageError naming the slot, size and capacity.
+std::vector<uint8_t> PackDriver(std::vector<uint8_t> driver, const DriverPayloads& payloads);
+// Puts a driver into a launcher file's slot, or behind a bare launcher head when there is no
+// launcher file (the host's launcher, whose code is linked in).
+std::vector<uint8_t> PackLauncher(const std::optional<std::vector<uint8_t>>& launcher, const std::vector<uint8_t>& driver);
+
+struct CarriedInfo {
+  bool launcher = false;  // the file has the launcher's slot
+  uint32_t launcherCapacity = 0;
+  uint32_t launcherSize = 0;
+  uint32_t driverOffset = 0;  // of the driver in the file
+  std::optional<ChainLayout> chain;  // offsets from the driver's first byte
+  std::optional<ImageInfo> carriedImage;  // what the BIOSIMG slot holds
+};
+// What a launcher or driver file carries; sizes that claim more than their slot are ImageErrors.
+CarriedInfo InspectCarried(const std::vector<uint8_t>& file);
+std::string FormatCarried(const CarriedInfo& info);
+
 }  // namespace zimage

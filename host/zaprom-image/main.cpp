@@ -1,10 +1,14 @@
 // The zaprom-image command line: `build` turns a JSON description into a flash file, `info`
-// prints what a flash file holds. The work itself is the image library's.
+// prints what a flash file holds, `pack-driver` and `pack-launcher` put together what the
+// firmware starts and `show` reads it back. The work itself is the image library's.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <algorithm>
 #include <iterator>
+#include <map>
+#include <optional>
 
 #include "ZaPromImage.h"
 
@@ -12,7 +16,82 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: zaprom-image build DESCRIPTION.json -o OUT.bin\n"
-    "       zaprom-image info IMAGE.bin\n";
+    "       zaprom-image info IMAGE.bin\n"
+    "       zaprom-image pack-driver [DRIVER.efi] -o OUT [--bios FILE] [--ec FILE] [--ini FILE]\n"
+    "                                [--cert FILE] [--cert2 FILE]\n"
+    "       zaprom-image pack-launcher [LAUNCHER.efi] --driver DRIVER.efi -o OUT\n"
+    "       zaprom-image show FILE\n";
+
+// A wrong command line, as opposed to a fault in what it names.
+struct UsageError {};
+
+std::vector<uint8_t> ReadAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw zimage::ImageError("cannot read " + path);
+  return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void WriteAll(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  if (!out) throw zimage::ImageError("cannot write " + path);
+}
+
+// The options of a pack command: "-o OUT" and "--NAME FILE" pairs, and at most one plain file.
+struct PackArguments {
+  std::optional<std::string> input;
+  std::string out;
+  std::map<std::string, std::string> files;
+};
+
+PackArguments ParsePack(const std::vector<std::string>& args, const std::vector<std::string>& names) {
+  PackArguments parsed;
+  for (size_t i = 1; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    const bool takesFile = arg == "-o" || std::find(names.begin(), names.end(), arg) != names.end();
+    if (takesFile) {
+      if (i + 1 == args.size() || (arg == "-o" ? !parsed.out.empty() : parsed.files.count(arg) != 0)) throw UsageError{};
+      (arg == "-o" ? parsed.out : parsed.files[arg]) = args[++i];
+    } else if (arg.rfind("-", 0) == 0 || parsed.input) {
+      throw UsageError{};
+    } else {
+      parsed.input = arg;
+    }
+  }
+  if (parsed.out.empty()) throw UsageError{};
+  return parsed;
+}
+
+int PackDriver(const std::vector<std::string>& args) {
+  static const std::vector<std::string> kSlotOptions = {"--ec", "--bios", "--ini", "--cert", "--cert2"};
+  const PackArguments parsed = ParsePack(args, kSlotOptions);
+  zimage::DriverPayloads payloads;
+  for (int i = 0; i < zimage::kChainSlotCount; ++i) {
+    const auto named = parsed.files.find(kSlotOptions[i]);
+    if (named != parsed.files.end()) payloads.slots[i] = ReadAll(named->second);
+  }
+  const std::vector<uint8_t> driver = parsed.input ? ReadAll(*parsed.input) : zimage::BareDriverChain();
+  const std::vector<uint8_t> packed = zimage::PackDriver(driver, payloads);
+  WriteAll(parsed.out, packed);
+  std::printf("%s: 0x%zX bytes\n", parsed.out.c_str(), packed.size());
+  return 0;
+}
+
+int PackLauncher(const std::vector<std::string>& args) {
+  const PackArguments parsed = ParsePack(args, {"--driver"});
+  if (parsed.files.count("--driver") == 0) throw UsageError{};
+  std::optional<std::vector<uint8_t>> launcher;
+  if (parsed.input) launcher = ReadAll(*parsed.input);
+  const std::vector<uint8_t> packed = zimage::PackLauncher(launcher, ReadAll(parsed.files.at("--driver")));
+  WriteAll(parsed.out, packed);
+  std::printf("%s: 0x%zX bytes\n", parsed.out.c_str(), packed.size());
+  return 0;
+}
+
+int Show(const std::string& path) {
+  std::fputs(zimage::FormatCarried(zimage::InspectCarried(ReadAll(path))).c_str(), stdout);
+  return 0;
+}
 
 int Build(const std::string& descriptionPath, const std::string& outPath) {
   std::ifstream in(descriptionPath);
@@ -33,10 +112,7 @@ int Build(const std::string& descriptionPath, const std::string& outPath) {
 }
 
 int Info(const std::string& imagePath) {
-  std::ifstream in(imagePath, std::ios::binary);
-  if (!in) throw zimage::ImageError("cannot read " + imagePath);
-  const std::vector<uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::fputs(zimage::FormatImageInfo(zimage::InspectImage(file)).c_str(), stdout);
+  std::fputs(zimage::FormatImageInfo(zimage::InspectImage(ReadAll(imagePath))).c_str(), stdout);
   return 0;
 }
 
@@ -48,6 +124,11 @@ int main(int argc, char** argv) {
     if (args.size() == 4 && args[0] == "build" && args[2] == "-o") return Build(args[1], args[3]);
     if (args.size() == 4 && args[0] == "build" && args[1] == "-o") return Build(args[3], args[2]);
     if (args.size() == 2 && args[0] == "info") return Info(args[1]);
+    if (args.size() == 2 && args[0] == "show") return Show(args[1]);
+    if (!args.empty() && args[0] == "pack-driver") return PackDriver(args);
+    if (!args.empty() && args[0] == "pack-launcher") return PackLauncher(args);
+  } catch (const UsageError&) {
+    // the usage below
   } catch (const zimage::ImageError& e) {
     std::fprintf(stderr, "zaprom-image: %s\n", e.what());
     return 1;

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <regex>
 
 #include "simulator/MachineLayout.h"
@@ -145,6 +146,78 @@ TEST(ImageDescriptor, DemoImageMatchesTheDefaultMachine) {
     return fields;
   };
   EXPECT_GT(numbers(version), numbers(sim::layout::kDefaultModelVersion)) << version;
+}
+
+// Packing what the firmware starts: each payload lands in its slot with its size, the rest of the
+// slot is cleared, a payload larger than its slot names slot, size and capacity, and what `show`
+// reads back is what went in.
+TEST(Packing, SlotsTakeWhatFitsAndShowReadsItBack) {
+  const std::vector<uint8_t> flash = zimage::BuildImage(zimage::ParseImageDescription(SmallImage()));
+  std::vector<uint8_t> driver(0x40, 0x90);  // code in front of the chain, as a linked driver has
+  const std::vector<uint8_t> chain = zimage::BareDriverChain();
+  driver.insert(driver.end(), chain.begin(), chain.end());
+  zimage::DriverPayloads first;
+  first.slots[int(zimage::ChainSlot::Ini)] = std::vector<uint8_t>(300, 'i');
+  first.slots[int(zimage::ChainSlot::Ec)] = std::vector<uint8_t>(0x200000, 0xEC);
+  zimage::DriverPayloads second;
+  second.slots[int(zimage::ChainSlot::Ini)] = std::vector<uint8_t>(5, 'j');
+  second.slots[int(zimage::ChainSlot::BiosImage)] = flash;
+  const std::vector<uint8_t> packed = zimage::PackDriver(zimage::PackDriver(driver, first), second);
+
+  const zimage::CarriedInfo info = zimage::InspectCarried(zimage::PackLauncher(std::nullopt, packed));
+  ASSERT_TRUE(info.launcher && info.chain && info.carriedImage);
+  EXPECT_EQ(info.launcherSize, packed.size());
+  EXPECT_EQ(info.driverOffset, 0x258u);
+  const zimage::ChainLayout& layout = *info.chain;
+  EXPECT_EQ(layout.record, 0x40u);
+  EXPECT_EQ(packed[0x40], '$');
+  const uint32_t ini = layout.slots[int(zimage::ChainSlot::Ini)].tag;
+  EXPECT_EQ(Bytes(packed, ini, 16), "$_KOBALT_INI_IMG");
+  EXPECT_EQ(U32At(packed, ini + 20), 5u);
+  EXPECT_EQ(Bytes(packed, ini + 24, 6), std::string("jjjjj\0", 6)) << "the older, longer text is cleared";
+  EXPECT_EQ(layout.slots[int(zimage::ChainSlot::Ec)].size, 0x200000u);
+  EXPECT_EQ(layout.slots[int(zimage::ChainSlot::BiosImage)].tag, 0x40u + 20 + 24 + 0x200000);
+  EXPECT_EQ(info.carriedImage->bvdtVersion, "V3.45");
+  EXPECT_NE(zimage::FormatCarried(info).find("version \"V3.45\", model \"DV-TEST7\""), std::string::npos);
+
+  struct Row {
+    const char* what;
+    std::function<void()> run;
+    std::string message;
+  } rows[] = {
+      {"EC one byte over its slot",
+       [&] {
+         zimage::DriverPayloads p;
+         p.slots[int(zimage::ChainSlot::Ec)] = std::vector<uint8_t>(0x200001);
+         zimage::PackDriver(driver, p);
+       },
+       "the EC image (0x200001 bytes) does not fit the slot $_KOBALT_EC_IMG_ (capacity 0x200000 bytes)"},
+      {"no chain", [&] { zimage::PackDriver(std::vector<uint8_t>(64), {}); }, "the driver file has no slot chain"},
+      {"chain cut short", [&] { zimage::PackDriver(std::vector<uint8_t>(driver.begin(), driver.end() - 1), {}); },
+       "has no driver signature behind its last slot"},
+      {"launcher slot too small",
+       [&] {
+         std::vector<uint8_t> bigger = driver;
+         bigger.push_back(0);
+         zimage::PackLauncher(zimage::PackLauncher(std::nullopt, packed), bigger);
+       },
+       "the driver (0x7108DD bytes) does not fit the slot $_KOBALT_DRV_IMG (capacity 0x7108DC bytes)"},
+      {"launcher slot larger than the file",
+       [&] {
+         std::vector<uint8_t> launcher = zimage::PackLauncher(std::nullopt, packed);
+         launcher[0x254] += 1;
+         zimage::InspectCarried(launcher);
+       },
+       "more than the file holds behind 0x258"},
+  };
+  for (const Row& row : rows) {
+    try {
+      row.run();
+      ADD_FAILURE() << row.what << ": not refused";
+    } catch (const zimage::ImageError& e) {
+      EXPECT_NE(std::string(e.what()).find(row.message), std::string::npos) << row.what << ": " << e.what();
+    }
+  }
 }
 
 }  // namespace

@@ -52,3 +52,8 @@ Bool ArmAutoWakeup(UINT32 interval);
 VOID ResetChecksState();
 // Frees the answer words kept from the OEM parameter list; called when the driver unloads.
 VOID ReleaseChecksMemory();
+
+// ---- used by the capsule run ----
+VOID ShowUefiVersionInfo();
+// The all-checks-off state of the capsule run: no platform or version check, same version allowed.
+VOID SetAllChecksOff();

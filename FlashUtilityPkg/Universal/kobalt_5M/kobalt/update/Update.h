@@ -56,3 +56,9 @@ Bool UpdateEcAfterBios();
 VOID ResetUpdateState();
 // Frees the update buffer and the kept 17h answer; called when the driver unloads.
 VOID ReleaseUpdateMemory();
+
+// ---- used by the capsule run ----
+VOID ClearMeRegionFlag();
+Bool EfiUpdate_via15h(const UINT8* image, UINT32 size);
+// Function 49h: the firmware restores the factory copy of the Secure Boot keys.
+Bool FuncOblis_49h();

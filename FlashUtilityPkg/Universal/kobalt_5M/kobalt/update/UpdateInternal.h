@@ -7,7 +7,6 @@
 Bool ReadWholeRom(UINT8** data, UINT32* size);
 Bool SaveRomToFile(const CHAR16* name);
 UINT8 GetRegionFlags();
-VOID ClearMeRegionFlag();
 // image may be null (then nothing of an image goes to the firmware); length bounds the copy.
 Bool GetExternalMaps(const UINT8* image, UINT32 length);
 VOID GetCurrentRegionSlots(UINT8* slots);  // 54 bytes
@@ -19,7 +18,6 @@ VOID PlaceRegionImage(UINT8* buffer, const UINT8* image, UINT32 size);
 VOID SetRsvd_17h();
 VOID SetSkipMeRegion();
 Bool IsSkipMeRegion();
-Bool EfiUpdate_via15h(const UINT8* image, UINT32 size);
 Bool UpdateEntireLegacy(const UINT8* image, UINT32 size);
 Bool UpdateRegionLegacy(const UINT8* image, UINT32 size);
 // Writes the blocks of the table that buffer holds, laid end to end; a table that reaches past
