@@ -10,6 +10,7 @@ name="$(basename "$harness")"; name=${name#fuzz_}
 case "$name" in
   machine) seeds=("$root/examples/machines") ;;
   image_description) seeds=("$root/examples/images") ;;
+  launcher_slot | hidden_volume) seeds=("$root/tests/fuzz/seeds/launcher") ;;
   *) seeds=() ;;
 esac
 [ -d "$root/tests/fuzz/regressions/$name" ] && seeds+=("$root/tests/fuzz/regressions/$name")
