@@ -1,7 +1,11 @@
 #!/usr/bin/env python3
 """Checks that a built UEFI image is a PE32 file for IA32 of the expected subsystem, with an
 entry point and a base relocation table (gnu-efi links at address 0, so the loader must be able
-to relocate it). Usage: check-pe.py IMAGE SUBSYSTEM; exit 0 when it is, 1 with the reason when not."""
+to relocate it). With --launcher-slot CAPACITY it also checks the launcher's fixed layout: image
+base 0, the two GUIDs at 0x220 and 0x230, the empty slot "$_KOBALT_DRV_IMG" of that capacity at
+0x240, in a section that is loaded at its file offset and holds the whole slot.
+Usage: check-pe.py IMAGE SUBSYSTEM [--launcher-slot CAPACITY]; exit 0 when it is, 1 with the
+reason when not."""
 import struct
 import sys
 
@@ -9,6 +13,9 @@ MACHINE_I386 = 0x014C
 PE32_MAGIC = 0x010B
 SUBSYSTEM_NAMES = {10: "EFI application", 11: "EFI boot service driver", 12: "EFI runtime driver"}
 BASE_RELOCATION_DIRECTORY = 5
+LOADED_IMAGE_GUID = bytes.fromhex("a1311b5b6295d2118e3f00a0c969723b")
+DIRECTORY_GUID = bytes.fromhex("69440d538356ad4eaf7954d1882b8a35")
+SLOT_START, SLOT_DATA = 0x220, 0x258
 
 
 def check(path, expected_subsystem):
@@ -47,19 +54,47 @@ def check(path, expected_subsystem):
     return None
 
 
+def check_launcher_slot(data, capacity):
+    (pe_offset,) = struct.unpack_from("<I", data, 0x3C)
+    _, sections, _, _, _, optional_size, _ = struct.unpack_from("<HHIIIHH", data, pe_offset + 4)
+    optional = pe_offset + 24
+    (image_base,) = struct.unpack_from("<I", data, optional + 28)
+    if image_base != 0:
+        return "image base 0x%X, not 0" % image_base
+    expected = [(0x220, LOADED_IMAGE_GUID, "the loaded image GUID"), (0x230, DIRECTORY_GUID, "the directory GUID"),
+                (0x240, b"$_KOBALT_DRV_IMG", "the slot tag"), (0x250, struct.pack("<II", capacity, 0),
+                "capacity 0x%X and size 0" % capacity)]
+    for offset, value, what in expected:
+        if data[offset:offset + len(value)] != value:
+            return "%s not at 0x%X" % (what, offset)
+    for index in range(sections):
+        name, virtual_size, address, raw_size, raw_offset = struct.unpack_from("<8sIIII", data, optional + optional_size + 40 * index)
+        if address <= SLOT_START < address + virtual_size:
+            if address != raw_offset:
+                return "section %s holds the slot at address 0x%X but file offset 0x%X" % (name.rstrip(b"\0"), address, raw_offset)
+            if min(raw_size, virtual_size) < SLOT_DATA - address + capacity:
+                return "section %s ends inside the slot" % name.rstrip(b"\0")
+            return None
+    return "no section holds 0x%X" % SLOT_START
+
+
 def main():
-    if len(sys.argv) != 3:
+    if len(sys.argv) not in (3, 5) or (len(sys.argv) == 5 and sys.argv[3] != "--launcher-slot"):
         print(__doc__)
         return 2
     path, expected = sys.argv[1], int(sys.argv[2], 0)
     try:
         problem = check(path, expected)
+        if problem is None and len(sys.argv) == 5:
+            with open(path, "rb") as f:
+                problem = check_launcher_slot(f.read(), int(sys.argv[4], 0))
     except OSError as error:
         problem = str(error)
     if problem:
         print("%s: %s" % (path, problem))
         return 1
-    print("%s: PE32 IA32, subsystem %d (%s)" % (path, expected, SUBSYSTEM_NAMES.get(expected, "?")))
+    print("%s: PE32 IA32, subsystem %d (%s)%s" % (path, expected, SUBSYSTEM_NAMES.get(expected, "?"),
+                                                ", launcher slot in place" if len(sys.argv) == 5 else ""))
     return 0
 
 
