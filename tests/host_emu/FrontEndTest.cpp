@@ -39,6 +39,8 @@ TEST(ZaPromSim, MisuseOfTheFrontEndEndsWithStatusTwoAndSaysWhy) {
       {"--bogus", "zaprom-sim: unknown option --bogus"},
       {"--keys '{F1'", "zaprom-sim: --keys: unclosed '{' in the keys at character 1"},
       {"--machine broken.json", "zaprom-sim: broken.json: "},
+      {"--launcher missing.efi", "zaprom-sim: cannot read the launcher file missing.efi"},
+      {"--launcher broken.json -- -h", "zaprom-sim: the launcher takes no tool arguments: -h"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.arguments);
