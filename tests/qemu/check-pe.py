@@ -1,11 +1,15 @@
 #!/usr/bin/env python3
 """Checks that a built UEFI image is a PE32 file for IA32 of the expected subsystem, with an
 entry point and a base relocation table (gnu-efi links at address 0, so the loader must be able
-to relocate it). With --launcher-slot CAPACITY it also checks the launcher's fixed layout: image
-base 0, the two GUIDs at 0x220 and 0x230, the empty slot "$_KOBALT_DRV_IMG" of that capacity at
-0x240, in a section that is loaded at its file offset and holds the whole slot.
-Usage: check-pe.py IMAGE SUBSYSTEM [--launcher-slot CAPACITY]; exit 0 when it is, 1 with the
-reason when not."""
+to relocate it).
+
+--flat also wants image base 0 and every section loaded at its own file offset, so that an
+offset of the file is an offset of the loaded image. --launcher-slot CAPACITY also wants the
+launcher's layout: the two GUIDs at 0x220 and 0x230, then the empty slot "$_KOBALT_DRV_IMG" of
+that capacity, in one section.
+Usage: check-pe.py IMAGE SUBSYSTEM [--flat] [--launcher-slot CAPACITY]; exit 0 when it is, 1
+with the reason when not."""
+import argparse
 import struct
 import sys
 
@@ -54,47 +58,64 @@ def check(path, expected_subsystem):
     return None
 
 
-def check_launcher_slot(data, capacity):
+def sections_of(data):
+    """(name, address, size in memory, file offset, size in the file) of each section."""
     (pe_offset,) = struct.unpack_from("<I", data, 0x3C)
-    _, sections, _, _, _, optional_size, _ = struct.unpack_from("<HHIIIHH", data, pe_offset + 4)
-    optional = pe_offset + 24
-    (image_base,) = struct.unpack_from("<I", data, optional + 28)
+    _, count, _, _, _, optional_size, _ = struct.unpack_from("<HHIIIHH", data, pe_offset + 4)
+    table = pe_offset + 24 + optional_size
+    for index in range(count):
+        name, memory_size, address, file_size, file_offset = struct.unpack_from("<8sIIII", data, table + 40 * index)
+        yield name.rstrip(b"\0").decode(errors="replace"), address, memory_size, file_offset, file_size
+
+
+def check_flat(data):
+    (pe_offset,) = struct.unpack_from("<I", data, 0x3C)
+    (image_base,) = struct.unpack_from("<I", data, pe_offset + 24 + 28)
     if image_base != 0:
         return "image base 0x%X, not 0" % image_base
+    for name, address, _, file_offset, _ in sections_of(data):
+        if address != file_offset:
+            return "section %s at address 0x%X but file offset 0x%X" % (name, address, file_offset)
+    return None
+
+
+def check_launcher_slot(data, capacity):
     expected = [(0x220, LOADED_IMAGE_GUID, "the loaded image GUID"), (0x230, DIRECTORY_GUID, "the directory GUID"),
-                (0x240, b"$_KOBALT_DRV_IMG", "the slot tag"), (0x250, struct.pack("<II", capacity, 0),
-                "capacity 0x%X and size 0" % capacity)]
+                (0x240, b"$_KOBALT_DRV_IMG", "the slot tag"),
+                (0x250, struct.pack("<II", capacity, 0), "capacity 0x%X and size 0" % capacity)]
     for offset, value, what in expected:
         if data[offset:offset + len(value)] != value:
             return "%s not at 0x%X" % (what, offset)
-    for index in range(sections):
-        name, virtual_size, address, raw_size, raw_offset = struct.unpack_from("<8sIIII", data, optional + optional_size + 40 * index)
-        if address <= SLOT_START < address + virtual_size:
-            if address != raw_offset:
-                return "section %s holds the slot at address 0x%X but file offset 0x%X" % (name.rstrip(b"\0"), address, raw_offset)
-            if min(raw_size, virtual_size) < SLOT_DATA - address + capacity:
-                return "section %s ends inside the slot" % name.rstrip(b"\0")
-            return None
+    for name, address, memory_size, _, file_size in sections_of(data):
+        if address <= SLOT_START < address + memory_size:
+            return None if min(memory_size, file_size) >= SLOT_DATA - address + capacity else "section %s ends inside the slot" % name
     return "no section holds 0x%X" % SLOT_START
 
 
 def main():
-    if len(sys.argv) not in (3, 5) or (len(sys.argv) == 5 and sys.argv[3] != "--launcher-slot"):
-        print(__doc__)
-        return 2
-    path, expected = sys.argv[1], int(sys.argv[2], 0)
+    parser = argparse.ArgumentParser(usage=__doc__)
+    parser.add_argument("image")
+    parser.add_argument("subsystem", type=lambda text: int(text, 0))
+    parser.add_argument("--flat", action="store_true")
+    parser.add_argument("--launcher-slot", type=lambda text: int(text, 0))
+    options = parser.parse_args()
+    path, expected = options.image, options.subsystem
     try:
         problem = check(path, expected)
-        if problem is None and len(sys.argv) == 5:
-            with open(path, "rb") as f:
-                problem = check_launcher_slot(f.read(), int(sys.argv[4], 0))
+        with open(path, "rb") as f:
+            data = f.read()
+        if problem is None and options.flat:
+            problem = check_flat(data)
+        if problem is None and options.launcher_slot is not None:
+            problem = check_launcher_slot(data, options.launcher_slot)
     except OSError as error:
         problem = str(error)
     if problem:
         print("%s: %s" % (path, problem))
         return 1
-    print("%s: PE32 IA32, subsystem %d (%s)%s" % (path, expected, SUBSYSTEM_NAMES.get(expected, "?"),
-                                                ", launcher slot in place" if len(sys.argv) == 5 else ""))
+    print("%s: PE32 IA32, subsystem %d (%s)%s%s" % (path, expected, SUBSYSTEM_NAMES.get(expected, "?"),
+                                                  ", loaded at its file offsets" if options.flat else "",
+                                                  ", launcher slot in place" if options.launcher_slot else ""))
     return 0
 
 
