@@ -103,8 +103,8 @@ TEST_F(RunSequence, MainsCloseTheirTraceWithTheirOwnReason) {
        "\r\n    Error:\r\n    the FD file not found. ()\r\n\r\n"},
       {"shell run, set-up fails", ShellFlashMain, true, "<=== ShellFlashMain (Initialize failed)\r\n", 0, ""},
       {"UEFI run, set-up fails", UefiFlashMain, true, "<=== UefiFlashMain (initialize failed)\r\n", 1, ""},
-      {"UEFI run ends after the set-up", UefiFlashMain, false, "<=== UefiFlashMain (Update steps not built)\r\n", 1,
-       "the update steps are not built yet"},
+      {"UEFI run without settings", UefiFlashMain, false, "<=== UefiFlashMain (Load ini failed)\r\n", 1,
+       "Error:\r\nSettings buffer is empty!\r\nError:\r\nLoad settings failed!\r\n"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);

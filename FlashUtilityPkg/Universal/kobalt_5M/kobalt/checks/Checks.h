@@ -35,6 +35,8 @@ VOID ShowImageVersionInfo();
 Bool CommonFlashExchange();
 Bool CommonFlashGate();
 VOID CommonFlashFinishAction(UINT8* action);
+// The firmware's CommonFlash answer permitted the update and is in force for the run.
+Bool IsCommonFlashActive();
 
 // ---- conditional data, OEM parameters and the 1Bh verification ----
 Bool SendOemParameters();
@@ -50,3 +52,8 @@ Bool ArmAutoWakeup(UINT32 interval);
 VOID ResetChecksState();
 // Frees the answer words kept from the OEM parameter list; called when the driver unloads.
 VOID ReleaseChecksMemory();
+
+// ---- used by the capsule run ----
+VOID ShowUefiVersionInfo();
+// The all-checks-off state of the capsule run: no platform or version check, same version allowed.
+VOID SetAllChecksOff();

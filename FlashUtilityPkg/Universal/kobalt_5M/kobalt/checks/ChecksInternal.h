@@ -15,12 +15,8 @@ Bool GetPlatformChkStatus();
 INT32 PlatformCmp(const CHAR8* newModel, const CHAR8* currentModel, INT32* matchIndex);
 VOID MultiPlatformCompare(const CHAR16** newModel, const CHAR16** newVersion);
 INT32 VersionCmp(const CHAR8* newVersion, const CHAR8* currentVersion);
-VOID ShowUefiVersionInfo();
-// The all-checks-off state of the capsule run: no platform or version check, same version allowed.
-VOID SetAllChecksOff();
 Bool AllChecksOff();
 Bool Oblis_44h(const UINT8* info, UINT32 infoLength, const UINT8* switches, UINT32 switchLength, UINT8* answer);
-Bool IsCommonFlashActive();
 Bool SMI_CheckConditionalData(UINT8 type, UINT8 format, UINT16 length, const UINT8* data, UINT8* allow);
 Bool Oblis_19h(UINT8* record);
 Bool Oblis_1Bh(const UINT8* data, UINT32 size, UINT32 address, UINT8* status);

@@ -260,3 +260,6 @@ const CommandFlags* Flags();
 VOID ResetConfigState();
 // Frees the pool memory the folder keeps for the whole run; called when the driver unloads.
 VOID ReleaseConfigMemory();
+
+// ---- used by the capsule run ----
+Bool GetCfg_Variable();

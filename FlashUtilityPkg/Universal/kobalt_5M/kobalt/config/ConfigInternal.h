@@ -24,7 +24,6 @@ INT32 ParseDecimal(const CHAR8* text);
 INT32 ParseHex8(const CHAR8* text);
 // Reads every section of the working text into FlashSettings; [MULTI_FD] only withMultiFd.
 VOID LoadAllSections(Bool withMultiFd);
-Bool GetCfg_Variable();
 // Runs at the end of every load of a settings text.
 VOID ChkFilterTblIni();
 // One token: true if it is a known option, which is then applied to CommandFlags.

@@ -29,7 +29,6 @@ constexpr CHAR16 kErrorOblis11h[] = u"\r\nError: Initialize\nOblis 11h failed.\r
 constexpr CHAR16 kErrorOblis1Ch[] = u"\r\nError: Initialize\nOBLIS 1Ch failed.\r\n";
 constexpr CHAR16 kErrorOblis12h[] = u"\r\nError: Initialize\nOBLIS 12h failed.\r\n";
 constexpr CHAR16 kErrorOblis13h[] = u"\r\nError: Initialize\nOBLIS 13h failed.\r\n";
-constexpr CHAR16 kUpdateStepsNotBuilt[] = u"\r\nThis build ends after the set-up: the update steps are not built yet.\r\n";
 
 constexpr CHAR16 kReasonAllocate16M[] = u"allocate memory failed";
 constexpr CHAR16 kReasonAllocate2M[] = u"Allocate memory failed";
@@ -43,7 +42,12 @@ constexpr CHAR16 kReasonFlashPart[] = u"Get flash part information failed";
 constexpr CHAR16 kReasonShellInitialize[] = u"Initialize failed";
 constexpr CHAR16 kReasonUefiInitialize[] = u"initialize failed";
 constexpr CHAR16 kReasonNecessarySmi[] = u"calling necessary OBLIS failed";
-constexpr CHAR16 kReasonUpdateStepsNotBuilt[] = u"Update steps not built";
+constexpr CHAR16 kReasonLoadIni[] = u"Load ini failed";
+constexpr CHAR16 kReasonBvdtRomMap[] = u"Get BVDT ROM map filed";
+constexpr CHAR16 kReasonOwnSlot[] = u"Capsule slot invalid";
+constexpr CHAR16 kReasonNoEc[] = u"No EC";
+constexpr CHAR16 kReasonEcBlockByBlock[] = u"Update EC block by block failed";
+constexpr CHAR16 kReasonEcSingleBlock[] = u"Update EC in single block failed";
 constexpr CHAR16 kReasonArgumentCheck[] = u"Argument check failed";
 constexpr CHAR16 kReasonFilterCheck[] = u"Argument check with command filter failed";
 constexpr CHAR16 kReasonQueryCommand[] = u"Query command";
@@ -67,6 +71,26 @@ constexpr CHAR16 kPausePrompt[] = u"\n                           %s ";
 constexpr CHAR16 kWarningEobWithEcb[] = u"Warning!\r\nThe command /ecbp and /eob mutually exclusive\r\n\r\n";
 constexpr CHAR16 kErrorInvalidCommand[] = u"Error command: %s (Invalid command)\n";
 constexpr CHAR16 kAlpOption[] = u"-alp";
+constexpr CHAR16 kEfiUpdateExtra[] = u"EfiUpdate_extra";
+constexpr CHAR16 kErrorLoadSettings[] = u"Error:\r\nLoad settings failed!\r\n";
+constexpr CHAR16 kTraceSkipMe[] = u"[UpdateOEMME] | skip| skip region ME\r\n";
+constexpr CHAR16 kLoadingBiosDone[] = u"\r                           Loading New BIOS Image File: Done\r\n";
+constexpr CHAR16 kLoadingEcDone[] = u"\r                           Loading EC Image File: Done\r\n";
+constexpr CHAR16 kErrorBvdtRomMap[] = u"Error: Get BVDT ROM map failed\r\n";
+// The packing step fills the slots; one that is empty or claims more than it holds is refused
+// before anything is written.
+constexpr CHAR16 kErrorOwnSlot[] = u"Error: The %s slot of this capsule holds 0x%x bytes (capacity 0x%x).\r\n";
+constexpr CHAR16 kSlotNameBios[] = u"BIOS image";
+constexpr CHAR16 kSlotNameEc[] = u"EC image";
+constexpr CHAR16 kErrorFactoryCopy[] =
+    u"Flash process will be terminated!\r\nRestoring factory copy failed.\r\nIt may cause by onboard BIOS doesn't "
+    u"support the OBLIS interface of factory copy restore.\r\nPlease contact OEM BIOS engineer to add the feature."
+    u"\r\n\r\nPress any key to end flash process.\r\n";
+constexpr CHAR16 kUefiUpdateCompleted[] = u"\n                           Update Progress: Completed\r\n";
+constexpr CHAR16 kTraceEcBlockByBlock[] = u" Update EC block by block\r\n";
+constexpr CHAR16 kTraceEcSingleBlock[] = u" Update EC in single block\r\n";
+constexpr UINTN kStallAfterFactoryCopy = 50;     // microseconds
+constexpr UINTN kStallAfterEcUpdate = 1000000;  // one second
 
 struct RunState {
   UINT8* imageWorkBuffer;
@@ -145,14 +169,12 @@ VOID FlashCompletePause() {
 // Roads of FuncUpdate that this build does not have. A run that asks for one is refused before
 // anything is written rather than sent down the block writer, at the point where the road would
 // branch off. What else each road brings when it is built:
-// - EC only: the update of the EC after the BIOS, so that a merged file's EC part is written
-//   instead of refused before the BIOS write;
 // - direct write: nothing more;
 // - not in the table, since no option asks for them yet: the OEM road with its secure probe before
 //   the analysis, the PFAT and RBU roads with their analysis after the image kind check and their
 //   place in the choice of road, and the package work (the application and package status at the
 //   start of the shell run; until then no run is in package mode).
-enum class RoadBranch { BeforeAnalysis, AfterImageKind };
+enum class RoadBranch { AfterImageKind };
 struct AbsentRoad {
   RoadBranch branch;
   Bool (*asked)(const CommandFlags& flags);
@@ -160,8 +182,6 @@ struct AbsentRoad {
 };
 constexpr CHAR16 kRoadNotBuilt[] = u"\r\nError: %s is not supported by this build. Nothing was written.\r\n";
 constexpr AbsentRoad kAbsentRoads[] = {
-    {RoadBranch::BeforeAnalysis, [](const CommandFlags& f) -> Bool { return f.ec || f.ecp; },
-     u"The EC-only update (-ec, -ecp)"},
     {RoadBranch::AfterImageKind, [](const CommandFlags& f) -> Bool { return f.e; }, u"The direct file write (-e:)"},
 };
 
@@ -177,15 +197,24 @@ const CHAR16* RefuseAbsentRoad(RoadBranch branch) {
   return nullptr;
 }
 
+// -ec and -ecp count as absent for an image already known to be secure: it takes the secure road.
+Bool EcOnlyRoadAsked() { return (Flags()->ec || Flags()->ecp) && !IsSecureImage(nullptr); }
+
 // The update steps once the image is read: learn what it is and send it down the road that fits.
 // The image stays with the caller, which frees it; a road only reads it.
 StepEnd UpdateWithImage(const UINT8* image, UINT32 size) {
   SetStatus_region();
   ShowAcWarning(Settings()->acAdapter.launcherAcWarning);
   PrintBanner(true);
-  // An EC file must never go down the BIOS road.
-  if (const CHAR16* road = RefuseAbsentRoad(RoadBranch::BeforeAnalysis)) {
-    return Stop(road);
+  // An EC file never goes down the BIOS road: the firmware judges its size, and it is written
+  // alone. The finish state is marked as left alone whatever the write did.
+  if (EcOnlyRoadAsked()) {
+    if (!EcImageFits(size) || !FuncOblis_21h(size)) {
+      return Stop(nullptr);
+    }
+    Bool written = FlashEcOnly(image, size);
+    SetStatus_16h(kFinishLeaveAsIs, kFinishLeaveAsIs, kFinishLeaveAsIs, CommonFlashFinishAction);
+    return {written, nullptr};
   }
   SetViaEsp(Settings()->secureUpdate.viaEsp ? 1 : 0);
   // The platform's kind is kept for the image check and the capsule road.
@@ -303,6 +332,11 @@ StepEnd RunShellSteps(ShellRun& run) {
   if (!FuncUpdate(run.imageName)) {
     return Stop(kReasonBiosUpdate);
   }
+  // The EC goes after a good BIOS write, and its result does not change the run's. A capsule
+  // in the firmware's hands carries its EC image with it.
+  if (!IsCapsuleStaged()) {
+    UpdateEcAfterBios();
+  }
   // Whether the alarm was set changes nothing for the run.
   if (Settings()->autoWakeup.flag) {
     ArmAutoWakeup((UINT32)Settings()->autoWakeup.interval);
@@ -310,6 +344,123 @@ StepEnd RunShellSteps(ShellRun& run) {
   // This main pauses first and prints the completion line after.
   FlashCompletePause();
   Print(kUpdateCompleted);
+  return kGoOn;
+}
+
+// The EC image of the capsule, after the BIOS: block by block or in one piece, as [UpdateEC]
+// Progress_Bar says. Its result changes nothing for the run.
+Bool EfiUpdate_extra(UINT32 ecSize) {
+  TraceScope trace(kEfiUpdateExtra);
+  if (IsVendor(kVendorAcer)) {
+    FuncSpecific_16h(0, 1);
+  }
+  if (ecSize == 0) {
+    trace.SetReason(kReasonNoEc);
+    return true;
+  }
+  if (Settings()->updateEc.progressBar) {
+    LogPrint(kLogDetail, kTraceEcBlockByBlock);
+    if (!WriteEc(false)) {
+      return trace.Fail(kReasonEcBlockByBlock);
+    }
+  } else {
+    LogPrint(kLogDetail, kTraceEcSingleBlock);
+    if (!WriteEc(true)) {
+      return trace.Fail(kReasonEcSingleBlock);
+    }
+  }
+  gBS->Stall(kStallAfterEcUpdate);
+  return true;
+}
+
+// One of the capsule's own slots, refused with its size and capacity when it is unusable.
+Bool TakeOwnSlot(OwnSlot slot, const CHAR16* name, Bool mayBeEmpty, ImageView* data) {
+  Bool usable = OwnSlotData(slot, data) && (mayBeEmpty || data->length != 0);
+  if (!usable) {
+    Print(kErrorOwnSlot, name, data->length, OwnSlotCapacity(slot));
+  }
+  return usable;
+}
+
+// The capsule run's steps once its trace is open: the image and the EC image are the ones in
+// the driver's own slots, the settings come from the variable a shell run left or from the
+// driver's own INI slot, and every check of the image is off, as the firmware has accepted it.
+StepEnd RunUefiSteps() {
+  SetRunMode(kRunModeUefi);
+  InitialIniStructure();
+  if (!Initialize()) {
+    return Stop(kReasonUefiInitialize);
+  }
+  // The variable is taken once and removed, so a later run falls back to the slot.
+  if (!GetCfg_Variable() && !GetCfg_Secure()) {
+    Print(kErrorLoadSettings);
+    return Stop(kReasonLoadIni);
+  }
+  if (!CallingNecessarySmi()) {
+    return Stop(kReasonNecessarySmi);
+  }
+  ShowAcWarning(Settings()->acAdapter.securityAcWarning);
+  PrintSecureBanner();
+  SetStatus_region();
+  if (Settings()->updateOemMe.meFileName[0] != 0) {
+    LogPrint(kLogDetail, kTraceSkipMe);
+    ClearMeRegionFlag();
+  }
+  SetAllChecksOff();
+  SendOemParameters();
+  // This vendor's firmware checks the power itself before it starts a capsule.
+  if (!IsVendor(kVendorDell) && !CheckPowerStatus()) {
+    return Stop(kReasonPowerCheck);
+  }
+  ImageView image = {};
+  ImageView ec = {};
+  if (!TakeOwnSlot(OwnSlot::BiosImage, kSlotNameBios, false, &image) ||
+      !TakeOwnSlot(OwnSlot::Ec, kSlotNameEc, true, &ec)) {
+    return Stop(kReasonOwnSlot);
+  }
+  Print(kLoadingBiosDone);
+  if (ec.length != 0) {
+    Print(kLoadingEcDone);
+  }
+  Print(kLineEnd);
+  if (!LoadBvdtMap(image.data, image.length) && Settings()->forceFlash.useBvdtRomMap) {
+    Print(kErrorBvdtRomMap);
+    DialogKey();
+    return Stop(kReasonBvdtRomMap);
+  }
+  if (!ReadImageBvdtInfo(image.data, image.length)) {
+    return Stop(nullptr);
+  }
+  ShowUefiVersionInfo();
+  // The gate is not asked on this road: the firmware has accepted the capsule already.
+  if (Settings()->commonFlash.present && !CommonFlashExchange()) {
+    return Stop(nullptr);
+  }
+  if (ec.length != 0) {
+    if (!FuncOblis_21h(ec.length)) {
+      return Stop(nullptr);
+    }
+    KeepEcImage(ec.data, ec.length);
+  }
+  if (!EfiUpdate_via15h(image.data, image.length)) {
+    return Stop(nullptr);
+  }
+  // The image is written by now; a refused restore still ends the run as a stop, and the EC
+  // waits for another run.
+  if (Settings()->factoryCopy.restore && !FuncOblis_49h()) {
+    Print(kErrorFactoryCopy);
+    DialogKey();
+    return Stop(nullptr);
+  }
+  gBS->Stall(kStallAfterFactoryCopy);
+  // A failed EC write after a good BIOS write leaves the run's result as it is.
+  EfiUpdate_extra(ec.length);
+  if (Settings()->autoWakeup.flag) {
+    ArmAutoWakeup((UINT32)Settings()->autoWakeup.interval);
+  }
+  // This main prints the completion line first and pauses after.
+  Print(kUefiUpdateCompleted);
+  FlashCompletePause();
   return kGoOn;
 }
 
@@ -402,16 +553,7 @@ Bool EFIAPI ShellFlashMain() {
 
 Bool EFIAPI UefiFlashMain() {
   TraceScope trace(kUefiFlashMain);
-  SetRunMode(kRunModeUefi);
-  InitialIniStructure();
-  StepEnd end = Stop(kReasonUefiInitialize);
-  if (Initialize()) {
-    // The UEFI run's later steps (settings sources, maps, checks, the block writer, the EC) are
-    // not built: the run says so and ends as a stop, so neither a host nor the firmware can take
-    // it for a finished update.
-    Print(kUpdateStepsNotBuilt);
-    end = Stop(kReasonUpdateStepsNotBuilt);
-  }
+  StepEnd end = RunUefiSteps();
   trace.SetReason(end.reason);
   return end.result;
 }

@@ -60,3 +60,7 @@ Bool LoadConfiguration(CHAR16* imageName);
 // driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out
 // takes them back.
 VOID ResetImageState();
+
+// ---- used by the capsule run ----
+// The driver's own INI slot, filled by the packing step: the capsule run's settings.
+Bool GetCfg_Secure();

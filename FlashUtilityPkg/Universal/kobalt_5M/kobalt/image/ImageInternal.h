@@ -7,8 +7,6 @@
 Bool HasDrvSignature();
 // Parses the INI slot of a secure image as settings.
 Bool LoadImageConfig(const UINT8* image, UINT32 length);
-// The driver's own INI slot, filled by the packing step: the capsule run's settings.
-Bool GetCfg_Secure();
 Bool LoadConfigFormal(CHAR16* imageName);
 
 // The state of each file, put back by ResetImageState().

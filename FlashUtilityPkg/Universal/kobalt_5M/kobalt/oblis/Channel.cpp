@@ -379,6 +379,14 @@ UINT16 OblisCall_45h(UINT32 ecx) { return FormA(RaiseOblis(0x45, ecx, 0, 0)); }
 
 UINT16 OblisCall_48h(UINT32 size, UINT32 edi, UINT32 esi) { return FormC(RaiseOblis(0x48, size, edi, esi)); }
 
+UINT16 OblisCall_49h(UINT32 ecx) { return FormA(RaiseOblis(0x49, ecx, 0, 0)); }
+
+UINT16 OblisCall_20h(UINT8 action, UINT8 block, UINT32 size, UINT32 esi) {
+  return FormA(RaiseOblis(0x20, ((UINT32)block << 8) | action, size, esi));
+}
+
+UINT16 OblisCall_21h(UINT8 sizeIndex, UINT32 esi) { return FormC(RaiseOblis(0x21, (UINT32)sizeIndex << 8, 0, esi)); }
+
 VOID ResetChannelState() {
   gChannel = {false, 0, kDefaultSmiNumber};
   gOblisBuffer = {nullptr, 0};

@@ -19,6 +19,9 @@ UINT16 OblisCall_1Bh(UINT32 size, UINT32 address, UINT32 esi);  // form A
 UINT16 OblisCall_44h(UINT32 edi, UINT32 esi);           // form A, EDI switches/answer, ESI information
 UINT16 OblisCall_45h(UINT32 ecx);                       // form A, ECX the $CHKCNDI record
 UINT16 OblisCall_48h(UINT32 size, UINT32 edi, UINT32 esi);  // form C: AH is the firmware's CL
+UINT16 OblisCall_49h(UINT32 ecx);                       // form A, ECX the $RDI record
+UINT16 OblisCall_20h(UINT8 action, UINT8 block, UINT32 size, UINT32 esi);  // form A, CL action, CH block
+UINT16 OblisCall_21h(UINT8 sizeIndex, UINT32 esi);      // form C: AH is the firmware's CL, its size index
 
 // What differs between the wrappers that share the retry loop.
 struct OblisRetrySpec {
@@ -85,6 +88,8 @@ constexpr UINT8 kFinishLeaveAsIs = 0xEF;
 // checks hold it, so the caller passes it in.
 typedef VOID (*FinishActionLastWord)(UINT8* action);
 VOID SetStatus_16h(UINT8 clearCmos, UINT8 action, UINT8 complete, FinishActionLastWord lastWord);
+// The finish action the run has set so far: 0 nothing, 1 shutdown, 2 reboot.
+UINT8 GetFinishAction();
 Bool EFIAPI FuncOblis_16h();
 UINT8 IndexToAction_16h(UINT8 index);
 Bool OptionShutdown();
@@ -161,3 +166,7 @@ VOID ResetOblisState();
 // Frees the pool memory and the shared pages the folder keeps for the whole run; called when the
 // driver unloads.
 VOID ReleaseOblisMemory();
+
+// ---- used by the capsule run ----
+Bool LoadBvdtMap(const UINT8* image, UINT32 size);
+Bool FuncSpecific_16h(UINT8 action, UINT8 complete);

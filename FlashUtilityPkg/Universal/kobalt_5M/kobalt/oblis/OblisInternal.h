@@ -42,8 +42,6 @@ Bool Oblis_1Eh(ImageView out);  // kWholeMapBytes
 Bool Oblis_1Fh(UINT32 point);
 Bool IsAcerPlatform();
 VOID GetModelStrings(CHAR16** name, CHAR16** version);
-Bool FuncSpecific_16h(UINT8 action, UINT8 complete);
-UINT8 GetFinishAction();
 UINT8 GetFinishComplete();
 UINT8 GetFinishClearCmos();
 Bool OptionReboot();
@@ -62,7 +60,6 @@ Bool Oblis_14h(UINT32 address, UINT32 size, ImageView data, UINT8* status);
 VOID SetMeLocked();
 VOID MarkRegionType(UINT8 type, UINT8 flag);
 VOID ShowBlockTable(const FlashBlock* table, UINT32 count);
-Bool LoadBvdtMap(const UINT8* image, UINT32 size);
 Bool BvdtMapFound();
 VOID GetBvdtRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, UINT32* protectionCount,
                    OblisProtectionRecord** protectionList);

@@ -74,13 +74,18 @@ VOID LogPrint(UINT8 level, const CHAR16* format, ...) {
     EfiDeleteFile(kLogFileName);
   }
 
-  ZeroMem(gLog.buffer, kLogBufferBytes);
+  // A line that is not written is not formatted either: a block loop traces every call, and
+  // most of those lines lie below the level in force.
+  if (!IsLogEnabled() || !LevelPasses(level)) {
+    return;
+  }
+  // The formatter ends its text with a zero and reports its length; what lies behind it from an
+  // earlier, longer line is never read.
   va_list args;
   va_start(args, format);
   UINTN length = FormatTextV(gLog.buffer, kLogBufferCharacters, format, args);
   va_end(args);
-
-  if (!IsLogEnabled() || !LevelPasses(level) || length == 0) {
+  if (length == 0) {
     return;
   }
   UINT32 size = NarrowInPlace(gLog.buffer, length);

@@ -52,6 +52,13 @@ class TraceScope {
   }
   // The close names a reason whatever the function answers; null takes it back.
   VOID SetReason(const CHAR16* reason) { reason_ = reason; }
+  // A few closes have always named another function than the one that opened (a wrapper's
+  // refusal closes its caller's trace under the wrapper's name): the close line carries name.
+  Bool FailAs(const CHAR16* name, const CHAR16* reason) {
+    name_ = name;
+    reason_ = reason;
+    return false;
+  }
 
  private:
   const CHAR16* name_;
@@ -130,3 +137,6 @@ VOID ResetConsoleState();
 VOID ResetLogState();
 VOID ResetProgressState();
 VOID ReleaseProgressMemory();
+
+// ---- used by the capsule run ----
+VOID PrintSecureBanner();

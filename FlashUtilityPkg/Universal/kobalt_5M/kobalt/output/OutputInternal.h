@@ -6,7 +6,6 @@
 // Print's limit in characters; a longer text is cut.
 constexpr UINTN kPrintLimit = 320;
 
-VOID PrintSecureBanner();
 VOID PrintWarningBar(const CHAR16* text);
 // Reads text without changing it; a line longer than width is cut to width.
 CHAR16* CenterLines(UINT16 width, const CHAR16* text);

@@ -424,6 +424,7 @@ VOID ResetBlockWriterState() {
 VOID ResetUpdateState() {
   ResetBlockWriterState();
   ResetCapsuleState();
+  ResetEcState();
   ResetOemMeState();
   ResetRegionState();
 }

@@ -226,13 +226,9 @@ Bool SMI_IsSecurePlatform() {
   if (capsule.platformProbed) {
     return capsule.platformSecure;
   }
-  TraceEnter(kSmiIsSecurePlatform);
+  TraceScope trace(kSmiIsSecurePlatform);
   capsule.platformProbed = true;
   ResetRequest();
-  // A legacy answer closes the probe under the capsule flash's name, as the log has always
-  // shown it; no guard can change its name, so this close is written by hand.
-  const CHAR16* closeName = kSmiIsSecurePlatform;
-  const CHAR16* reason = nullptr;
   if (Oblis_48h(&capsule.request)) {
     if ((capsule.request.extra & kCapsuleOnPartitionBit) != 0) {
       capsule.capsuleOnPartition = true;
@@ -241,10 +237,10 @@ Bool SMI_IsSecurePlatform() {
     LogPrint(kLogDetail, kTracePlatformSecure);
   } else {
     LogPrint(kLogDetail, kTracePlatformLegacy);
-    closeName = kSmiSecureCapsuleFlash;
-    reason = kReasonOblis48hFailed;
+    // A legacy answer closes the probe under the capsule flash's name, as the log has always
+    // shown it.
+    trace.FailAs(kSmiSecureCapsuleFlash, kReasonOblis48hFailed);
   }
-  TraceLeave(closeName, reason);
   return capsule.platformSecure;
 }
 

@@ -1,6 +1,6 @@
 // An EC image in front of a BIOS image: the check that a file longer than the ROM is one the
-// options explain; KeepEcImage keeps the EC part in the run's EC block. Writing the EC, and
-// asking the firmware about its EC part (function 21h), belong to the EC update.
+// options explain and that the firmware's EC takes; KeepEcImage keeps the EC part in the run's
+// EC block. Writing the EC belongs to the EC update.
 #include "config/Config.h"
 #include "HostSettings.h"
 #include "image/Image.h"
@@ -10,14 +10,9 @@
 
 namespace {
 
-
 constexpr CHAR16 kTraceSizeEc[] =
     u" FuncChk_SizeEC\r\n-----+---------\r\n   EC  %dK\r\n /ecb  %d\r\n/ecbp  %d\r\n /eob  %d\r\n";
 constexpr CHAR16 kErrorSizeWithEc[] = u"ERROR!\r\nsize not match\r\n-----+---------\r\n  ROM  0x%x\r\n File  with EC (%dK)\r\n";
-// This build cannot ask the firmware about an EC part or write one, so a file that carries one is
-// refused before anything is written rather than flashed with its EC part taken on trust.
-constexpr CHAR16 kErrorEcCheckNotBuilt[] =
-    u"ERROR!\r\nThe file carries an EC image (%dK), and this build cannot check or write an EC.\r\nNothing was written.\r\n";
 
 }  // namespace
 
@@ -35,8 +30,8 @@ Bool FuncChk_SizeEC(UINT32 ecSize) {
       Print(kErrorSizeWithEc, GetRomSize(), ecSize / 1024);
       return false;
     }
-    Print(kErrorEcCheckNotBuilt, ecSize / 1024);
-    return false;
+    // The firmware has the last word on whether its EC takes this size.
+    return FuncOblis_21h(ecSize);
   }
   if (ecOption) {
     Print(kErrorSizeWithEc, GetRomSize(), 0u);

@@ -1,6 +1,6 @@
 // What the update folder offers: reading the ROM and the query commands, region selection,
-// and the block writer with its two entries. The other roads (capsule, PFAT, OEM, EC, direct
-// write) join this folder as they are built.
+// the block writer with its two entries, the secure capsule road and the EC update. The other
+// roads (PFAT, OEM, direct write) join this folder as they are built.
 #pragma once
 
 #include "KobaltBase.h"
@@ -29,6 +29,23 @@ VOID SetViaEsp(UINT8 viaEsp);
 // The first call probes with function 48h; later calls give the stored answer.
 Bool SMI_IsSecurePlatform();
 Bool FuncUpdate_via48h(const UINT8* image, UINT32 size);
+// The firmware holds the image: the run ends without a block written by the tool.
+Bool IsCapsuleStaged();
+
+// ---- EC update ----
+// Asks the firmware whether an EC image of size bytes fits its EC; prints the dock warning when
+// the firmware cannot tell.
+Bool FuncOblis_21h(UINT32 size);
+// Writes the staged EC image: in one call, or block by block under the protect mask.
+Bool WriteEc(Bool singleBlock);
+// The road of -ec and -ecp: stages the file as the EC image and writes it alone.
+Bool FlashEcOnly(const UINT8* image, UINT32 size);
+// Whether an EC file fits the EC buffer; prints the refusal. The EC-only road asks it before
+// it asks the firmware.
+Bool EcImageFits(UINT32 size);
+// The EC image that came with the BIOS (a merged file or a secure image's slot), written after
+// the BIOS as the options and settings say; nothing without one.
+Bool UpdateEcAfterBios();
 
 // ---- OEM ME update by the outside tool ----
 
@@ -39,3 +56,9 @@ Bool FuncUpdate_via48h(const UINT8* image, UINT32 size);
 VOID ResetUpdateState();
 // Frees the update buffer and the kept 17h answer; called when the driver unloads.
 VOID ReleaseUpdateMemory();
+
+// ---- used by the capsule run ----
+VOID ClearMeRegionFlag();
+Bool EfiUpdate_via15h(const UINT8* image, UINT32 size);
+// Function 49h: the firmware restores the factory copy of the Secure Boot keys.
+Bool FuncOblis_49h();

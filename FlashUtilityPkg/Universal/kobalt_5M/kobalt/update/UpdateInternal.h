@@ -7,7 +7,6 @@
 Bool ReadWholeRom(UINT8** data, UINT32* size);
 Bool SaveRomToFile(const CHAR16* name);
 UINT8 GetRegionFlags();
-VOID ClearMeRegionFlag();
 // image may be null (then nothing of an image goes to the firmware); length bounds the copy.
 Bool GetExternalMaps(const UINT8* image, UINT32 length);
 VOID GetCurrentRegionSlots(UINT8* slots);  // 54 bytes
@@ -19,7 +18,6 @@ VOID PlaceRegionImage(UINT8* buffer, const UINT8* image, UINT32 size);
 VOID SetRsvd_17h();
 VOID SetSkipMeRegion();
 Bool IsSkipMeRegion();
-Bool EfiUpdate_via15h(const UINT8* image, UINT32 size);
 Bool UpdateEntireLegacy(const UINT8* image, UINT32 size);
 Bool UpdateRegionLegacy(const UINT8* image, UINT32 size);
 // Writes the blocks of the table that buffer holds, laid end to end; a table that reaches past
@@ -31,11 +29,32 @@ Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data);
 BlockMapEntry DescribeBlock(UINT32 address, UINT16 mark);
 // The EC part in front of a BIOS image: its size check (KeepEcImage keeps it).
 Bool FuncChk_SizeEC(UINT32 ecSize);
+// The EC update's pieces, shared with its tests.
+constexpr UINT32 kEcInfoRecordBytes = 0x34;  // what the tool keeps of a 21h answer
+constexpr UINT32 kEcPartLimit = 10;
+constexpr UINT8 kEcSizeIndexUnknown = 0xFF;  // no index of the table: the answer carries parts
+Bool Oblis_21h(UINT32 size, UINT8* index, UINT8* record);
+Bool ParseEcPartInfo(UINT8 index, const UINT8* record);
+// The part sizes of the last ParseEcPartInfo and how many of them count.
+const UINT32* EcPartInfo();
+UINT32 EcPartCount();
+// One EC write block by block: the block size, which blocks are skipped, how many there are and
+// which written block goes last.
+struct EcBlockPlan {
+  UINT32 blockSize;
+  UINT8 skip[256];
+  UINT8 blockCount;
+  UINT8 lastBlock;
+};
+// False for a null plan and for an image of more blocks than an 8-bit count holds.
+Bool BuildEcBlockPlan(UINT32 size, EcBlockPlan* plan);
+Bool WriteEcBlockByBlock(UINT32 size);
+Bool SMI_WriteEc(UINT8 block, UINT32 count, Bool isLast);
+Bool Oblis_20h(const UINT8* data, UINT32 count, UINT8 action, UINT8 block);
+Bool Set20hAction(UINT8* action);
 // Writes the block list of function 48h for an image at address; list holds 0x20000 bytes.
 // Returns the number of blocks.
 UINT32 BuildCapsuleBlockList(UINT8* list, UINT32 address, UINT32 size);
-// The firmware holds the image: the run ends without a block written by the tool.
-Bool IsCapsuleStaged();
 Bool SMI_SecureCapsuleFlash(const UINT8* image, UINT32 size);
 Bool FuncSize_entire48h(const UINT8* payload, UINT32 payloadSize);
 Bool FuncSize_region48h(const UINT8* payload, UINT32 payloadSize);
@@ -46,6 +65,7 @@ Bool UpdateOemME();
 // The state of each file, put back by ResetUpdateState().
 VOID ResetBlockWriterState();
 VOID ResetCapsuleState();
+VOID ResetEcState();
 VOID ResetOemMeState();
 VOID ResetRegionState();
 VOID ReleaseRegionMemory();
