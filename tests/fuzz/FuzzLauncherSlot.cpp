@@ -13,17 +13,11 @@ namespace {
 std::vector<uint8_t> loaded;  // the loaded driver: a copy of the buffer LoadImage got
 EFI_LOADED_IMAGE_PROTOCOL loadedImage;
 int blocks = 0;
-
-EFI_STATUS EFIAPI AllocatePool(EFI_MEMORY_TYPE, UINTN size, VOID** buffer) {
-  *buffer = std::malloc(size != 0 ? size : 1);
-  return ++blocks, EFI_SUCCESS;
-}
-EFI_STATUS EFIAPI FreePool(VOID* buffer) { return std::free(buffer), --blocks, EFI_SUCCESS; }
+EFI_STATUS EFIAPI AllocatePool(EFI_MEMORY_TYPE, UINTN size, VOID** out) { return *out = std::malloc(size), ++blocks, EFI_SUCCESS; }
+EFI_STATUS EFIAPI FreePool(VOID* block) { return std::free(block), --blocks, EFI_SUCCESS; }
 EFI_STATUS EFIAPI LoadImage(BOOLEAN, EFI_HANDLE, EFI_DEVICE_PATH_PROTOCOL*, VOID* source, UINTN size, EFI_HANDLE* handle) {
   loaded.assign(static_cast<uint8_t*>(source), static_cast<uint8_t*>(source) + size);
-  loadedImage.ImageBase = loaded.data();
-  *handle = &loadedImage;
-  return EFI_SUCCESS;
+  return loadedImage.ImageBase = loaded.data(), *handle = &loadedImage, EFI_SUCCESS;
 }
 EFI_STATUS EFIAPI StartImage(EFI_HANDLE, UINTN*, CHAR16**) { return EFI_SUCCESS; }
 EFI_STATUS EFIAPI UnloadImage(EFI_HANDLE handle) { return handle == nullptr ? EFI_INVALID_PARAMETER : EFI_SUCCESS; }

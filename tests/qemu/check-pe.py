@@ -1,12 +1,9 @@
 #!/usr/bin/env python3
 """Checks that a built UEFI image is a PE32 file for IA32 of the expected subsystem, with an
 entry point and a base relocation table (gnu-efi links at address 0, so the loader must be able
-to relocate it).
-
---flat also wants image base 0 and every section loaded at its own file offset, so that an
-offset of the file is an offset of the loaded image. --launcher-slot CAPACITY also wants the
-launcher's layout: the two GUIDs at 0x220 and 0x230, then the empty slot "$_KOBALT_DRV_IMG" of
-that capacity, in one section.
+to relocate it). --flat: also image base 0 and each section loaded at its file offset.
+--launcher-slot CAPACITY: also the two GUIDs at 0x220 and 0x230, then the empty slot
+"$_KOBALT_DRV_IMG" of that capacity, in one section.
 Usage: check-pe.py IMAGE SUBSYSTEM [--flat] [--launcher-slot CAPACITY]; exit 0 when it is, 1
 with the reason when not."""
 import argparse
@@ -59,24 +56,19 @@ def check(path, expected_subsystem):
 
 
 def sections_of(data):
-    """(name, address, size in memory, file offset, size in the file) of each section."""
+    """(name, address, size in memory, size in the file, file offset) of each section."""
     (pe_offset,) = struct.unpack_from("<I", data, 0x3C)
     _, count, _, _, _, optional_size, _ = struct.unpack_from("<HHIIIHH", data, pe_offset + 4)
-    table = pe_offset + 24 + optional_size
-    for index in range(count):
-        name, memory_size, address, file_size, file_offset = struct.unpack_from("<8sIIII", data, table + 40 * index)
-        yield name.rstrip(b"\0").decode(errors="replace"), address, memory_size, file_offset, file_size
+    for at in range(pe_offset + 24 + optional_size, pe_offset + 24 + optional_size + 40 * count, 40):
+        yield struct.unpack_from("<8sIIII", data, at)
 
 
 def check_flat(data):
     (pe_offset,) = struct.unpack_from("<I", data, 0x3C)
     (image_base,) = struct.unpack_from("<I", data, pe_offset + 24 + 28)
-    if image_base != 0:
-        return "image base 0x%X, not 0" % image_base
-    for name, address, _, file_offset, _ in sections_of(data):
-        if address != file_offset:
-            return "section %s at address 0x%X but file offset 0x%X" % (name, address, file_offset)
-    return None
+    moved = ["%s at 0x%X from file offset 0x%X" % (name.rstrip(b"\0").decode(), address, offset)
+             for name, _, address, _, offset in sections_of(data) if address != offset]
+    return "image base 0x%X, not 0" % image_base if image_base != 0 else ("section " + moved[0] if moved else None)
 
 
 def check_launcher_slot(data, capacity):
@@ -86,9 +78,9 @@ def check_launcher_slot(data, capacity):
     for offset, value, what in expected:
         if data[offset:offset + len(value)] != value:
             return "%s not at 0x%X" % (what, offset)
-    for name, address, memory_size, _, file_size in sections_of(data):
+    for _, memory_size, address, file_size, _ in sections_of(data):
         if address <= SLOT_START < address + memory_size:
-            return None if min(memory_size, file_size) >= SLOT_DATA - address + capacity else "section %s ends inside the slot" % name
+            return None if min(memory_size, file_size) >= SLOT_DATA - address + capacity else "the slot's section ends inside it"
     return "no section holds 0x%X" % SLOT_START
 
 

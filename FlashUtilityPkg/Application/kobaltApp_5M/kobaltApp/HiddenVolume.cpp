@@ -218,5 +218,3 @@ Bool RestoreHiddenVolume(UINT8* imageBase, UINT32 size) {
   FreeBytes(gLauncher.hiddenVolumeCopy);
   return true;
 }
-
-HiddenVolumeRecord HiddenVolume() { return gLauncher.hiddenVolume; }

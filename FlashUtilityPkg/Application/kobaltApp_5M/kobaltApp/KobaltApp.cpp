@@ -151,10 +151,3 @@ EFI_STATUS KobaltAppMain(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable, 
   }
   return EFI_SUCCESS;
 }
-
-VOID ResetKobaltAppState() {
-  if (gLauncher.bootServices != nullptr) {
-    FreeBytes(gLauncher.hiddenVolumeCopy);
-  }
-  gLauncher = {};
-}

@@ -24,25 +24,6 @@ constexpr UINT32 kLauncherSlotCapacity = 0x800000;
 // UnloadImage.
 EFI_STATUS KobaltAppMain(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable, ImageView ownImage);
 
-// ---- the steps of the load, on their own for the tests ----
-// The firmware tables the steps below use; the main run sets them first.
-VOID SetLauncherTables(EFI_SYSTEM_TABLE* systemTable);
-// A pool copy of the driver file, handed to *copy, with the firmware volume that holds the
-// hidden file (if the BIOSIMG slot has one) kept aside and filled with 0xFF in the copy. False,
-// with nothing kept, when the pool has no room or such a volume runs past the driver.
-Bool CopyDriverImage(ImageView driver, UINT8** copy);
-// The first firmware volume in data that holds the hidden file; offset and length of the volume.
+// The first firmware volume in data that holds the hidden file, which the driver copy handed to
+// LoadImage must not show; offset and length of the volume.
 Bool FindHiddenVolume(const UINT8* data, UINT32 length, UINT32* offset, UINT32* volumeLength);
-// Puts the volume kept aside back at its offset from the loaded driver's first byte; true when
-// nothing was kept aside.
-Bool RestoreHiddenVolume(UINT8* imageBase, UINT32 size);
-
-struct HiddenVolumeRecord {
-  Bool found;
-  UINT32 offset;  // from the driver file's first byte
-  UINT32 length;
-};
-HiddenVolumeRecord HiddenVolume();
-
-// Hands back what a load left behind and forgets the run (host builds and tests only).
-VOID ResetKobaltAppState();

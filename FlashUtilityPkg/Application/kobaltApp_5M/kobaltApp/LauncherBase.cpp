@@ -40,7 +40,7 @@ VOID Put(Line& line, CHAR16 c) {
 }
 
 VOID PutText(Line& line, const CHAR16* text) {
-  for (; text != nullptr && *text != 0; text++) {
+  for (; *text != 0; text++) {
     Put(line, *text);
   }
 }
@@ -117,8 +117,6 @@ VOID Print(const CHAR16* format, ...) {
     p++;
     if (*p == u'r') {
       PutStatus(line, va_arg(items, EFI_STATUS));
-    } else if (*p == u's') {
-      PutText(line, va_arg(items, const CHAR16*));
     } else {
       Put(line, *p);
     }
