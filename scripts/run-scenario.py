@@ -17,6 +17,13 @@ A scenario is a JSON file; paths in it count from its own folder:
   volume      files put on the tool's volume: {NAME: {"image": DESCRIPTION} or {"file": PATH}};
               a NAME may hold folders ("EFI/Dovrin/kobalts.bin")
   arguments   the tool's arguments
+  launcher    instead of arguments: the firmware starts the launcher kobaltApp.efi, which carries
+              the bridge driver (ia32/kobalt-bridge.efi) with its slots filled:
+              {"driver": {"bios"|"ec"|"ini"|"cert"|"cert2": {"image"|"file": ...}}, "boot": B};
+              without "driver" the launcher's slot stays empty. B is "shell" (the default: the
+              Shell runs kobaltApp.efi) or "firmware" (kobaltApp.efi is \EFI\BOOT\BOOTIA32.EFI
+              and the firmware's boot manager starts it, no Shell before it). zaprom-sim runs
+              the same launcher file with --launcher
   keys        keys for the tool's prompts, in order: [{"after": TEXT, "send": KEYS}]; zaprom-sim
               gets all of them at the start, QEMU each one once TEXT is on the screen. KEYS are
               characters and {ENTER} or {ESC}
@@ -42,17 +49,23 @@ OVMF_VARS = os.environ.get("OVMF_VARS", "/usr/share/OVMF/OVMF32_VARS_4M.fd")
 QEMU_TIMEOUT = int(os.environ.get("ZAPROM_QEMU_TIMEOUT", "400"))
 BEGIN_MARK = "==ZAPROM-RUN-BEGIN=="
 END_MARK = "==ZAPROM-RUN-END=="
+# What the firmware's boot manager says when it starts a boot option and when one fails.
+BOOT_LINE, BOOT_STARTING, BOOT_FAILED = b"BdsDxe: ", b"BdsDxe: starting Boot", b"BdsDxe: failed to start Boot"
 # Outside [0x100000, 0xF0000000) a register value is a size, a flash address or a code, never
 # a buffer of the tool's memory.
 BUFFER_LOW, BUFFER_HIGH = 0x100000, 0xF0000000
-ESCAPES = re.compile(rb"\x1b\[[0-9;?]*[A-Za-z]|\x1b[()][A-Za-z0-9]|\x1b[=>c]")
-CONTROL = re.compile(rb"\x1b\[([0-9;?]*)([A-Za-z])|\x1b[()][A-Za-z0-9]|\x1b[=>c]|[\r\n\b]|[^\x1b\r\n\b]+")
+# The firmware's terminal also sets its text mode (ESC [ = 3 h) when the launcher selects mode 0.
+ESCAPES = re.compile(rb"\x1b\[[0-9;?]*[A-Za-z]|\x1b\[=[0-9]*[A-Za-z]|\x1b[()][A-Za-z0-9]|\x1b[=>c]")
+CONTROL = re.compile(rb"\x1b\[([0-9;?]*)([A-Za-z])|\x1b\[=[0-9]*[A-Za-z]|\x1b[()][A-Za-z0-9]|\x1b[=>c]|[\r\n\b]|"
+                     rb"[^\x1b\r\n\b]+")
 COLUMNS, ROWS = 80, 25
 # zaprom-sim and oblis-bridge both end with this status when the machine loses power.
 EXIT_POWER_LOST = 4
 # The byte a run flips in the starting flash of one side for the control: in the first block of
 # the BIOS region, which part-4mb.json protects, so that no update writes it back.
 ALTERED_OFFSET = 0x200010
+# The driver's slots that a launcher scenario fills, by the option of zaprom-image pack-driver.
+PAYLOAD_OPTIONS = {"bios": "--bios", "ec": "--ec", "ini": "--ini", "cert": "--cert", "cert2": "--cert2"}
 
 
 class Failure(Exception):
@@ -63,7 +76,8 @@ def load_scenario(path):
     with open(path) as f:
         scenario = json.load(f)
     base = os.path.dirname(os.path.abspath(path))
-    known = {"description", "machine", "machine_changes", "flash", "ec", "volume", "arguments", "keys", "fetch"}
+    known = {"description", "machine", "machine_changes", "flash", "ec", "volume", "arguments", "keys", "fetch",
+             "launcher"}
     unknown = set(scenario) - known
     if unknown:
         raise Failure("%s: unknown keys %s" % (path, ", ".join(sorted(unknown))))
@@ -71,6 +85,14 @@ def load_scenario(path):
         if set(key) != {"after", "send"}:
             raise Failure("%s: a key needs \"after\" and \"send\": %r" % (path, key))
         serial_keys(key["send"])
+    launcher = scenario.get("launcher")
+    if launcher is not None:
+        if "arguments" in scenario:
+            raise Failure("%s: the launcher takes no arguments" % path)
+        if set(launcher) - {"driver", "boot"} or launcher.get("boot", "shell") not in ("shell", "firmware") or \
+                set(launcher.get("driver", {})) - set(PAYLOAD_OPTIONS):
+            raise Failure("%s: a launcher is {\"driver\": {%s: ...}, \"boot\": \"shell\" or \"firmware\"}"
+                          % (path, ", ".join(sorted(PAYLOAD_OPTIONS))))
     scenario["base"] = base
     return scenario
 
@@ -131,7 +153,28 @@ def prepare(scenario, build, folder, alter):
     for name, source in scenario.get("volume", {}).items():
         os.makedirs(os.path.dirname(os.path.join(folder, "volume", name)), exist_ok=True)
         materialise(source, os.path.join(folder, "volume", name), scenario, build)
+    if "launcher" in scenario:
+        pack_launcher(scenario, build, folder)
     return flash
+
+
+def pack_launcher(scenario, build, folder):
+    """kobaltApp.efi in folder: the IA32 launcher carrying the bridge driver with the scenario's
+    payloads, or with its slot left empty."""
+    ia32, out = os.path.join(build, "ia32"), os.path.join(folder, "kobaltApp.efi")
+    payloads = scenario["launcher"].get("driver")
+    if payloads is None:
+        shutil.copyfile(os.path.join(ia32, "kobaltApp.efi"), out)
+        return
+    driver = os.path.join(folder, "kobalt-packed.efi")
+    command = [os.path.join(build, "zaprom-image"), "pack-driver", os.path.join(ia32, "kobalt-bridge.efi"), "-o", driver]
+    for name, source in sorted(payloads.items()):
+        payload = os.path.join(folder, "payload-" + name)
+        materialise(source, payload, scenario, build)
+        command += [PAYLOAD_OPTIONS[name], payload]
+    run(command, "zaprom-image pack-driver")
+    run([os.path.join(build, "zaprom-image"), "pack-launcher", os.path.join(ia32, "kobaltApp.efi"), "--driver", driver,
+         "-o", out], "zaprom-image pack-launcher")
 
 
 def merged(base, changes):
@@ -254,8 +297,9 @@ def run_sim(scenario, build, folder, alter):
     command = [os.path.join(build, "zaprom-sim")] + machine_arguments(scenario, folder) + ec_arguments(
         scenario, folder) + ["--flash", flash, "--volume", os.path.join(folder, "volume"),
         "--trace-smi", os.path.join(folder, "smi.jsonl")] + (
-        ["--keys", "".join(k["send"] for k in scenario["keys"])] if "keys" in scenario else []) + [
-        "--"] + scenario.get("arguments", [])
+        ["--keys", "".join(k["send"] for k in scenario["keys"])] if "keys" in scenario else []) + (
+        ["--launcher", os.path.join(folder, "kobaltApp.efi")] if "launcher" in scenario else
+        ["--"] + scenario.get("arguments", []))
     # On a terminal the emulated console sends the same kind of escape sequences as the firmware's.
     master, slave = pty.openpty()
     process = subprocess.Popen(command, stdout=slave, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
@@ -322,12 +366,23 @@ def run_qemu(scenario, build, folder, alter):
         os.remove(disk)
     run(["mkfs.vfat", "-C", disk, "65536"], "mkfs.vfat")
     script = os.path.join(folder, "startup.nsh")
-    command = " ".join(["ZAPROM-S.efi"] + [shell_word(a) for a in scenario.get("arguments", [])])
+    boot = scenario.get("launcher", {}).get("boot", "shell")
+    if boot == "firmware":
+        # The firmware's boot manager starts the launcher from the stick; once it returns, the
+        # boot manager goes on to its built-in Shell, which ends the run.
+        command = "echo %s" % END_MARK
+        copies = [(os.path.join(folder, "kobaltApp.efi"), "::/EFI/BOOT/BOOTIA32.EFI")]
+    elif "launcher" in scenario:
+        command = "echo %s\r\nkobaltApp.efi\r\necho %s %%lasterror%%" % (BEGIN_MARK, END_MARK)
+        copies = [(shell_binary(build), "::/EFI/BOOT/BOOTIA32.EFI"), (os.path.join(folder, "kobaltApp.efi"), "::/kobaltApp.efi")]
+    else:
+        command = "echo %s\r\n%s\r\necho %s %%lasterror%%" % (
+            BEGIN_MARK, " ".join(["ZAPROM-S.efi"] + [shell_word(a) for a in scenario.get("arguments", [])]), END_MARK)
+        copies = [(shell_binary(build), "::/EFI/BOOT/BOOTIA32.EFI"), (os.path.join(ia32, "ZAPROM-S.efi"), "::/ZAPROM-S.efi"),
+                  (os.path.join(ia32, "kobalt-bridge.efi"), "::/kobalt.efi")]
     with open(script, "w", newline="") as f:
-        f.write("@echo -off\r\nfs0:\r\necho %s\r\n%s\r\necho %s %%lasterror%%\r\nreset -s\r\n"
-                % (BEGIN_MARK, command, END_MARK))
-    copies = [(shell_binary(build), "::/EFI/BOOT/BOOTIA32.EFI"), (os.path.join(ia32, "ZAPROM-S.efi"), "::/ZAPROM-S.efi"),
-              (os.path.join(ia32, "kobalt-bridge.efi"), "::/kobalt.efi"), (script, "::/startup.nsh")]
+        f.write("@echo -off\r\nfs0:\r\n%s\r\nreset -s\r\n" % command)
+    copies.append((script, "::/startup.nsh"))
     volume = os.path.join(folder, "volume")
     mtools("mmd", disk, "::/EFI", "::/EFI/BOOT")
     for root, folders, files in sorted(os.walk(volume)):
@@ -363,7 +418,10 @@ def run_qemu(scenario, build, folder, alter):
             "-device", "ivshmem-plain,memdev=bridge",
             "-net", "none", "-no-reboot"]
     started = time.monotonic()
-    raw, finished = converse(qemu, scenario.get("keys", []))
+    if boot == "firmware":
+        raw, finished = converse(qemu, scenario.get("keys", []), launcher_start, launcher_end)
+    else:
+        raw, finished = converse(qemu, scenario.get("keys", []), lambda raw: raw.find(BEGIN_MARK.encode()))
     if not finished:
         bridge.kill()
         os.remove(shared)
@@ -375,16 +433,10 @@ def run_qemu(scenario, build, folder, alter):
     os.remove(shared)
     with open(os.path.join(folder, "console.raw"), "wb") as f:
         f.write(raw)
-    begin, end = raw.find(BEGIN_MARK.encode()), raw.rfind(END_MARK.encode())
-    power_lost = bridge.returncode == EXIT_POWER_LOST
-    if begin < 0 or (end < begin and not power_lost):
-        raise Failure("the Shell did not run the tool to its end; console:\n" + plain(raw)[-3000:])
-    if power_lost:
-        # The guest stopped dead in the middle of the write, as zaprom-sim's run does.
-        console, status = render(raw[raw.index(b"\n", begin) + 1:]), EXIT_POWER_LOST
+    if boot == "firmware":
+        console, status = firmware_boot_console(raw, bridge.returncode == EXIT_POWER_LOST)
     else:
-        console = render(raw[raw.index(b"\n", begin) + 1:end])
-        status = 0 if int(plain(raw[end:]).split()[1], 16) == 0 else 1
+        console, status = shell_console(raw, bridge.returncode == EXIT_POWER_LOST)
     for name in ["ZAPROM.Log"] + scenario.get("fetch", []):
         os.makedirs(os.path.dirname(os.path.join(volume, name)), exist_ok=True)
         mtools("mcopy", disk, "-o", "::/" + name, os.path.join(volume, name))
@@ -395,10 +447,50 @@ def run_qemu(scenario, build, folder, alter):
             "figures": figures}
 
 
-def converse(qemu, keys):
+def shell_console(raw, power_lost):
+    """The console between the run's marks, and the status the Shell saw."""
+    begin, end = raw.find(BEGIN_MARK.encode()), raw.rfind(END_MARK.encode())
+    if begin < 0 or (end < begin and not power_lost):
+        raise Failure("the Shell did not run the tool to its end; console:\n" + plain(raw)[-3000:])
+    if power_lost:
+        # The guest stopped dead in the middle of the write, as zaprom-sim's run does.
+        return render(raw[raw.index(b"\n", begin) + 1:]), EXIT_POWER_LOST
+    return render(raw[raw.index(b"\n", begin) + 1:end]), 0 if int(plain(raw[end:]).split()[1], 16) == 0 else 1
+
+
+def launcher_start(raw):
+    """Where the launcher's output begins: behind the boot manager's line that starts it."""
+    starting = raw.find(BOOT_STARTING)
+    line_end = raw.find(b"\n", starting) if starting >= 0 else -1
+    return line_end + 1 if line_end >= 0 else -1
+
+
+def launcher_end(raw):
+    """Where the launcher's output ends: at the boot manager's next line, which reports its
+    failure, or loads the boot manager's menu after a success."""
+    start = launcher_start(raw)
+    end = raw.find(BOOT_LINE, start) if start >= 0 else -1
+    return end if end >= 0 and raw.find(b"\n", end) >= 0 else -1
+
+
+def firmware_boot_console(raw, power_lost):
+    """The console of a launcher that the boot manager started, and its status: 1 when the boot
+    manager reports that it failed."""
+    begin, end = launcher_start(raw), launcher_end(raw)
+    if begin < 0:
+        raise Failure("the boot manager did not start the launcher; console:\n" + plain(raw)[-3000:])
+    if power_lost:
+        return render(raw[begin:]), EXIT_POWER_LOST
+    if end < 0:
+        raise Failure("the launcher did not return to the boot manager; console:\n" + plain(raw)[-3000:])
+    return render(raw[begin:end]), 1 if raw.startswith(BOOT_FAILED, end) else 0
+
+
+def converse(qemu, keys, begin_of, end_of=None):
     """Runs QEMU with the serial line on a pipe: a key at the Shell's countdown, so that it runs
     startup.nsh at once, then each of the scenario's keys once its text is on the screen behind
-    the run's begin mark. Returns the serial output and whether QEMU ended in time."""
+    the run's beginning (begin_of gives where it is, or -1). QEMU is stopped once end_of finds
+    the run's end. Returns the serial output and whether QEMU ended in time."""
     process = subprocess.Popen(qemu, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     deadline, raw, pending, seen = time.monotonic() + QEMU_TIMEOUT, b"", list(keys), 0
     countdown = True
@@ -412,7 +504,10 @@ def converse(qemu, keys):
             countdown = False
             process.stdin.write(b" ")
             process.stdin.flush()
-        begin = raw.find(BEGIN_MARK.encode())
+        if end_of is not None and end_of(raw) >= 0:
+            process.kill()
+            break
+        begin = begin_of(raw)
         while pending and begin >= 0:
             screen = plain(raw[begin:])
             at = screen.find(pending[0]["after"], seen)

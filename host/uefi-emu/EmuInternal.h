@@ -52,7 +52,15 @@ struct ImageRecord {
   std::vector<std::u16string> argumentText;
   std::vector<CHAR16*> argv;
   std::unique_ptr<EFI_SHELL_PARAMETERS_PROTOCOL> parameters;
-  void* imageCopy = nullptr;
+};
+
+// An image linked into the host program, started by LoadImage of its file name or of a buffer
+// that carries its slot chain.
+struct LinkedImage {
+  std::u16string fileName;
+  EFI_IMAGE_ENTRY_POINT entry = nullptr;
+  uint8_t* slotChain = nullptr;
+  size_t slotChainSize = 0;
 };
 
 struct StoredVariable {
@@ -102,7 +110,7 @@ struct State {
   // volumes and images
   std::vector<VolumeRecord> volumes;
   std::vector<std::unique_ptr<ImageRecord>> images;
-  std::vector<std::pair<std::u16string, EFI_IMAGE_ENTRY_POINT>> linkedImages;
+  std::vector<LinkedImage> linkedImages;
   EFI_SHELL_PROTOCOL shell{};
   bool shellInstalled = false;
   EFI_HANDLE shellHandle = nullptr;

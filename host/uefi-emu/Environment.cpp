@@ -211,9 +211,6 @@ Environment::~Environment() {
   FlushConsole();
   ReleaseFiles();
   ReleaseHandles();
-  for (auto& image : g->images) {
-    if (image->imageCopy != nullptr) g->bootServices.FreePool(image->imageCopy);
-  }
   ReleaseAllMemory();
   delete g;
   g = nullptr;

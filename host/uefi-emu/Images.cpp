@@ -1,6 +1,7 @@
 // Images in the emulated environment: the host's own image handle (with shell parameters and
 // the shell protocol for a command-line host), and LoadImage/StartImage/UnloadImage over
-// images linked into the host program and registered by file name. No PE loading happens here.
+// images linked into the host program, registered by file name. No PE loading happens here: a
+// driver handed over in a buffer brings only its slot chain into the linked driver.
 #include <cstdio>
 #include <cstring>
 
@@ -8,6 +9,30 @@
 
 namespace emu::detail {
 namespace {
+
+constexpr size_t kTagBytes = 16;
+constexpr size_t kRecordBytes = 20;
+// The chain's secure-image record behind its first byte: "ISB" and its GUID, mixed-endian.
+constexpr uint8_t kRecordTail[kRecordBytes - 1] = {'I',  'S',  'B',  0x33, 0x38, 0xA1, 0xDD, 0x42, 0xC3, 0xAE,
+                                                   0x4E, 0xB5, 0xC9, 0xC2, 0xD7, 0xD6, 0x13, 0xDB, 0xB8};
+constexpr char kEcTagTail[] = "_KOBALT_EC_IMG_";
+
+// A driver file carries '#' in front of its record and tags until they are marked with '$'.
+bool MarkedAt(const uint8_t* at, const void* tail, size_t tailBytes) {
+  return (at[0] == '#' || at[0] == '$') && std::memcmp(at + 1, tail, tailBytes) == 0;
+}
+
+// The offset of the first slot chain in the buffer: its record with the EC tag right behind it.
+bool FindSlotChain(const uint8_t* buffer, size_t size, size_t& offset) {
+  for (size_t at = 0; at + kRecordBytes + kTagBytes <= size; ++at) {
+    if (MarkedAt(buffer + at, kRecordTail, sizeof kRecordTail) &&
+        MarkedAt(buffer + at + kRecordBytes, kEcTagTail, kTagBytes - 1)) {
+      offset = at;
+      return true;
+    }
+  }
+  return false;
+}
 
 void AppendNode(std::vector<uint8_t>& path, uint8_t type, uint8_t subtype, const std::vector<uint8_t>& body) {
   size_t length = 4 + body.size();
@@ -107,34 +132,40 @@ EFI_STATUS EFIAPI LoadImage(BOOLEAN, EFI_HANDLE parent, EFI_DEVICE_PATH_PROTOCOL
   ImageRecord* parentImage = FindImage(parent);
   if (parentImage == nullptr) return EFI_INVALID_PARAMETER;
   std::u16string path;
-  const std::pair<std::u16string, EFI_IMAGE_ENTRY_POINT>* linked = nullptr;
+  const LinkedImage* linked = nullptr;
+  uint8_t* imageBase = nullptr;
   if (devicePath != nullptr && LastFilePath(devicePath, path)) {
     size_t slash = path.find_last_of(u'\\');
     std::u16string name = FoldCase(slash == std::u16string::npos ? path : path.substr(slash + 1));
     for (auto& candidate : g->linkedImages) {
-      if (FoldCase(candidate.first) == name) linked = &candidate;
+      if (FoldCase(candidate.fileName) == name) linked = &candidate;
     }
     if (linked == nullptr) {
       std::fprintf(stderr, "zaprom-emu: LoadImage of %s: no linked image has that name\n", ToUtf8(path).c_str());
       return EFI_NOT_FOUND;
     }
   } else if (source != nullptr && sourceSize != 0 && g->linkedImages.size() == 1) {
-    // An image handed over in memory cannot be matched by name; the host program links one
-    // driver, and that is what such a buffer carries.
+    // A buffer cannot be matched by name; the host program links one driver, and what the
+    // buffer brings of it is the slot chain.
     linked = &g->linkedImages.front();
-    path = u"\\" + linked->first;
+    const auto* buffer = static_cast<const uint8_t*>(source);
+    size_t chain = 0;
+    if (linked->slotChain == nullptr || !FindSlotChain(buffer, sourceSize, chain) ||
+        linked->slotChainSize > sourceSize - chain) {
+      return EFI_LOAD_ERROR;
+    }
+    std::memcpy(linked->slotChain, buffer + chain, linked->slotChainSize);
+    // Only the chain is in place, so only offsets inside it address loaded bytes.
+    imageBase = reinterpret_cast<uint8_t*>(reinterpret_cast<uintptr_t>(linked->slotChain) - chain);
+    path = u"\\" + linked->fileName;
   } else {
     return EFI_NOT_FOUND;
   }
   ImageRecord& image = NewImage(parent, parentImage->loaded->DeviceHandle, path);
-  image.entry = linked->second;
-  if (source != nullptr && sourceSize != 0) {
-    image.imageCopy = AllocateHostPool(sourceSize);
-    if (image.imageCopy != nullptr) {
-      std::memcpy(image.imageCopy, source, sourceSize);
-      image.loaded->ImageBase = image.imageCopy;
-      image.loaded->ImageSize = sourceSize;
-    }
+  image.entry = linked->entry;
+  if (imageBase != nullptr) {
+    image.loaded->ImageBase = imageBase;
+    image.loaded->ImageSize = sourceSize;
   }
   *imageHandle = image.handle;
   return EFI_SUCCESS;
@@ -170,7 +201,6 @@ EFI_STATUS EFIAPI UnloadImage(EFI_HANDLE handle) {
       break;
     }
   }
-  if (image->imageCopy != nullptr) g->bootServices.FreePool(image->imageCopy);
   for (auto it = g->images.begin(); it != g->images.end(); ++it) {
     if (it->get() == image) {
       g->images.erase(it);
@@ -217,8 +247,9 @@ EFI_HANDLE Environment::CreateImageHandle(const std::u16string& fileName, const 
   return image.handle;
 }
 
-void Environment::RegisterLinkedImage(const std::u16string& fileName, EFI_IMAGE_ENTRY_POINT entry) {
-  g->linkedImages.push_back({fileName, entry});
+void Environment::RegisterLinkedImage(const std::u16string& fileName, EFI_IMAGE_ENTRY_POINT entry, uint8_t* slotChain,
+                                      size_t slotChainSize) {
+  g->linkedImages.push_back({fileName, entry, slotChain, slotChainSize});
 }
 
 void Environment::SetShellCurrentDirectory(const std::u16string& directory) { g->currentDirectory = directory; }

@@ -79,7 +79,13 @@ class Environment {
   // EFI_SHELL_PARAMETERS_PROTOCOL with these arguments.
   EFI_HANDLE CreateImageHandle(const std::u16string& fileName, const std::vector<std::u16string>& arguments);
   // LoadImage of a device path whose last file node names fileName (any case) starts entry.
-  void RegisterLinkedImage(const std::u16string& fileName, EFI_IMAGE_ENTRY_POINT entry);
+  // With a slot chain, LoadImage of a buffer loads this image too (the host has no PE loader):
+  // the buffer must carry a chain (the secure-image record, '#' or '$' first, with the EC tag
+  // right behind it) of slotChainSize bytes, which is copied over slotChain, the linked
+  // driver's own chain in writable storage. The loaded image's ImageBase then lies so that
+  // ImageBase plus an offset of the buffer addresses the same byte of slotChain.
+  void RegisterLinkedImage(const std::u16string& fileName, EFI_IMAGE_ENTRY_POINT entry, uint8_t* slotChain = nullptr,
+                           size_t slotChainSize = 0);
   // The shell's current directory as GetCurDir gives it, such as u"FS0:" at the root
   // or u"FS0:\\EFI" below it.
   void SetShellCurrentDirectory(const std::u16string& directory);

@@ -1,7 +1,7 @@
-// zaprom-sim: runs the command-line host ZAPROM-S and the driver on Linux, against the emulated
-// UEFI environment and the simulated firmware of a described machine. It reads and writes back
-// the flash file and the EC file; what the tool does with the machine is the driver's and the
-// simulator's.
+// zaprom-sim: runs the command-line host ZAPROM-S (or the launcher kobaltApp on a launcher file)
+// and the driver on Linux, against the emulated UEFI environment and the simulated firmware of a
+// described machine. It reads and writes back the flash file and the EC file; what the tool does
+// with the machine is the driver's and the simulator's.
 #include <unistd.h>
 
 #include <cstdio>
@@ -15,10 +15,12 @@
 #include <string>
 #include <vector>
 
+#include "KobaltApp.h"
 #include "Simulator.h"
 #include "UefiEmu.h"
 #include "ZaPromShell.h"
 #include "frame/Frame.h"
+#include "image/Image.h"
 
 namespace {
 
@@ -31,7 +33,8 @@ constexpr int kExitLeak = 5;
 
 const char kUsage[] =
     "usage: zaprom-sim [--machine FILE] [--flash FILE] [--ec FILE] [--volume DIR] [--keys TEXT]\n"
-    "                  [--trace-smi FILE] [--variables FILE] [--] [tool arguments...]\n";
+    "                  [--trace-smi FILE] [--variables FILE] [--] [tool arguments...]\n"
+    "       zaprom-sim [options] --launcher FILE\n";
 
 struct FrontEndOptions {
   std::string machineFile;
@@ -41,6 +44,7 @@ struct FrontEndOptions {
   std::string keys;
   std::string traceFile;
   std::string variablesFile;
+  std::string launcherFile;
   std::vector<std::string> toolArguments;
 };
 
@@ -62,6 +66,7 @@ FrontEndOptions ParseCommandLine(int argc, char** argv) {
       {"--ec", &FrontEndOptions::ecFile},           {"--volume", &FrontEndOptions::volume},
       {"--keys", &FrontEndOptions::keys},
       {"--trace-smi", &FrontEndOptions::traceFile}, {"--variables", &FrontEndOptions::variablesFile},
+      {"--launcher", &FrontEndOptions::launcherFile},
   };
   int i = 1;
   for (; i < argc; ++i) {
@@ -85,6 +90,8 @@ FrontEndOptions ParseCommandLine(int argc, char** argv) {
     if (!known) UsageError("unknown option " + word);
   }
   for (; i < argc; ++i) options.toolArguments.push_back(argv[i]);
+  if (!options.launcherFile.empty() && !options.toolArguments.empty())
+    UsageError("the launcher takes no tool arguments: " + options.toolArguments.front());
   return options;
 }
 
@@ -104,6 +111,8 @@ struct RunEnd {
   sim::Simulator* simulator = nullptr;
   std::ofstream* trace = nullptr;
   emu::Environment* environment = nullptr;
+  // The launcher's status, the first line of the front end's own when it ran.
+  std::string statusLine;
 
   void WriteBack() const {
     if (trace != nullptr) trace->flush();
@@ -126,6 +135,7 @@ struct RunEnd {
     if (simulator == nullptr) return;
     std::fflush(stdout);
     std::printf("\n");
+    if (!statusLine.empty()) std::printf("zaprom-sim: %s\n", statusLine.c_str());
     const std::string clock = simulator->RealTimeClock().WritesSummary();
     if (!clock.empty()) std::printf("zaprom-sim: %s\n", clock.c_str());
     std::printf("zaprom-sim: %s\n", simulator->Summary().c_str());
@@ -160,6 +170,36 @@ bool ReportLiveBlocks(const emu::Environment& environment) {
   return false;
 }
 
+// The launcher's own image: the whole launcher file, as the firmware would have loaded it.
+std::vector<uint8_t> ReadLauncherFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) UsageError("cannot read the launcher file " + path, false);
+  std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  if (bytes.size() > UINT32_MAX) UsageError("the launcher file " + path + " is larger than 4 GB", false);
+  return bytes;
+}
+
+// The shell host as the Shell starts it, with the tool arguments behind its own name.
+EFI_STATUS RunShellHost(emu::Environment& environment, const std::vector<std::string>& toolArguments) {
+  std::vector<std::u16string> arguments = {u"ZAPROM-S.efi"};
+  for (const std::string& argument : toolArguments) {
+    std::u16string wide;
+    // Tool arguments are file names and options: UTF-8 on the host, UCS-2 for the tool.
+    for (size_t i = 0; i < argument.size();) {
+      unsigned char b = static_cast<unsigned char>(argument[i]);
+      uint32_t c = b;
+      size_t extra = b < 0x80 ? 0 : (b & 0xE0) == 0xC0 ? 1 : (b & 0xF0) == 0xE0 ? 2 : 3;
+      if (extra > 0) c = b & (0x3F >> extra);
+      for (size_t k = 1; k <= extra && i + k < argument.size(); ++k) c = (c << 6) | (argument[i + k] & 0x3F);
+      wide += static_cast<char16_t>(c > 0xFFFF ? 0xFFFD : c);
+      i += extra + 1;
+    }
+    arguments.push_back(wide);
+  }
+  EFI_HANDLE host = environment.CreateImageHandle(u"ZAPROM-S.efi", arguments);
+  return ZaPromShellEntry(host, environment.SystemTable());
+}
+
 const char* ResetName(EFI_RESET_TYPE type) {
   switch (type) {
     case EfiResetCold: return "cold reset";
@@ -173,6 +213,8 @@ const char* ResetName(EFI_RESET_TYPE type) {
 
 int main(int argc, char** argv) {
   FrontEndOptions options = ParseCommandLine(argc, argv);
+  std::vector<uint8_t> launcher;
+  if (!options.launcherFile.empty()) launcher = ReadLauncherFile(options.launcherFile);
 
   sim::Machine machine;
   std::vector<uint8_t> flash;
@@ -274,25 +316,19 @@ int main(int argc, char** argv) {
   };
   emu::SetPlatformBackend(backend);
 
-  environment.RegisterLinkedImage(u"kobalt.efi", KobaltDriverEntry);
-  std::vector<std::u16string> arguments = {u"ZAPROM-S.efi"};
-  for (const std::string& argument : options.toolArguments) {
-    std::u16string wide;
-    // Tool arguments are file names and options: UTF-8 on the host, UCS-2 for the tool.
-    for (size_t i = 0; i < argument.size();) {
-      unsigned char b = static_cast<unsigned char>(argument[i]);
-      uint32_t c = b;
-      size_t extra = b < 0x80 ? 0 : (b & 0xE0) == 0xC0 ? 1 : (b & 0xF0) == 0xE0 ? 2 : 3;
-      if (extra > 0) c = b & (0x3F >> extra);
-      for (size_t k = 1; k <= extra && i + k < argument.size(); ++k) c = (c << 6) | (argument[i + k] & 0x3F);
-      wide += static_cast<char16_t>(c > 0xFFFF ? 0xFFFD : c);
-      i += extra + 1;
-    }
-    arguments.push_back(wide);
+  // A driver handed to LoadImage in a buffer brings its slot chain into the linked driver's.
+  environment.RegisterLinkedImage(u"kobalt.efi", KobaltDriverEntry, const_cast<UINT8*>(DriverSlotChain()),
+                                  DriverSlotChainSize());
+  EFI_STATUS status = EFI_SUCCESS;
+  if (!options.launcherFile.empty()) {
+    EFI_HANDLE host = environment.CreateImageHandle(u"kobaltApp.efi", {});
+    status = KobaltAppMain(host, environment.SystemTable(), {launcher.data(), static_cast<UINT32>(launcher.size())});
+    char line[64];
+    std::snprintf(line, sizeof line, "kobaltApp returned 0x%llX", static_cast<unsigned long long>(status));
+    runEnd.statusLine = line;
+  } else {
+    status = RunShellHost(environment, options.toolArguments);
   }
-  EFI_HANDLE host = environment.CreateImageHandle(u"ZAPROM-S.efi", arguments);
-
-  EFI_STATUS status = ZaPromShellEntry(host, environment.SystemTable());
   std::fflush(stdout);
   runEnd.WriteBack();
   runEnd.PrintSummary();

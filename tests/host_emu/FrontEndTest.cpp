@@ -41,6 +41,8 @@ TEST(ZaPromSim, MisuseOfTheFrontEndEndsWithStatusTwoAndSaysWhy) {
       {"--keys '{F1'", "zaprom-sim: --keys: unclosed '{' in the keys at character 1"},
       {"--machine broken.json", "zaprom-sim: broken.json: "},
       {"--ec short-ec.bin", "zaprom-sim: the EC file short-ec.bin: EC content is 10 bytes but the machine's EC holds 131072\n"},
+      {"--launcher missing.efi", "zaprom-sim: cannot read the launcher file missing.efi"},
+      {"--launcher broken.json -- -h", "zaprom-sim: the launcher takes no tool arguments: -h"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.arguments);
