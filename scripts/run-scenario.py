@@ -368,8 +368,9 @@ def run_qemu(scenario, build, folder, alter):
     script = os.path.join(folder, "startup.nsh")
     boot = scenario.get("launcher", {}).get("boot", "shell")
     if boot == "firmware":
-        # The firmware's boot manager starts the launcher from the stick; once it returns, the
-        # boot manager goes on to its built-in Shell, which ends the run.
+        # The firmware's boot manager starts the launcher from the stick. Its next line after the
+        # launcher returns ends the run (converse stops QEMU there); should a boot option follow
+        # all the same, the built-in Shell's startup.nsh switches the machine off.
         command = "echo %s" % END_MARK
         copies = [(os.path.join(folder, "kobaltApp.efi"), "::/EFI/BOOT/BOOTIA32.EFI")]
     elif "launcher" in scenario:

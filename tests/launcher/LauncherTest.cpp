@@ -144,9 +144,9 @@ TEST(Launcher, EachFailurePrintsItsLinesAndReturnsItsStatus) {
       {"no directory", Launcher(driver), {.directory = false}, failed, EFI_UNSUPPORTED, {"unloaded"}},
       {"update failed", Launcher(driver), {.main = false}, failed, EFI_UNSUPPORTED, closing},
       {"update done", Launcher(driver), {}, "", EFI_SUCCESS, closing},
-      {"unload fails after the update", Launcher(driver), {.unload = EFI_DEVICE_ERROR}, "UnloadImage() Failed! Device Error\r\n", EFI_DEVICE_ERROR, closing},
-      {"unload fails with a status without a name", Launcher(driver), {.main = false, .unload = EfiError(0x30)},
-       "UnloadImage() Failed! " + std::string(sizeof(EFI_STATUS) == 8 ? "8000000000000030" : "80000030") + "\r\n", EfiError(0x30), closing},
+      {"unload fails after the update", Launcher(driver), {.unload = EFI_PROTOCOL_ERROR}, "UnloadImage() Failed! Protocol Error\r\n", EFI_PROTOCOL_ERROR, closing},
+      {"unload fails with a status without a name", Launcher(driver), {.main = false, .unload = EfiError(25)},
+       "UnloadImage() Failed! " + std::string(sizeof(EFI_STATUS) == 8 ? "8000000000000019" : "80000019") + "\r\n", EfiError(25), closing},
   };
   for (const Row& row : rows) {
     behaviour = row.behaviour;

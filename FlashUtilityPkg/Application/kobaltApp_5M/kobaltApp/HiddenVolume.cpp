@@ -53,11 +53,12 @@ VOID ComposeBiosImageTag(volatile UINT8* tag) {
   tag[0] = kTagMark;
 }
 
-// The first tag in the driver, at offsets 0 to size minus 17, ascending.
+// The first tag in the driver, ascending. A tag whose slot header would not end inside the
+// driver has no data to look at, so the search stops where a header no longer fits.
 Bool FindBiosImageTag(const UINT8* driver, UINT32 size, UINT32* offset) {
   UINT8 tag[kTagBytes];
   ComposeBiosImageTag(tag);
-  for (UINT32 at = 0; size > kTagBytes && at <= size - kTagBytes - 1; at++) {
+  for (UINT32 at = 0; size >= kSlotHeaderBytes && at <= size - kSlotHeaderBytes; at++) {
     if (SameBytes(driver + at, tag, kTagBytes)) {
       *offset = at;
       return true;
@@ -168,7 +169,7 @@ Bool CopyDriverImage(ImageView driver, UINT8** copy) {
   }
   CopyBytes(bytes, driver.data, driver.length);
   UINT32 tag = 0;
-  if (!FindBiosImageTag(bytes, driver.length, &tag) || tag + kSlotHeaderBytes > driver.length) {
+  if (!FindBiosImageTag(bytes, driver.length, &tag)) {
     *copy = bytes;
     return true;
   }

@@ -45,7 +45,8 @@ VOID PutText(Line& line, const CHAR16* text) {
   }
 }
 
-// A status without a name shows as at least eight upper-case hex digits of its native width.
+// A status without a name shows as the upper-case hex digits of its native width, as "%08X"
+// shows the failed statuses that the launcher prints, whose top bit is set.
 VOID PutStatus(Line& line, EFI_STATUS status) {
   if (status < kWarningCount) {
     PutText(line, kWarningTexts[status]);
@@ -56,13 +57,9 @@ VOID PutStatus(Line& line, EFI_STATUS status) {
     PutText(line, kErrorTexts[code - 1]);
     return;
   }
-  Bool started = false;
   for (int shift = (int)(sizeof(EFI_STATUS) * 8) - 4; shift >= 0; shift -= 4) {
     UINTN nibble = (status >> shift) & 0xF;
-    started = started || nibble != 0 || shift < 32;
-    if (started) {
-      Put(line, (CHAR16)(nibble < 10 ? u'0' + nibble : u'A' + (nibble - 10)));
-    }
+    Put(line, (CHAR16)(nibble < 10 ? u'0' + nibble : u'A' + (nibble - 10)));
   }
 }
 
