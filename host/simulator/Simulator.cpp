@@ -461,7 +461,6 @@ const std::vector<std::pair<uint8_t, uint8_t>>& Simulator::UpdateBrackets() cons
 const std::vector<CapsuleReceived>& Simulator::Capsules() const { return state_->capsules; }
 FlashCounters Simulator::Counters() const { return state_->flash.Counters(); }
 const std::vector<uint8_t>& Simulator::Ec() const { return state_->ec.Content(); }
-EcCounters Simulator::EcCounts() const { return state_->ec.Counters(); }
 
 std::string Simulator::Summary() const {
   std::string text = SummaryText(Counters());

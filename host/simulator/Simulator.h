@@ -236,9 +236,8 @@ class Simulator {
   // Function 1Ah calls in order: (action from CL, status from CH).
   const std::vector<std::pair<uint8_t, uint8_t>>& UpdateBrackets() const;
   FlashCounters Counters() const;
-  // The EC's content and what functions 20h and 49h went through.
+  // The EC's content.
   const std::vector<uint8_t>& Ec() const;
-  EcCounters EcCounts() const;
   // The flash summary, and behind it what the EC and the factory copy restore saw, if anything.
   std::string Summary() const;
   // The CMOS clock: a front end hands it the run's clock, a test reads what the tool wrote.

@@ -78,23 +78,28 @@ TEST(EcScenarios, TheEcEndsAsTheImageOnEveryRoadThatWritesIt) {
     std::vector<std::string> options;
     bool biosWritten, ecWritten;
     std::string summary;  // the EC's part of the summary line; empty: no 20h reached the EC
+    const char* trace;    // the line that tells how the EC goes after the BIOS; empty: none
   };
   const Row rows[] = {
-      {"-ec: one call", "", "", ec, {"-ec"}, false, true, "; EC: 1 blocks received, 1 written\n"},
-      {"-ecp: block by block", "", "", ec, {"-ecp"}, false, true, "; EC: 2 blocks received, 2 written\n"},
-      {"-ecb: the BIOS, then the EC in one call", "", "", Merged(ec, bios), {"-ecb"}, true, true, "; EC: 1 blocks received, 1 written\n"},
-      {"-ecbp: the BIOS, then the EC block by block", "", "", Merged(ec, bios), {"-ecbp"}, true, true, "; EC: 2 blocks received, 2 written\n"},
-      {"-eob: only the BIOS", "", "", Merged(ec, bios), {"-eob"}, true, false, ""},
+      {"-ec: one call", "", "", ec, {"-ec"}, false, true, "; EC: 1 blocks received, 1 written\n", ""},
+      {"-ecp: block by block", "", "", ec, {"-ecp"}, false, true, "; EC: 2 blocks received, 2 written\n", ""},
+      {"-ecb: the BIOS, then the EC in one call", "", "", Merged(ec, bios), {"-ecb"}, true, true, "; EC: 1 blocks received, 1 written\n", " Command -ecb\r\n"},
+      {"-ecbp: the BIOS, then the EC block by block", "", "", Merged(ec, bios), {"-ecbp"}, true, true, "; EC: 2 blocks received, 2 written\n", " Command -ecbp\r\n"},
+      {"-eob: only the BIOS", "", "", Merged(ec, bios), {"-eob"}, true, false, "", ""},
       {"the finish action rides on the last block", acer, action20h, Merged(ec, bios), {"-ecbp"}, true, true,
-       "; EC: 2 blocks received, 2 written, finish action shutdown\n"},
+       "; EC: 2 blocks received, 2 written, finish action shutdown\n", " Command -ecbp\r\n"},
       {"a 20h that fails half-way leaves the run good", R"({"faults": {"20h": {"code": "0x25", "after": 10}}})",
-       "[UpdateEC]\r\nEC_BlockSize=4\r\n", Merged(ec, bios), {"-ecbp"}, true, false, "; EC: 10 blocks received, 0 written\n"},
-      {"a secure image's EC on a legacy platform", "", "", zimage::WrapSecure(bios, ec, {}), {}, true, true, "; EC: 2 blocks received, 2 written\n"},
-      {"a secure platform takes the EC with the capsule", R"({"capsule": {"secure": true}})", "", zimage::WrapSecure(bios, ec, {}), {}, false, false, ""},
+       "[UpdateEC]\r\nEC_BlockSize=4\r\n", Merged(ec, bios), {"-ecbp"}, true, false, "; EC: 10 blocks received, 0 written\n", " Command -ecbp\r\n"},
+      {"a secure image's EC on a legacy platform", "", "", zimage::WrapSecure(bios, ec, {}), {}, true, true, "; EC: 2 blocks received, 2 written\n", " ProgressBar=1\r\n"},
+      {"Progress_Bar=0 writes a secure image's EC in one call", "", "[UpdateEC]\r\nProgress_Bar=0\r\n",
+       zimage::WrapSecure(bios, ec, {}), {}, true, true, "; EC: 1 blocks received, 1 written\n", " ProgressBar=0\r\n"},
+      {"a secure platform takes the EC with the capsule", R"({"capsule": {"secure": true}})", "", zimage::WrapSecure(bios, ec, {}), {}, false, false, "", ""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    SimResult result = RunEc(row.machine, row.file, row.options, row.ini);
+    std::vector<std::string> options = row.options;
+    options.push_back("-dbg");
+    SimResult result = RunEc(row.machine, row.file, options, row.ini);
     ASSERT_EQ(result.exitCode, 0) << result.console << result.errors;
     EXPECT_EQ(FirstDifference(result.flash, row.biosWritten ? bios : Flash()), std::string::npos);
     EXPECT_EQ(FirstDifference(result.ec, row.ecWritten ? ec : kErased), std::string::npos);
@@ -113,6 +118,8 @@ TEST(EcScenarios, TheEcEndsAsTheImageOnEveryRoadThatWritesIt) {
     EXPECT_EQ(firstEc != order.end(), !row.summary.empty());
     EXPECT_TRUE(std::find(firstEc, order.end(), "15h") == order.end());
     EXPECT_EQ(row.biosWritten, std::find(order.begin(), order.end(), "15h") != order.end());
+    for (const char* line : {" Command -ecb\r\n", " Command -ecbp\r\n", " ProgressBar=1\r\n", " ProgressBar=0\r\n"})
+      EXPECT_EQ(result.log.find(line) != std::string::npos, std::string(line) == row.trace) << line;
   }
 }
 

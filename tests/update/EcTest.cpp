@@ -150,6 +150,18 @@ TEST_F(Ec, EachBlockCarriesItsNumberAndTheLastWrittenOneTheEndMark) {
   }
 }
 
+// A block is a slice of the staged image: one that would reach past the EC buffer, or a write
+// without the buffer, is refused before the firmware hears of it.
+TEST_F(Ec, ABlockNeverReachesPastTheEcBuffer) {
+  for (const bool reserved : {true, false}) {
+    Start("");
+    if (reserved) ASSERT_TRUE(ReserveEcBuffer());
+    EXPECT_FALSE(SMI_WriteEc(reserved ? 32 : 0, 0x10000, true)) << reserved;
+    EXPECT_TRUE(SmiCallsOf(0x20).empty()) << reserved;
+    EXPECT_NE(Log().find("<=== SMI_WriteEc (EC block past the EC buffer)"), std::string::npos) << reserved;
+  }
+}
+
 TEST_F(Ec, AFailing20hStopsTheWriteWhereItFailed) {
   Start("SMIErrorRetry=1\n");
   ASSERT_TRUE(ReserveEcBuffer());

@@ -219,9 +219,6 @@ Bool ParseEcPartInfo(UINT8 index, const UINT8* record) {
   return true;
 }
 
-const UINT32* EcPartInfo() { return gEc.partInfo; }
-UINT32 EcPartCount() { return gEc.partCount; }
-
 Bool FuncOblis_21h(UINT32 size) {
   TraceScope trace(kFuncOblis21h);
   UINT8 record[kEcInfoRecordBytes] = {};

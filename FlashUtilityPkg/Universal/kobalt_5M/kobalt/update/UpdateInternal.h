@@ -35,9 +35,6 @@ constexpr UINT32 kEcPartLimit = 10;
 constexpr UINT8 kEcSizeIndexUnknown = 0xFF;  // no index of the table: the answer carries parts
 Bool Oblis_21h(UINT32 size, UINT8* index, UINT8* record);
 Bool ParseEcPartInfo(UINT8 index, const UINT8* record);
-// The part sizes of the last ParseEcPartInfo and how many of them count.
-const UINT32* EcPartInfo();
-UINT32 EcPartCount();
 // One EC write block by block: the block size, which blocks are skipped, how many there are and
 // which written block goes last.
 struct EcBlockPlan {
