@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """One scenario, two platforms: runs a scenario through zaprom-sim and through the IA32 binaries
-on OVMF in QEMU (the driver's bridge variant, answered by oblis-bridge with the same machine and
-flash), then compares what both left: the flash, ZAPROM.Log, the SMI trace, the console text,
-the flash summary, the exit status and any files the scenario names.
+on OVMF in QEMU (the driver's bridge variant, answered by oblis-bridge with the same machine,
+flash and EC), then compares what both left: the flash, the EC, ZAPROM.Log, the SMI trace, the
+console text, the flash summary, the exit status and any files the scenario names.
 
 usage: run-scenario.py --build BUILD_DIR [--platform both|sim|qemu] [--work DIR]
                        [--alter-start-flash sim|qemu] SCENARIO.json
@@ -12,6 +12,8 @@ A scenario is a JSON file; paths in it count from its own folder:
   machine_changes  keys laid over the machine file's, as in a machine file
   flash       the starting flash: {"image": DESCRIPTION} built by zaprom-image, or {"file": PATH};
               left out: the machine's own default content
+  ec          the machine's EC is kept in a file and compared: {} starts it erased, {"file": PATH}
+              with that content; left out: the EC is neither kept nor compared
   volume      files put on the tool's volume: {NAME: {"image": DESCRIPTION} or {"file": PATH}};
               a NAME may hold folders ("EFI/Dovrin/kobalts.bin")
   arguments   the tool's arguments
@@ -74,7 +76,8 @@ def load_scenario(path):
     with open(path) as f:
         scenario = json.load(f)
     base = os.path.dirname(os.path.abspath(path))
-    known = {"description", "machine", "machine_changes", "flash", "volume", "arguments", "keys", "fetch", "launcher"}
+    known = {"description", "machine", "machine_changes", "flash", "ec", "volume", "arguments", "keys", "fetch",
+             "launcher"}
     unknown = set(scenario) - known
     if unknown:
         raise Failure("%s: unknown keys %s" % (path, ", ".join(sorted(unknown))))
@@ -124,12 +127,21 @@ def run(command, what, **kwargs):
     return result
 
 
+def ec_arguments(scenario, folder):
+    """The EC file of a scenario that keeps its machine's EC, with its starting content."""
+    if "ec" not in scenario:
+        return []
+    return ["--ec", os.path.join(folder, "ec.bin")]
+
+
 def prepare(scenario, build, folder, alter):
-    """The starting flash and the volume's files in folder; returns the flash file's path."""
+    """The starting flash and EC and the volume's files in folder; returns the flash file's path."""
     os.makedirs(os.path.join(folder, "volume"), exist_ok=True)
     flash = os.path.join(folder, "flash.bin")
     if "flash" in scenario:
         materialise(scenario["flash"], flash, scenario, build)
+    if scenario.get("ec"):
+        materialise(scenario["ec"], os.path.join(folder, "ec.bin"), scenario, build)
     if alter:
         if not os.path.exists(flash):
             raise Failure("--alter-start-flash needs a scenario with a starting flash")
@@ -282,8 +294,8 @@ def run_sim(scenario, build, folder, alter):
     flash = prepare(scenario, build, folder, alter)
     # The same folders as on the QEMU disk, where the Shell boots from \EFI\BOOT.
     os.makedirs(os.path.join(folder, "volume", "EFI", "BOOT"))
-    command = [os.path.join(build, "zaprom-sim")] + machine_arguments(scenario, folder) + [
-        "--flash", flash, "--volume", os.path.join(folder, "volume"),
+    command = [os.path.join(build, "zaprom-sim")] + machine_arguments(scenario, folder) + ec_arguments(
+        scenario, folder) + ["--flash", flash, "--volume", os.path.join(folder, "volume"),
         "--trace-smi", os.path.join(folder, "smi.jsonl")] + (
         ["--keys", "".join(k["send"] for k in scenario["keys"])] if "keys" in scenario else []) + (
         ["--launcher", os.path.join(folder, "kobaltApp.efi")] if "launcher" in scenario else
@@ -308,7 +320,8 @@ def run_sim(scenario, build, folder, alter):
     console = render(raw[:own.start()] if own else raw)
     _, summary = split_summary(plain(raw[own.start():]) if own else "", "zaprom-sim: ")
     return {"status": status, "console": console, "summary": summary, "flash": flash,
-            "volume": os.path.join(folder, "volume"), "trace": os.path.join(folder, "smi.jsonl")}
+            "ec": os.path.join(folder, "ec.bin"), "volume": os.path.join(folder, "volume"),
+            "trace": os.path.join(folder, "smi.jsonl")}
 
 
 def shell_binary(build):
@@ -390,7 +403,7 @@ def run_qemu(scenario, build, folder, alter):
     trace = os.path.join(folder, "smi.jsonl")
     bridge_err = open(os.path.join(folder, "bridge.err"), "wb")
     bridge = subprocess.Popen([os.path.join(build, "oblis-bridge"), "--shared-memory", shared, "--flash", flash,
-                               "--trace-smi", trace] + machine_arguments(scenario, folder),
+                               "--trace-smi", trace] + machine_arguments(scenario, folder) + ec_arguments(scenario, folder),
                               stdout=subprocess.PIPE, stderr=bridge_err)
     if not bridge.stdout.readline().startswith(b"oblis-bridge: ready"):
         bridge.wait()
@@ -430,8 +443,9 @@ def run_qemu(scenario, build, folder, alter):
         mtools("mcopy", disk, "-o", "::/" + name, os.path.join(volume, name))
     _, summary = split_summary(summary_text, "oblis-bridge: ")
     figures = open(bridge_err.name, errors="replace").read().strip()
-    return {"status": status, "console": console, "summary": summary, "flash": flash, "volume": volume,
-            "trace": trace, "seconds": seconds, "figures": figures}
+    return {"status": status, "console": console, "summary": summary, "flash": flash,
+            "ec": os.path.join(folder, "ec.bin"), "volume": volume, "trace": trace, "seconds": seconds,
+            "figures": figures}
 
 
 def shell_console(raw, power_lost):
@@ -598,6 +612,8 @@ def compare(scenario, sim, qemu):
     if sim["status"] != qemu["status"]:
         differences.append("exit status: zaprom-sim %d, QEMU %d" % (sim["status"], qemu["status"]))
     compare_files("flash", sim["flash"], qemu["flash"], differences)
+    if "ec" in scenario:
+        compare_files("EC", sim["ec"], qemu["ec"], differences)
     for name in scenario.get("fetch", []):
         compare_files(name, os.path.join(sim["volume"], name), os.path.join(qemu["volume"], name), differences)
     if sim["summary"] != qemu["summary"]:

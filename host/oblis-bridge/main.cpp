@@ -1,9 +1,9 @@
 // oblis-bridge: the firmware simulator beside a virtual machine. The bridge variant of the driver
 // (kobalt-bridge.efi) hands each SMI transaction to this program through a shared-memory device
 // (QEMU's ivshmem-plain over a file both map). The simulator answers as it does under zaprom-sim,
-// with the same machine file, flash file and trace, and reaches the guest's buffers by asking
-// the guest for them. The flash file is written back when the run ends (SIGTERM or SIGINT, sent
-// once QEMU has finished).
+// with the same machine file, flash file, EC file and trace, and reaches the guest's buffers by
+// asking the guest for them. The flash and EC files are written back when the run ends (SIGTERM
+// or SIGINT, sent once QEMU has finished).
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -41,7 +41,7 @@ constexpr size_t kWindowBytes = kSharedBytes - kWindowOffset;
 constexpr size_t kSequence = 0, kKind = 4, kAddress = 8, kLength = 12, kFrame = 16;
 
 const char kUsage[] =
-    "usage: oblis-bridge --shared-memory FILE [--machine FILE] [--flash FILE] [--trace-smi FILE]\n"
+    "usage: oblis-bridge --shared-memory FILE [--machine FILE] [--flash FILE] [--ec FILE] [--trace-smi FILE]\n"
     "  Creates FILE (1 MB) for QEMU's -object memory-backend-file,share=on,mem-path=FILE,size=1M\n"
     "  -device ivshmem-plain and answers the SMI transactions of kobalt-bridge.efi until SIGTERM.\n";
 
@@ -49,6 +49,7 @@ struct Options {
   std::string sharedFile;
   std::string machineFile;
   std::string flashFile;
+  std::string ecFile;
   std::string traceFile;
 };
 
@@ -68,6 +69,7 @@ Options ParseCommandLine(int argc, char** argv) {
   const Valued valued[] = {{"--shared-memory", &Options::sharedFile},
                            {"--machine", &Options::machineFile},
                            {"--flash", &Options::flashFile},
+                           {"--ec", &Options::ecFile},
                            {"--trace-smi", &Options::traceFile}};
   for (int i = 1; i < argc; ++i) {
     std::string word = argv[i];
@@ -166,6 +168,8 @@ int main(int argc, char** argv) {
   if (!sim::LoadMachineAndFlash(options.machineFile, options.flashFile, machine, flash, loadError)) Fail(loadError);
   std::string flashProblem = sim::ValidateFlashContent(machine, flash);
   if (!flashProblem.empty()) Fail(flashProblem);
+  std::vector<uint8_t> ec;
+  if (!sim::LoadEcContent(machine, options.ecFile, ec, loadError)) Fail(loadError);
 
   std::unique_ptr<std::ofstream> trace;
   if (!options.traceFile.empty()) {
@@ -187,16 +191,19 @@ int main(int argc, char** argv) {
   memory.write = [&line](uint32_t address, const void* data, uint32_t length) {
     return line.Memory('W', address, const_cast<uint8_t*>(static_cast<const uint8_t*>(data)), length);
   };
-  sim::Simulator simulator(machine, std::move(flash), memory);
+  sim::Simulator simulator(machine, std::move(flash), memory, std::move(ec));
   if (trace) simulator.SetTrace(trace.get());
 
+  auto save = [](const std::string& file, const std::vector<uint8_t>& content, const char* what) {
+    if (file.empty()) return;
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
+    if (!out) std::fprintf(stderr, "oblis-bridge: cannot write the %s file %s\n", what, file.c_str());
+  };
   auto writeBack = [&] {
     if (trace) trace->flush();
-    if (options.flashFile.empty()) return;
-    std::ofstream out(options.flashFile, std::ios::binary | std::ios::trunc);
-    const std::vector<uint8_t>& content = simulator.Flash();
-    out.write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
-    if (!out) std::fprintf(stderr, "oblis-bridge: cannot write the flash file %s\n", options.flashFile.c_str());
+    save(options.flashFile, simulator.Flash(), "flash");
+    save(options.ecFile, simulator.Ec(), "EC");
   };
   using Clock = std::chrono::steady_clock;
   const Clock::time_point start = Clock::now();
@@ -204,7 +211,7 @@ int main(int argc, char** argv) {
   uint64_t transactions = 0;
   auto figures = [&] {
     auto seconds = [](Clock::duration d) { return std::chrono::duration<double>(d).count(); };
-    std::printf("oblis-bridge: %s\n", sim::SummaryText(simulator.Counters()).c_str());
+    std::printf("oblis-bridge: %s\n", simulator.Summary().c_str());
     std::fprintf(stderr,
                  "oblis-bridge: %llu transactions, %llu bytes to the guest, %llu from it, %.2f s in transactions"
                  " of %.2f s\n",

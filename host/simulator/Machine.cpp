@@ -284,10 +284,11 @@ void ReadFaults(const json& value, Machine& m) {
       return true;
     }
     const uint8_t function = ReadFunctionNumber(json(name), key);
-    OnlyKeys(v, key, {"code", "times"});
+    OnlyKeys(v, key, {"code", "times", "after"});
     Fault fault;
     fault.code = ReadU8(Member(v, key, "code"), key + ".code");
     if (v.contains("times")) fault.times = ReadU32(v.at("times"), key + ".times");
+    if (v.contains("after")) fault.after = ReadU32(v.at("after"), key + ".after");
     m.faults[function] = fault;
     return true;
   });
@@ -310,6 +311,44 @@ void ReadCapsule(const json& value, Machine& m) {
     else if (name == "action") m.capsule.action = ReadU8(v, key);
     else if (name == "extra") m.capsule.extra = v.is_null() ? std::nullopt : std::optional<uint8_t>(ReadU8(v, key));
     else return false;
+    return true;
+  });
+}
+
+// The EC's size is an index of 21h's table or a list of parts; the parts may be more than the
+// ten the tool keeps, so that a machine can test that limit, and hold at most 16 MB together.
+constexpr size_t kEcPartsLimit = 16;
+constexpr uint64_t kEcSizeLimit = 0x1000000;
+
+void ReadEc(const json& value, Machine& m) {
+  bool indexGiven = false;
+  ForEachMember(value, "ec", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name == "size_index") {
+      m.ec.sizeIndex = static_cast<uint8_t>(ReadNumber(v, key, 5));
+      indexGiven = true;
+    } else if (name == "parts") {
+      m.ec.parts.clear();
+      uint64_t total = 0;
+      ReadArray(v, key, [&](const json& item, const std::string& path) {
+        m.ec.parts.push_back(ReadU32(item, path));
+        total += m.ec.parts.back();
+      });
+      if (m.ec.parts.empty() || m.ec.parts.size() > kEcPartsLimit) Refuse(key, "expected 1 to 16 part sizes");
+      if (total == 0 || total > kEcSizeLimit) Refuse(key, "the parts together hold 1 byte to 16 MB");
+    } else if (name == "part_signature") {
+      m.ec.partSignature = ReadText(v, key, 8);
+      if (m.ec.partSignature.size() != 8) Refuse(key, "a signature is 8 characters");
+    } else return false;
+    return true;
+  });
+  if (indexGiven && !m.ec.parts.empty()) Refuse("ec", "give size_index or parts, not both");
+}
+
+void ReadFactoryCopy(const json& value, Machine& m) {
+  m.factoryCopy = 0;
+  ForEachMember(value, "factory_copy", [&](const std::string& name, const json& v, const std::string& key) {
+    if (name != "status") return false;
+    m.factoryCopy = ReadU16(v, key);
     return true;
   });
 }
@@ -490,6 +529,8 @@ void ReadTop(const json& document, Machine& m) {
     else if (name == "power_cut_after_writes") m.powerCutAfterWrites = ReadU32(v, key);
     else if (name == "me") ReadMe(v, m);
     else if (name == "capsule") ReadCapsule(v, m);
+    else if (name == "ec") ReadEc(v, m);
+    else if (name == "factory_copy") ReadFactoryCopy(v, m);
     else if (IsConversationKey(name)) {
       const std::string problem = ReadConversationKey(name, v, m.conversation);
       if (!problem.empty()) throw BadValue{problem};
@@ -562,31 +603,47 @@ bool ParseMachine(const std::string& jsonText, Machine& machine, std::string& er
 
 namespace sim {
 
+namespace {
+
+bool ReadWholeFile(const std::string& path, std::string& content) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  std::stringstream text;
+  text << in.rdbuf();
+  content = text.str();
+  return !in.bad();
+}
+
+}  // namespace
+
 bool LoadMachineAndFlash(const std::string& machineFile, const std::string& flashFile, Machine& machine,
                          std::vector<uint8_t>& flash, std::string& error) {
-  auto readWhole = [](const std::string& path, std::string& content) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    std::stringstream text;
-    text << in.rdbuf();
-    content = text.str();
-    return !in.bad();
-  };
   machine = DefaultMachine();
   flash.clear();
   if (!machineFile.empty()) {
     std::string text, parseError;
-    if (!readWhole(machineFile, text)) return error = "cannot read the machine file " + machineFile, false;
+    if (!ReadWholeFile(machineFile, text)) return error = "cannot read the machine file " + machineFile, false;
     if (!ParseMachine(text, machine, parseError)) return error = machineFile + ": " + parseError, false;
   }
   if (!flashFile.empty() && std::filesystem::exists(flashFile)) {
     std::string content;
-    if (!readWhole(flashFile, content)) return error = "cannot read the flash file " + flashFile, false;
+    if (!ReadWholeFile(flashFile, content)) return error = "cannot read the flash file " + flashFile, false;
     flash.assign(content.begin(), content.end());
     // A file of the wrong size is the user's fault, told in words before any simulator is made.
     const std::string problem = ValidateFlashContent(machine, flash);
     if (!problem.empty()) return error = "the flash file " + flashFile + ": " + problem, false;
   }
+  return true;
+}
+
+bool LoadEcContent(const Machine& machine, const std::string& ecFile, std::vector<uint8_t>& ec, std::string& error) {
+  ec.clear();
+  if (ecFile.empty() || !std::filesystem::exists(ecFile)) return true;
+  std::string content;
+  if (!ReadWholeFile(ecFile, content)) return error = "cannot read the EC file " + ecFile, false;
+  ec.assign(content.begin(), content.end());
+  const std::string problem = ValidateEcContent(machine, ec);
+  if (!problem.empty()) return error = "the EC file " + ecFile + ": " + problem, false;
   return true;
 }
 

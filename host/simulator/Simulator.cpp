@@ -77,6 +77,7 @@ struct Simulator::State {
   std::map<uint16_t, uint8_t> ports;  // bytes of ports with a value behind them; all others read 0xFF
   Rtc rtc;                            // ports 0x70 and 0x71
   std::map<uint8_t, uint32_t> faultsFired;
+  std::map<uint8_t, uint32_t> faultCalls;  // calls of each function with a fault, fired or not
   std::vector<uint8_t> callLog;
   std::optional<std::vector<uint8_t>> lastFinish;
   std::vector<uint32_t> hookPoints;
@@ -87,11 +88,12 @@ struct Simulator::State {
   std::optional<FlashAccess> flashAccess;  // set by a function that touches the flash
   bool capsuleReceived = false;            // set by a 48h that took an image, for its trace line
   ConversationState conversationState;
-  nlohmann::ordered_json received;  // what 19h, 1Bh, 44h or 45h read, for its trace line
+  EcService ec;
+  nlohmann::ordered_json received;  // what 19h, 1Bh, 20h, 21h, 44h, 45h or 49h read, for its trace line
 
-  State(Machine m, std::vector<uint8_t> content, MemoryAccess access)
+  State(Machine m, std::vector<uint8_t> content, MemoryAccess access, std::vector<uint8_t> ecContent)
       : machine(std::move(m)), flash(machine, std::move(content)), memory(std::move(access)),
-        legacy(BuildLegacyArea(machine)), rtc(machine.rtc) {
+        legacy(BuildLegacyArea(machine)), rtc(machine.rtc), ec(machine.ec, std::move(ecContent)) {
     for (const IoPortValue& port : machine.ioPorts) {
       for (uint32_t i = 0; i < port.width; ++i) ports[static_cast<uint16_t>(port.port + i)] = static_cast<uint8_t>(port.value >> (8 * i));
     }
@@ -120,6 +122,7 @@ struct Simulator::State {
   Answer WriteFlash(const OblisRegisters& in);
   Answer ExternalMaps(const OblisRegisters& in);
   Answer Capsule(const OblisRegisters& in);
+  Answer EcFunction(uint8_t function, const OblisRegisters& in);
   bool FaultFires(uint8_t function, uint8_t& code);
   void Trace(uint8_t function, const OblisRegisters& in, const OblisRegisters& out);
 };
@@ -262,6 +265,17 @@ Answer Simulator::State::Capsule(const OblisRegisters& in) {
   return {answer.status, {}, (in.ecx & 0xFFFFFF00u) | *answer.cl};
 }
 
+Answer Simulator::State::EcFunction(uint8_t function, const OblisRegisters& in) {
+  const EcRead read = [this](uint32_t address, void* out, uint32_t length) { Read(address, out, length); };
+  const EcWrite write = [this](uint32_t address, const void* data, uint32_t length) { Write(address, data, length); };
+  EcAnswer answer = function == 0x21   ? ec.Size(in, read, write)
+                    : function == 0x20 ? ec.Block(in, read)
+                                       : ec.FactoryCopy(machine.factoryCopy, in, read, write);
+  received = std::move(answer.received);
+  if (!answer.cl) return {answer.status, {}, {}};
+  return {answer.status, {}, (in.ecx & 0xFFFFFF00u) | *answer.cl};
+}
+
 Answer Simulator::State::Dispatch(uint8_t function, const OblisRegisters& in) {
   switch (function) {
     case 0x10: return PlatformStatus(in);
@@ -281,6 +295,9 @@ Answer Simulator::State::Dispatch(uint8_t function, const OblisRegisters& in) {
       hookPoints.push_back(in.ecx);
       return {};
     case 0x48: return Capsule(in);
+    case 0x20:
+    case 0x21:
+    case 0x49: return EcFunction(function, in);
     case 0x19:
     case 0x1B:
     case 0x44:
@@ -299,6 +316,7 @@ Answer Simulator::State::Dispatch(uint8_t function, const OblisRegisters& in) {
 bool Simulator::State::FaultFires(uint8_t function, uint8_t& code) {
   auto fault = machine.faults.find(function);
   if (fault == machine.faults.end()) return false;
+  if (++faultCalls[function] <= fault->second.after) return false;
   uint32_t& fired = faultsFired[function];
   if (fault->second.times && fired >= *fault->second.times) return false;
   ++fired;
@@ -328,11 +346,14 @@ void Simulator::State::Trace(uint8_t function, const OblisRegisters& in, const O
   trace->flush();
 }
 
-Simulator::Simulator(Machine machine, std::vector<uint8_t> flash, MemoryAccess memory) : state_(nullptr) {
-  const std::string problem = ValidateFlashContent(machine, flash);
+Simulator::Simulator(Machine machine, std::vector<uint8_t> flash, MemoryAccess memory, std::vector<uint8_t> ec)
+    : state_(nullptr) {
+  std::string problem = ValidateFlashContent(machine, flash);
+  if (problem.empty()) problem = ValidateEcContent(machine, ec);
   if (!problem.empty()) throw std::invalid_argument(problem);
   if (flash.empty()) flash = DefaultFlashContent(machine);
-  state_ = new State(std::move(machine), std::move(flash), std::move(memory));
+  if (ec.empty()) ec = DefaultEcContent(machine);
+  state_ = new State(std::move(machine), std::move(flash), std::move(memory), std::move(ec));
 }
 
 Simulator::~Simulator() { delete state_; }
@@ -439,6 +460,25 @@ const std::vector<uint32_t>& Simulator::HookPoints() const { return state_->hook
 const std::vector<std::pair<uint8_t, uint8_t>>& Simulator::UpdateBrackets() const { return state_->brackets; }
 const std::vector<CapsuleReceived>& Simulator::Capsules() const { return state_->capsules; }
 FlashCounters Simulator::Counters() const { return state_->flash.Counters(); }
+const std::vector<uint8_t>& Simulator::Ec() const { return state_->ec.Content(); }
+EcCounters Simulator::EcCounts() const { return state_->ec.Counters(); }
+
+std::string Simulator::Summary() const {
+  std::string text = SummaryText(Counters());
+  const EcCounters& ec = state_->ec.Counters();
+  // A run that never reached the EC or the factory copy reads as it always has.
+  if (ec.received != 0) {
+    text += "; EC: " + std::to_string(ec.received) + " blocks received, " + std::to_string(ec.written) + " written";
+    if (ec.finishAction == 1) text += ", finish action reboot";
+    if (ec.finishAction == 5) text += ", finish action shutdown";
+  }
+  if (ec.factoryCopyStatus) {
+    char bits[8];
+    std::snprintf(bits, sizeof(bits), "%04X", *ec.factoryCopyStatus);
+    text += std::string("; factory copy restore answered 0x") + bits;
+  }
+  return text;
+}
 Rtc& Simulator::RealTimeClock() { return state_->rtc; }
 std::vector<ExternalRegion> Simulator::CurrentExternalMap() const { return state_->flash.CurrentRegions(); }
 bool Simulator::PowerLost() const { return state_->flash.PowerLost(); }

@@ -13,6 +13,7 @@
 
 #include "CapsuleService.h"
 #include "ConversationService.h"
+#include "EcService.h"
 #include "OblisWire.h"
 #include "Rtc.h"
 
@@ -53,6 +54,7 @@ enum class GuardedWrite : uint8_t {
 struct Fault {
   uint8_t code = 0;
   std::optional<uint32_t> times;  // none: fails every time
+  uint32_t after = 0;             // calls answered normally before the first that fails
   bool operator==(const Fault&) const = default;
 };
 
@@ -141,6 +143,8 @@ struct Machine {
   RtcSettings rtc;  // the CMOS clock behind ports 0x70 and 0x71
   CapsuleBehaviour capsule;  // function 48h
   ConversationBehaviour conversation;  // functions 19h, 1Bh, 44h and 45h
+  EcBehaviour ec;                      // functions 21h and 20h
+  std::optional<uint16_t> factoryCopy;  // 49h: the status bits it answers; none: 0xEF
   bool operator==(const Machine&) const = default;
 };
 
@@ -159,6 +163,13 @@ std::vector<uint8_t> DefaultFlashContent(const Machine& machine);
 // Empty when the content fits the machine (an empty content stands for the default content),
 // otherwise the reason. The Simulator constructor throws std::invalid_argument with this text.
 std::string ValidateFlashContent(const Machine& machine, const std::vector<uint8_t>& content);
+// The EC content of a machine that brings none: EcSize bytes of 0xFF. ValidateEcContent is empty
+// when a content fits the machine's EC (an empty one stands for the default), else the reason.
+std::vector<uint8_t> DefaultEcContent(const Machine& machine);
+std::string ValidateEcContent(const Machine& machine, const std::vector<uint8_t>& content);
+// Reads an EC file (none or missing: empty, the default content); false with the reason in error
+// if it cannot be read or does not fit the machine's EC.
+bool LoadEcContent(const Machine& machine, const std::string& ecFile, std::vector<uint8_t>& ec, std::string& error);
 // Model name and version as the "$BVDT$" block of the content tells them; false without one.
 bool ReadBvdtIdentity(const std::vector<uint8_t>& content, std::string& model, std::string& version);
 
@@ -187,9 +198,9 @@ struct MemoryAccess {
 
 class Simulator {
  public:
-  // Throws std::invalid_argument with the text of ValidateFlashContent for a content that does
-  // not fit the machine.
-  Simulator(Machine machine, std::vector<uint8_t> flash, MemoryAccess memory);
+  // Throws std::invalid_argument with the text of ValidateFlashContent (or ValidateEcContent) for
+  // a content that does not fit the machine.
+  Simulator(Machine machine, std::vector<uint8_t> flash, MemoryAccess memory, std::vector<uint8_t> ec = {});
   ~Simulator();
   Simulator(const Simulator&) = delete;
   Simulator& operator=(const Simulator&) = delete;
@@ -225,6 +236,11 @@ class Simulator {
   // Function 1Ah calls in order: (action from CL, status from CH).
   const std::vector<std::pair<uint8_t, uint8_t>>& UpdateBrackets() const;
   FlashCounters Counters() const;
+  // The EC's content and what functions 20h and 49h went through.
+  const std::vector<uint8_t>& Ec() const;
+  EcCounters EcCounts() const;
+  // The flash summary, and behind it what the EC and the factory copy restore saw, if anything.
+  std::string Summary() const;
   // The CMOS clock: a front end hands it the run's clock, a test reads what the tool wrote.
   Rtc& RealTimeClock();
   // The requests of function 48h that carried an image, in order.

@@ -1,7 +1,7 @@
 // zaprom-sim: runs the command-line host ZAPROM-S (or the launcher kobaltApp on a launcher file)
 // and the driver on Linux, against the emulated UEFI environment and the simulated firmware of a
-// described machine. It reads and writes back the flash file; what the tool does with the
-// machine is the driver's and the simulator's.
+// described machine. It reads and writes back the flash file and the EC file; what the tool does
+// with the machine is the driver's and the simulator's.
 #include <unistd.h>
 
 #include <cstdio>
@@ -32,13 +32,14 @@ constexpr char kPowerLostMessage[] = "zaprom-sim: power lost during a write\n";
 constexpr int kExitLeak = 5;
 
 const char kUsage[] =
-    "usage: zaprom-sim [--machine FILE] [--flash FILE] [--volume DIR] [--keys TEXT]\n"
+    "usage: zaprom-sim [--machine FILE] [--flash FILE] [--ec FILE] [--volume DIR] [--keys TEXT]\n"
     "                  [--trace-smi FILE] [--variables FILE] [--] [tool arguments...]\n"
     "       zaprom-sim [options] --launcher FILE\n";
 
 struct FrontEndOptions {
   std::string machineFile;
   std::string flashFile;
+  std::string ecFile;
   std::string volume = ".";
   std::string keys;
   std::string traceFile;
@@ -62,7 +63,8 @@ FrontEndOptions ParseCommandLine(int argc, char** argv) {
   };
   const Valued valued[] = {
       {"--machine", &FrontEndOptions::machineFile}, {"--flash", &FrontEndOptions::flashFile},
-      {"--volume", &FrontEndOptions::volume},       {"--keys", &FrontEndOptions::keys},
+      {"--ec", &FrontEndOptions::ecFile},           {"--volume", &FrontEndOptions::volume},
+      {"--keys", &FrontEndOptions::keys},
       {"--trace-smi", &FrontEndOptions::traceFile}, {"--variables", &FrontEndOptions::variablesFile},
       {"--launcher", &FrontEndOptions::launcherFile},
   };
@@ -102,9 +104,10 @@ bool ParseVolumeKind(const std::string& text, emu::VolumeKind& kind) {
   return true;
 }
 
-// What must happen however the run ends: the flash file and the trace reach the disk.
+// What must happen however the run ends: the flash file, the EC file and the trace reach the disk.
 struct RunEnd {
   std::string flashFile;
+  std::string ecFile;
   sim::Simulator* simulator = nullptr;
   std::ofstream* trace = nullptr;
   emu::Environment* environment = nullptr;
@@ -113,11 +116,16 @@ struct RunEnd {
 
   void WriteBack() const {
     if (trace != nullptr) trace->flush();
-    if (flashFile.empty() || simulator == nullptr) return;
-    std::ofstream out(flashFile, std::ios::binary | std::ios::trunc);
-    const std::vector<uint8_t>& flash = simulator->Flash();
-    out.write(reinterpret_cast<const char*>(flash.data()), static_cast<std::streamsize>(flash.size()));
-    if (!out) std::fprintf(stderr, "zaprom-sim: cannot write the flash file %s\n", flashFile.c_str());
+    if (simulator == nullptr) return;
+    Save(flashFile, simulator->Flash(), "flash");
+    Save(ecFile, simulator->Ec(), "EC");
+  }
+
+  static void Save(const std::string& file, const std::vector<uint8_t>& content, const char* what) {
+    if (file.empty()) return;
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
+    if (!out) std::fprintf(stderr, "zaprom-sim: cannot write the %s file %s\n", what, file.c_str());
   }
 
   // What the flash went through, on stdout after everything the tool printed; before it, what
@@ -130,7 +138,7 @@ struct RunEnd {
     if (!statusLine.empty()) std::printf("zaprom-sim: %s\n", statusLine.c_str());
     const std::string clock = simulator->RealTimeClock().WritesSummary();
     if (!clock.empty()) std::printf("zaprom-sim: %s\n", clock.c_str());
-    std::printf("zaprom-sim: %s\n", sim::SummaryText(simulator->Counters()).c_str());
+    std::printf("zaprom-sim: %s\n", simulator->Summary().c_str());
     std::fflush(stdout);
   }
 
@@ -213,6 +221,8 @@ int main(int argc, char** argv) {
   std::string loadError;
   if (!sim::LoadMachineAndFlash(options.machineFile, options.flashFile, machine, flash, loadError))
     UsageError(loadError, false);
+  std::vector<uint8_t> ec;
+  if (!sim::LoadEcContent(machine, options.ecFile, ec, loadError)) UsageError(loadError, false);
   std::filesystem::path machineDirectory =
       options.machineFile.empty() ? std::filesystem::path(".") : std::filesystem::path(options.machineFile).parent_path();
 
@@ -251,7 +261,7 @@ int main(int argc, char** argv) {
     std::memcpy(reinterpret_cast<void*>(uintptr_t{address}), data, length);
     return true;
   };
-  sim::Simulator simulator(machine, std::move(flash), memory);
+  sim::Simulator simulator(machine, std::move(flash), memory, std::move(ec));
 
   std::unique_ptr<std::ofstream> trace;
   if (!options.traceFile.empty()) {
@@ -283,7 +293,7 @@ int main(int argc, char** argv) {
   for (const sim::Variable& variable : machine.variables)
     environment.PresetVariable(variable.name, variable.guid, variable.attributes, variable.data);
 
-  RunEnd runEnd{options.flashFile, &simulator, trace.get(), &environment};
+  RunEnd runEnd{options.flashFile, options.ecFile, &simulator, trace.get(), &environment};
   environment.SetKeysExhaustedHandler([&runEnd] { runEnd.Exit(emu::kExitNoKeysLeft); });
   environment.SetResetHandler([&runEnd](EFI_RESET_TYPE type) {
     std::fprintf(stderr, "zaprom-sim: the tool asked for a %s; the run ends here\n", ResetName(type));

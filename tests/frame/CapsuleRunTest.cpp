@@ -1,6 +1,7 @@
 // The capsule run on a simulated 4 MB machine: the image, EC image and settings come from the
 // driver's own slots (or the variable a shell run left), and what the user sees, the firmware
 // hears and the flash holds afterwards is checked step by step.
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -113,6 +114,50 @@ TEST_F(CapsuleRun, RunsToItsEndInItsOrder) {
     ASSERT_NE(after13h, calls.end());
     std::vector<uint8_t> next(after13h + 1, std::min(calls.end(), after13h + 1 + (long)row.firstCalls.size()));
     EXPECT_EQ(next, row.firstCalls);
+  }
+}
+
+// The EC image of the driver's own slot: its size is put to the firmware before the BIOS is
+// written, and the EC goes after the BIOS as [UpdateEC] Progress_Bar says.
+TEST_F(CapsuleRun, CarriedEcGoesAfterTheBios) {
+  struct Row {
+    const char* what;
+    std::string status;
+    std::string ini;
+    uint32_t ecSize;
+    bool result;
+    bool flashed;
+    size_t calls20h;
+    size_t calls16h;  // reports of the run's end before the launcher's own
+    std::string log;
+  } rows[] = {
+      {"block by block", R"({"ac": 1})", "", 0x20000, true, true, 2, 0, " Update EC block by block\r\n"},
+      {"in one block", R"({"ac": 1})", "[UpdateEC]\r\nProgress_Bar=0\r\n", 0x20000, true, true, 1, 0,
+       " Update EC in single block\r\n"},
+      {"an EC larger than the firmware's", R"({"ac": 1})", "", 0x30000, false, false, 0, 0,
+       "size |NOT| match with current(192K/128K)\r\n"},
+      {"this vendor hears of the end before the EC", R"({"ac": 1, "vendor_id": "0x1025"})", "", 0, true, true, 0, 1,
+       "<=== EfiUpdate_extra (No EC)\r\n"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    Start(row.status, "", row.ini);
+    std::vector<uint8_t> ec(row.ecSize);
+    for (size_t i = 0; i < ec.size(); ++i) ec[i] = static_cast<uint8_t>(i * 7 + i / 4096);
+    Fill(OwnSlot::Ec, ec);
+    const std::vector<uint8_t> ecBefore = Simulator().Ec();
+    EXPECT_EQ(UefiFlashMain(), row.result);
+    EXPECT_EQ(Simulator().Flash()[kChanged] == image_[kChanged], row.flashed);
+    const std::vector<uint8_t>& calls = Simulator().CallLog();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), 0x20), (long)row.calls20h);
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), 0x16), (long)row.calls16h);
+    if (row.calls20h != 0) {
+      EXPECT_TRUE(Simulator().Ec() == ec) << "the EC holds the carried image";
+      EXPECT_NE(Console().find("Loading EC Image File: Done\r\n"), std::string::npos);
+    } else {
+      EXPECT_TRUE(Simulator().Ec() == ecBefore);
+    }
+    EXPECT_NE(Log().find(row.log), std::string::npos) << Log();
   }
 }
 

@@ -1,5 +1,5 @@
 // The zaprom-sim front end as a user meets it: its own misuse ends with status 2 and a message
-// that names the problem, and the flash file is written back however the run ends.
+// that names the problem, and the flash and EC files are written back however the run ends.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -31,6 +31,7 @@ TEST(ZaPromSim, MisuseOfTheFrontEndEndsWithStatusTwoAndSaysWhy) {
   if (!std::filesystem::exists(FrontEndPath())) GTEST_SKIP() << "zaprom-sim is not built";
   ScratchDirectory scratch;
   WriteHostFile(scratch / "broken.json", "{ \"flashSize\": ");
+  WriteHostFile(scratch / "short-ec.bin", "0123456789");
   struct Row {
     std::string arguments;
     std::string firstLine;
@@ -39,6 +40,7 @@ TEST(ZaPromSim, MisuseOfTheFrontEndEndsWithStatusTwoAndSaysWhy) {
       {"--bogus", "zaprom-sim: unknown option --bogus"},
       {"--keys '{F1'", "zaprom-sim: --keys: unclosed '{' in the keys at character 1"},
       {"--machine broken.json", "zaprom-sim: broken.json: "},
+      {"--ec short-ec.bin", "zaprom-sim: the EC file short-ec.bin: EC content is 10 bytes but the machine's EC holds 131072\n"},
       {"--launcher missing.efi", "zaprom-sim: cannot read the launcher file missing.efi"},
       {"--launcher broken.json -- -h", "zaprom-sim: the launcher takes no tool arguments: -h"},
   };
@@ -50,13 +52,14 @@ TEST(ZaPromSim, MisuseOfTheFrontEndEndsWithStatusTwoAndSaysWhy) {
   }
 }
 
-TEST(ZaPromSim, FlashFileIsCreatedWithTheDefaultContentWhenMissing) {
+TEST(ZaPromSim, FlashAndEcFilesAreCreatedWithTheDefaultContentWhenMissing) {
   if (!std::filesystem::exists(FrontEndPath())) GTEST_SKIP() << "zaprom-sim is not built";
   ScratchDirectory scratch;
-  Outcome outcome = RunFrontEnd(scratch, "--flash flash.bin --keys '' -- -h");
+  Outcome outcome = RunFrontEnd(scratch, "--flash flash.bin --ec ec.bin --keys '' -- -h");
   EXPECT_NE(outcome.status, 2) << outcome.errors;
   ASSERT_TRUE(std::filesystem::exists(scratch / "flash.bin"));
   EXPECT_EQ(std::filesystem::file_size(scratch / "flash.bin"), 16u << 20);  // the default machine's part
+  EXPECT_EQ(ReadHostFile(scratch / "ec.bin"), std::string(0x20000, '\xFF'));  // and its EC
 }
 
 }  // namespace

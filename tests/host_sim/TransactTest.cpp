@@ -20,6 +20,8 @@ ByteList Text(const std::string& text) { return ByteList(text.begin(), text.end(
 TEST(Transaction, EachFunctionAnswersInItsRegistersAndBytes) {
   const ByteList toolInformation = {'$', 'V', 'E', 'R', 4, 0, '1', '3', 'k', '$', 'O', 'B', 'L', 'I', 'S', '2', '0', '8', 0xFF};
   const ByteList finish = {'$', 'F', 'I', 'N', 'I', 'S', 'H', 'I', 13, 0, 0, 0, 2};
+  const ByteList request = {'$', 'B', 'U', 'F', 'F', 'E', 'R', '_', 0, 0, 8, 0};
+  const ByteList restore = {'$', 'R', 'D', 'I', 16, 0, 0, 0, 4, 0xFE, 0, 0, 0, 0, 0, 0};
   struct Row {
     const char* what;
     const char* machine;
@@ -58,6 +60,13 @@ TEST(Transaction, EachFunctionAnswersInItsRegistersAndBytes) {
       {"16h finish record", "{}", 0x16, 0x0001, 0, kBuf, finish, 0, -1, {}},
       {"16h record of the wrong length", "{}", 0x16, 0x0001, 0, kBuf,
        {'$', 'F', 'I', 'N', 'I', 'S', 'H', 'I', 12, 0, 0, 0, 2}, kOblisAccessProhibited, -1, {}},
+      {"21h the EC's size index in CL", R"({"ec": {"size_index": 3}})", 0x21, 0x0300, 0, kBuf, request, 0, 0x0303, {}},
+      {"21h a part table", R"({"ec": {"parts": ["0x20000", 4096]}})", 0x21, 0xFF00, 0, kBuf, request, 0, 0xFFFF,
+       {{kBuf, {'$', 'E', 'C', 'I', 'N', 'F', 'O', '_', 2, 0, 0, 0, 0, 0, 2, 0, 0, 0x10, 0, 0}}}},
+      {"21h without its request", "{}", 0x21, 0, 0, kBuf, {}, kOblisAccessProhibited, -1, {}},
+      {"49h answers its status bits", R"({"factory_copy": {"status": "0x8000"}})", 0x49, kBuf, 0, 0, restore, 0, -1,
+       {{kBuf + 14, {0x00, 0x80}}}},
+      {"49h on a machine without it", "{}", 0x49, kBuf, 0, 0, restore, kOblisUnsupported, -1, {}},
       {"44h unsupported", R"({"unsupported": ["44h"]})", 0x44, 0, kBuf, 0, {}, kOblisUnsupported, -1, {}},
       {"an unlisted function", "{}", 0x4C, 0, kBuf, 0, {}, kOblisUnsupported, -1, {}},
   };
@@ -99,6 +108,66 @@ TEST(Transaction, OnlyTheToolsOwnCallIsAnswered) {
     EXPECT_EQ(memory.At(kBuf)[0], '$');
     EXPECT_EQ(s.CallLog().size(), row.logged ? 1u : 0u);
     if (row.logged) EXPECT_EQ(Status(frame), kOblisAccessProhibited);
+  }
+}
+
+// The EC of 64 KB in quarters: a series reaches it only with its last block, each block at its
+// number times its length; a block sent again replaces the one kept, one past the end falls away.
+TEST(EcFlash, ASeriesReachesTheEcWithItsLastBlock) {
+  struct Block {
+    uint8_t number, action, fill;
+  };
+  struct Row {
+    const char* what;
+    const char* machine;
+    std::vector<Block> blocks;  // of 0x4000 bytes each
+    ByteList statuses, quarters;
+    const char* summary;
+  };
+  const Row rows[] = {
+      {"a series ends with the reboot mark", R"({"ec": {"size_index": 0}})",
+       {{3, 0xEF, 0x33}, {1, 0xEF, 0x10}, {1, 0xEF, 0x11}, {4, 0xEF, 0x44}, {0, 1, 0x00}}, {0, 0, 0, 0, 0},
+       {0x00, 0x11, 0xFF, 0x33}, "; EC: 5 blocks received, 3 written, finish action reboot"},
+      {"a series without its last block", R"({"ec": {"size_index": 0}})", {{0, 0xEF, 0x00}, {1, 0xEF, 0x11}}, {0, 0},
+       {0xFF, 0xFF, 0xFF, 0xFF}, "; EC: 2 blocks received, 0 written"},
+      {"a fault after the first call", R"({"ec": {"size_index": 0}, "faults": {"20h": {"code": "0x25", "after": 1}}})",
+       {{0, 0xEF, 0x00}, {1, 5, 0x11}, {1, 5, 0x11}}, {0, 0x25, 0x25}, {0xFF, 0xFF, 0xFF, 0xFF},
+       "; EC: 1 blocks received, 0 written"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    TestMemory memory;
+    sim::Simulator s(MachineFrom(row.machine), {}, memory.Access());
+    ByteList statuses;
+    for (const Block& block : row.blocks) {
+      std::fill_n(memory.At(kBuf), 0x4000, block.fill);
+      statuses.push_back(Status(Call(s, 0x20, uint32_t{block.number} << 8 | block.action, 0x4000, kBuf)));
+    }
+    EXPECT_EQ(statuses, row.statuses);
+    ASSERT_EQ(s.Ec().size(), 0x10000u);
+    for (uint32_t quarter = 0; quarter < 4; ++quarter)
+      EXPECT_EQ(ByteList(s.Ec().begin() + quarter * 0x4000, s.Ec().begin() + (quarter + 1) * 0x4000), Fill(0x4000, row.quarters[quarter]))
+          << quarter;
+    EXPECT_NE(s.Summary().find(row.summary), std::string::npos) << s.Summary();
+  }
+}
+
+TEST(MachineKeys, TheEcAndFactoryCopyKeysRefuseBadValuesInWords) {
+  const std::pair<const char*, const char*> rows[] = {
+      {R"({"ec": {"size_index": 6}})", "ec.size_index: value 6 is larger than 5"},
+      {R"({"ec": {"parts": []}})", "ec.parts: expected 1 to 16 part sizes"},
+      {R"({"ec": {"parts": [0]}})", "ec.parts: the parts together hold 1 byte to 16 MB"},
+      {R"({"ec": {"size_index": 1, "parts": [4096]}})", "ec: give size_index or parts, not both"},
+      {R"({"ec": {"part_signature": "$ECINFO"}})", "ec.part_signature: a signature is 8 characters"},
+      {R"({"ec": {"size": 1}})", "unknown key 'ec.size'"},
+      {R"({"factory_copy": {"status": "0x10000"}})", "factory_copy.status: value 65536 is larger than 65535"},
+      {R"({"faults": {"20h": {"code": 1, "after": -1}}})", "faults.20h.after: negative numbers are not allowed"},
+  };
+  for (const auto& [json, message] : rows) {
+    sim::Machine machine;
+    std::string error;
+    EXPECT_FALSE(sim::ParseMachine(json, machine, error)) << json;
+    EXPECT_EQ(error, message) << json;
   }
 }
 

@@ -126,6 +126,9 @@ SimResult RunSim(const SimRequest& request) {
     WriteBytes(flashPath, std::string(request.flash.begin(), request.flash.end()));
   }
   command += " --flash " + Quote(flashPath.string());
+  fs::path ecPath = root / "ec.bin";
+  if (!request.ec.empty()) WriteBytes(ecPath, Text(request.ec));
+  command += " --ec " + Quote(ecPath.string());
   command += " --trace-smi " + Quote((root / "smi.jsonl").string());
   if (!request.keys.empty()) {
     command += " --keys " + Quote(request.keys);
@@ -151,6 +154,8 @@ SimResult RunSim(const SimRequest& request) {
   }
   std::string flash = ReadText(flashPath);
   result.flash.assign(flash.begin(), flash.end());
+  std::string ec = ReadText(ecPath);
+  result.ec.assign(ec.begin(), ec.end());
   std::ifstream trace(root / "smi.jsonl");
   for (std::string line; std::getline(trace, line);) {
     if (line.empty()) {

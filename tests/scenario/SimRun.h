@@ -1,6 +1,6 @@
 // Runs zaprom-sim in a scratch directory with a machine description, tool arguments and keys,
 // and gathers what a person would look at afterwards: the exit status, the console text, the
-// log file, the flash file and the SMI trace.
+// log file, the flash and EC files and the SMI trace.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,6 +16,7 @@ struct SimRequest {
   std::vector<std::string> arguments;
   std::string keys;
   std::vector<uint8_t> flash;  // empty: the simulator's default content
+  std::vector<uint8_t> ec;     // the EC's content; empty: erased
   std::vector<std::pair<std::string, std::string>> volumeFiles;  // name, content
   std::vector<std::string> readBack;  // files of the volume to hand back after the run
 };
@@ -35,6 +36,7 @@ struct SimResult {
   std::string log;      // ZAPROM.Log, empty if none
   bool logExists = false;
   std::vector<uint8_t> flash;
+  std::vector<uint8_t> ec;
   std::vector<SmiCall> calls;
   std::map<std::string, std::string> files;  // the readBack files that exist after the run
 

@@ -134,6 +134,9 @@ TEST(UpdateScenarios, ARefusalLeavesTheFlashAlone) {
            kNothingWritten},
       {"secure payload one byte short", R"({"capsule": {"secure": true}})", zimage::WrapSecure(shortImage, {}, {}),
        "ERROR!\r\nSize not match!\r\n-----+---------\r\n  ROM  0x1000000\r\n File  0xFFFFFF\r\n"},
+      {"a legacy image on a secure platform", R"({"capsule": {"secure": true}})", NewImage("V1.03"),
+       "It only supports to flash secure BIOS on current platform.\r\nThe image to be updated is not a secure BIOS.\r\n"
+       "\r\n\n" + kNothingWritten},
   };
   const Bytes before = DefaultFlash();
   for (const Row& row : rows) {

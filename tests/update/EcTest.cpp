@@ -115,12 +115,13 @@ TEST_F(Ec, EachBlockCarriesItsNumberAndTheLastWrittenOneTheEndMark) {
       {"bit 8 is bit 0 of MaskByte1", "[UpdateEC]\nEnableECProtectMask=1\nProtectMaskBitCount=10\nMaskByte1=01\n", {}, 0xA0000, false, true, "0:EF 1:EF 2:EF 3:EF 4:EF 5:EF 6:EF 7:EF 9:00 ", 0x10000},
       {"all blocks skipped: no 20h, a success", "[UpdateEC]\nEnableECProtectMask=1\nProtectMaskBitCount=2\nMaskByte0=03\n", {}, 0x20000, false, true, "", 0},
       {"255 blocks of 4 KB", "[UpdateEC]\nEC_BlockSize=4\n", {}, 0xFF000, false, true, Series(0, 254), 0x1000},
+      {"2 MB: the last block ends where the EC buffer ends", "", {}, 0x200000, false, true, Series(0, 31), 0x10000},
       {"256 blocks are refused before any call", "[UpdateEC]\nEC_BlockSize=4\n", {}, 0xFF001, false, false, "", 0},
       {"one call of the whole image", "", {}, 0x18000, true, true, "0:00 ", 0x18000},
       {"one call up to the shared buffer", "", {}, 0x20000, true, true, "0:00 ", 0x20000},
       {"one byte more is refused", "", {}, 0x20001, true, false, "", 0},
   };
-  std::vector<uint8_t> image(0x100000);
+  std::vector<uint8_t> image(0x200000);
   for (size_t i = 0; i < image.size(); ++i) image[i] = (uint8_t)(i * 7 + (i >> 12));
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);

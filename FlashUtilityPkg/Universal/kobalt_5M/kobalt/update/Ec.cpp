@@ -82,7 +82,7 @@ constexpr CHAR16 kTraceProgressBarOff[] = u" ProgressBar=0\r\n";
 // What the firmware itself leaves undefined is refused here, before the EC hears of it.
 constexpr CHAR16 kErrorEcEmpty[] = u"ERROR!\r\nThe EC file is empty.\r\nNothing was written.\r\n";
 constexpr CHAR16 kErrorEcTooLarge[] =
-    u"ERROR!\r\nThe EC file (%dK) is larger than the EC buffer (%dK).\r\nNothing was written.\r\n";
+    u"ERROR!\r\nThe EC file (0x%x bytes) is larger than the EC buffer (0x%x bytes).\r\nNothing was written.\r\n";
 constexpr CHAR16 kErrorSingleBlockTooLarge[] =
     u"ERROR!\r\nThe EC image (%dK) does not fit one OBLIS call (%dK): write it block by block.\r\n"
     u"Nothing was written to the EC.\r\n";
@@ -383,7 +383,7 @@ Bool EcImageFits(UINT32 size) {
     return false;
   }
   if (size > kEcBufferBytes) {
-    Print(kErrorEcTooLarge, size / 1024, kEcBufferBytes / 1024);
+    Print(kErrorEcTooLarge, size, kEcBufferBytes);
     return false;
   }
   return true;
