@@ -79,12 +79,13 @@ Bytes Launcher(const Bytes& driver, int64_t size = -1, int64_t capacity = -1) {
 // What the recording driver does and saw.
 struct Behaviour {
   EFI_STATUS entry = EFI_SUCCESS;
-  bool directory = true, dropLoadedImage = false, main = true;
+  bool directory = true, dropLoadedImage = false, dropImageBase = false, main = true, poolFull = false;
   EFI_STATUS unload = EFI_SUCCESS;
 } behaviour;
 std::vector<std::string> calls;
 Bytes chainAtMain, loadImageBuffer;
 decltype(EFI_BOOT_SERVICES::LoadImage) emuLoadImage = nullptr;
+decltype(EFI_BOOT_SERVICES::AllocatePool) emuAllocatePool = nullptr;
 
 VOID* EFIAPI Lookup(const CHAR16* name) {
   static const std::pair<std::u16string, VOID*> functions[] = {
@@ -105,6 +106,7 @@ EFI_STATUS EFIAPI DriverEntry(EFI_HANDLE image, EFI_SYSTEM_TABLE* system) {
   if (behaviour.directory)
     system->BootServices->InstallProtocolInterface(&image, &kFunctionDirectoryProtocolGuid, EFI_NATIVE_INTERFACE, &directory);
   if (behaviour.dropLoadedImage) system->BootServices->UninstallProtocolInterface(image, &kLoadedImageProtocolGuid, loaded);
+  if (behaviour.dropImageBase) static_cast<EFI_LOADED_IMAGE_PROTOCOL*>(loaded)->ImageBase = nullptr;
   return behaviour.entry;
 }
 
@@ -117,7 +119,10 @@ Outcome RunLauncher(Bytes image) {
   linkedChain.assign(image.size() > around ? image.size() - around : 0, 0);
   environment.RegisterLinkedImage(u"kobalt.efi", DriverEntry, linkedChain.data(), linkedChain.size());
   EFI_BOOT_SERVICES* services = environment.SystemTable()->BootServices;
-  emuLoadImage = services->LoadImage;
+  emuLoadImage = services->LoadImage, emuAllocatePool = services->AllocatePool;
+  services->AllocatePool = [](EFI_MEMORY_TYPE type, UINTN size, VOID** out) {
+    return behaviour.poolFull ? EFI_OUT_OF_RESOURCES : emuAllocatePool(type, size, out);
+  };
   services->LoadImage = [](BOOLEAN policy, EFI_HANDLE parent, EFI_DEVICE_PATH_PROTOCOL* path, VOID* source, UINTN size, EFI_HANDLE* out) {
     loadImageBuffer.assign((const uint8_t*)source, (const uint8_t*)source + size);
     return emuLoadImage(policy, parent, path, source, size, out);
@@ -131,17 +136,19 @@ Outcome RunLauncher(Bytes image) {
 TEST(Launcher, EachFailurePrintsItsLinesAndReturnsItsStatus) {
   const std::vector<std::string> closing = {"UefiFlashMain", "Hook 0", "FuncOblis_16h", "unloaded"};
   const std::string unloadNull = "UnloadImage() Failed! Invalid Parameter\r\n", failed = "Error: Update BIOS Failed!\r\n";
-  Bytes driver = Driver(Volume({File(kOther)}));
+  Bytes driver = Driver(Volume({File(kOther)})), hiding = Driver(Volume({File(kHidden)}));
   struct Row { const char* what; Bytes image; Behaviour behaviour; std::string console; EFI_STATUS status; std::vector<std::string> calls; } rows[] = {
       {"empty slot", Launcher(driver, 0, driver.size()), {}, "Driver not in buffer\r\n" + unloadNull, EFI_INVALID_PARAMETER, {}},
       {"slot head cut off", Bytes(kLauncherDriverOffset - 1, 0), {}, "Driver not in buffer\r\n" + unloadNull, EFI_INVALID_PARAMETER, {}},
       {"size past the capacity", Launcher(driver, driver.size(), driver.size() - 1), {}, "Load driver from buffer failed!\r\n" + unloadNull, EFI_INVALID_PARAMETER, {}},
       {"size past the file", Launcher(driver, driver.size() + 1, driver.size() + 1), {}, "Load driver from buffer failed!\r\n" + unloadNull, EFI_INVALID_PARAMETER, {}},
+      {"no pool for the copy", Launcher(driver), {.poolFull = true}, "Load driver from buffer failed!\r\n" + unloadNull, EFI_INVALID_PARAMETER, {}},
       {"hidden volume past the driver", Launcher(Driver(Volume({File(kHidden)}, kOther, 0x10000))), {}, "Load driver from buffer failed!\r\n" + unloadNull, EFI_INVALID_PARAMETER, {}},
       {"no slot chain in the driver", Launcher(Bytes(0x100, 'C')), {}, "LoadImage() failed! Load Error\r\n" + unloadNull, EFI_INVALID_PARAMETER, {}},
       {"driver entry fails", Launcher(driver), {.entry = EFI_ABORTED}, "StartImage() failed! Aborted\r\n" + failed, EFI_UNSUPPORTED, {"unloaded"}},
       {"no loaded image", Launcher(driver), {.dropLoadedImage = true}, "StartImage() failed! Unsupported\r\n" + failed, EFI_UNSUPPORTED, {"unloaded"}},
       {"no directory", Launcher(driver), {.directory = false}, failed, EFI_UNSUPPORTED, {"unloaded"}},
+      {"hidden volume has no place to go back to", Launcher(hiding), {.dropImageBase = true}, failed, EFI_UNSUPPORTED, {"unloaded"}},
       {"update failed", Launcher(driver), {.main = false}, failed, EFI_UNSUPPORTED, closing},
       {"update done", Launcher(driver), {}, "", EFI_SUCCESS, closing},
       {"unload fails after the update", Launcher(driver), {.unload = EFI_PROTOCOL_ERROR}, "UnloadImage() Failed! Protocol Error\r\n", EFI_PROTOCOL_ERROR, closing},
@@ -174,6 +181,7 @@ TEST(Launcher, FindHiddenVolumeWalksVolumesAndFilesAsTheFirmwareLaysThemOut) {
       {"pad file passed", Volume({File(kOther, 0x30, 0xF0), File(kHidden)}), true, 0, 0xA8},
       {"pad file of the hidden name", Volume({File(kHidden, 0x30, 0xF0)}), false, 0, 0},
       {"large file's size in its u32", Volume({File(kOther, 0x40, 0x07, true), File(kHidden)}), true, 0, 0xB8},
+      {"large file's u32 outside the volume", Volume({File(kOther, 0x40, 0x07, true), File(kHidden)}, kOther, 0x48 + 0x1A), false, 0, 0},
       {"bad file header sum ends the walk", Volume({File(kOther, 0x30, 0x07, false, 1), File(kHidden)}), false, 0, 0},
       {"file named all FF ends the walk", Volume({File(Bytes(16, 0xFF).data()), File(kHidden)}), false, 0, 0},
       {"next header outside the volume", Volume({File(kOther), File(kHidden)}, kOther, 0x48 + 0x30 + 0x17), false, 0, 0},
