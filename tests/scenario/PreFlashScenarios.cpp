@@ -261,64 +261,28 @@ TEST(PreFlashScenarios, ConfirmFlashAsksBeforeTheFirstBlock) {
 
 // ---- auto wakeup ----
 
-// The time of day the tool read when it armed the alarm, from its log, in seconds.
-int ArmedAt(const std::string& log) {
-  const std::string mark = "[AutoWakeup] enable ";
-  size_t at = log.find(mark);
-  if (at == std::string::npos) return -1;
-  int h = 0, m = 0, s = 0;
-  if (std::sscanf(log.c_str() + at + mark.size(), "%d:%d:%d", &h, &m, &s) != 3) return -1;
-  return h * 3600 + m * 60 + s;
-}
-
-std::string ClockLine(int armedAt, int interval, bool binary) {
-  const int when = (armedAt + interval) % 86400;
-  const int h = when / 3600, m = when / 60 % 60, s = when % 60;
-  auto reg = [binary](int v) { return binary ? v : (v / 10) * 16 + v % 10; };
-  char line[160];
-  // Status B starts as 0x02 (24-hour), with bit 2 for a binary clock.
-  const int statusB = binary ? 0x06 : 0x02;
-  std::snprintf(line, sizeof(line),
-                "zaprom-sim: clock registers written: 0B=%02X 01=%02X 03=%02X 05=%02X 0B=%02X; alarm armed for "
-                "%02d:%02d:%02d\n",
-                statusB | 0x80, reg(s), reg(m), reg(h), statusB | 0x20, h, m, s);
-  return line;
-}
-
+// The alarm's registers are the unit tests' business; here only which whole runs arm it.
 TEST(PreFlashScenarios, WakeupAlarmFollowsAShutdownRunOnly) {
+  const std::string ini = "[AutoWakeup]\r\nFlag=1\r\ninterval=120\r\n";
   struct Row {
     const char* what;
-    std::string rtc;
     std::vector<std::string> options;
     std::string ini;
-    int interval;  // -1: the clock stays untouched
-    bool binary;
-  };
-  const std::vector<Row> rows = {
-      {"-s, BCD clock", R"({"time": "10:00:00"})", {"-s"}, "[AutoWakeup]\r\nFlag=1\r\ninterval=120\r\n", 120, false},
-      {"[FlashComplete] Action 1, binary clock, past midnight", R"({"time": "23:59:00", "binary": true})", {},
-       "[AutoWakeup]\r\nFlag=1\r\ninterval=3600\r\n[FlashComplete]\r\nAction=1\r\n", 3600, true},
-      {"reboot: the clock is left alone", R"({"time": "10:00:00"})", {}, "[AutoWakeup]\r\nFlag=1\r\ninterval=120\r\n",
-       -1, false},
+    std::string armed;  // the simulator's clock line; empty: the clock stays untouched
+  } rows[] = {
+      {"-s", {"-s"}, ini, "05=10 0B=22; alarm armed for 10:02:00\n"},
+      {"[FlashComplete] Action 1", {}, ini + "[FlashComplete]\r\nAction=1\r\n", "alarm armed for 10:02:00\n"},
+      {"reboot: the clock is left alone", {}, ini, ""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    std::vector<std::string> options = row.options;
-    options.push_back("-dbg");
     // The firmware answers 1Bh, so the walk over the image costs no retry delays.
-    SimResult result = RunNew(R"({"module_check": {"status": 0}, "rtc": )" + row.rtc + "}", options, row.ini);
+    SimResult result = RunNew(R"({"module_check": {"status": 0}, "rtc": {"time": "10:00:00"}})", row.options, row.ini);
     EXPECT_EQ(result.exitCode, 0) << result.console << result.errors;
     EXPECT_TRUE(FlashUpdated(result));
     const size_t line = result.console.find("zaprom-sim: clock registers written:");
-    if (row.interval < 0) {
-      EXPECT_EQ(line, std::string::npos) << result.console;
-      continue;
-    }
-    const int armedAt = ArmedAt(result.log);
-    ASSERT_GE(armedAt, 0) << result.log;
-    ASSERT_NE(line, std::string::npos) << result.console;
-    const std::string expected = ClockLine(armedAt, row.interval, row.binary);
-    EXPECT_EQ(result.console.substr(line, expected.size()), expected);
+    EXPECT_EQ(line != std::string::npos, !row.armed.empty()) << result.console;
+    if (!row.armed.empty()) EXPECT_NE(result.console.find(row.armed, line), std::string::npos) << result.console;
   }
 }
 
