@@ -229,7 +229,14 @@ EFI_STATUS EFIAPI ReadKeyStroke(EFI_SIMPLE_TEXT_INPUT_PROTOCOL*, EFI_INPUT_KEY* 
     return EFI_SUCCESS;
   }
   // A tool waiting for a key polls; once the script is used up, no key will ever come.
-  if (++g->idlePolls >= kIdlePollsBeforeNoKeysLeft) {
+  ++g->idlePolls;
+  if (g->idlePolls >= kIdlePollsOfAWait && g->entersLeft > 0) {
+    g->entersLeft--;
+    g->idlePolls = 0;
+    *key = {kScanNull, u'\r'};
+    return EFI_SUCCESS;
+  }
+  if (g->idlePolls >= kIdlePollsBeforeNoKeysLeft) {
     g->idlePolls = 0;
     std::fprintf(stderr, "zaprom-sim: the tool waits for a key and none is left (use --keys)\n");
     if (g->keysExhausted) {
@@ -267,6 +274,7 @@ void InstallConsole(State& s) {
     s.setupError = error;
     s.keys.clear();
   }
+  s.entersLeft = s.options.enterWhenWaiting;
 
   // The console handle carries both text protocols, as the firmware's console splitter does.
   static constexpr EFI_GUID kTextInGuid = {0x387477C1, 0x69C7, 0x11D2, {0x8E, 0x39, 0x00, 0xA0, 0xC9, 0x69, 0x72, 0x3B}};

@@ -101,6 +101,7 @@ struct State {
   std::vector<EFI_INPUT_KEY> keys;
   size_t nextKey = 0;
   uint64_t idlePolls = 0;
+  unsigned entersLeft = 0;
   std::function<void()> keysExhausted;
 
   // handle database, in creation order

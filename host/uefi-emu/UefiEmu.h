@@ -42,6 +42,9 @@ struct Options {
   // EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL whose Pci.Read asks it is installed on a handle of its own;
   // when empty the platform has no root bridge protocol.
   std::function<uint32_t(uint8_t bus, uint8_t device, uint8_t function, uint8_t offset)> pciRead;
+  // Once the script is used up, a tool that keeps waiting gets Enter, this many times at most:
+  // a pager or a "press any key" pause goes on, a question that wants 'Y' never gets it.
+  unsigned enterWhenWaiting = 0;
 };
 
 // What the tool does when it waits for a key and the script has none left.
@@ -49,6 +52,8 @@ constexpr int kExitNoKeysLeft = 3;
 // Consecutive ReadKeyStroke polls without a key, once the script is used up, before the wait
 // counts as hopeless.
 constexpr uint64_t kIdlePollsBeforeNoKeysLeft = 100000;
+// Consecutive polls after which a tool counts as waiting for a key rather than glancing for one.
+constexpr uint64_t kIdlePollsOfAWait = 1000;
 
 // Parses a key script ("{F1}", "{ESC}", "{ENTER}", "{UP}", "{DOWN}", "{LEFT}", "{RIGHT}",
 // "{F2}".."{F10}", "{{" for '{', any other UTF-8 character as itself). False with a message on

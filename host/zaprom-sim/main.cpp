@@ -30,6 +30,9 @@ constexpr int kExitPowerLost = 4;
 constexpr char kPowerLostMessage[] = "zaprom-sim: power lost during a write\n";
 // The tool returned with pool memory or pages it never gave back, or wrote past a pool block.
 constexpr int kExitLeak = 5;
+// Enter presses a run from a script gets when it waits for a key: the whole help's pages and a
+// few pauses, never an endless wait loop.
+constexpr unsigned kEntersForAScript = 16;
 
 const char kUsage[] =
     "usage: zaprom-sim [--machine FILE] [--flash FILE] [--ec FILE] [--volume DIR] [--keys TEXT]\n"
@@ -42,6 +45,7 @@ struct FrontEndOptions {
   std::string ecFile;
   std::string volume = ".";
   std::string keys;
+  bool keysGiven = false;
   std::string traceFile;
   std::string variablesFile;
   std::string launcherFile;
@@ -85,6 +89,7 @@ FrontEndOptions ParseCommandLine(int argc, char** argv) {
       if (word != option.name) continue;
       if (i + 1 >= argc) UsageError("option " + word + " needs a value");
       options.*option.field = argv[++i];
+      options.keysGiven = options.keysGiven || option.field == &FrontEndOptions::keys;
       known = true;
     }
     if (!known) UsageError("unknown option " + word);
@@ -241,6 +246,8 @@ int main(int argc, char** argv) {
     environmentOptions.volumes.push_back(spec);
   }
   environmentOptions.keys = options.keys;
+  // Run from a script without --keys, the help's pager and the pauses go on by themselves.
+  if (!options.keysGiven && isatty(STDIN_FILENO) == 0) environmentOptions.enterWhenWaiting = kEntersForAScript;
   environmentOptions.ansiConsole = isatty(STDOUT_FILENO) != 0;
   environmentOptions.variablesFile = options.variablesFile;
   // The firmware's time and the CMOS clock are one clock: the machine's time of day starts both.
