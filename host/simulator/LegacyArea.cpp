@@ -3,6 +3,7 @@
 // tool to the SMI command port. Reading this memory is the simulator's business.
 #include "LegacyArea.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace sim {
@@ -18,6 +19,8 @@ constexpr uint32_t kMadt = 0xF0200;
 constexpr uint32_t kFadt = 0xF0300;
 constexpr uint32_t kDsdt = 0xF0400;
 constexpr uint32_t kOblis = 0xF6A30;  // a 16-byte boundary, away from the tables
+constexpr uint32_t kWindowStart = kRsdp10;
+constexpr uint32_t kWindowEnd = kOblis + 16;
 
 constexpr uint32_t kHeaderBytes = 36;
 constexpr uint32_t kFadtBytes = 244;  // ACPI 2.0 FADT, revision 3
@@ -27,7 +30,7 @@ constexpr uint32_t kDsdtBytes = kHeaderBytes + 4;
 class AreaWriter {
  public:
   explicit AreaWriter(std::vector<uint8_t>& bytes) : bytes_(bytes) {}
-  uint8_t* At(uint32_t address) { return bytes_.data() + (address - kLegacyAreaStart); }
+  uint8_t* At(uint32_t address) { return bytes_.data() + (address - kWindowStart); }
   void Text(uint32_t address, const std::string& text) { std::memcpy(At(address), text.data(), text.size()); }
   void U8(uint32_t address, uint8_t v) { *At(address) = v; }
   void U32(uint32_t address, uint32_t v) {
@@ -115,7 +118,8 @@ void WriteFadtAndDsdt(AreaWriter& w, const Machine& machine) {
 
 LegacyArea BuildLegacyArea(const Machine& machine) {
   LegacyArea area;
-  area.bytes.assign(kLegacyAreaEnd - kLegacyAreaStart + 1, 0);
+  area.windowStart = kWindowStart;
+  area.bytes.assign(kWindowEnd - kWindowStart, 0);
   AreaWriter w(area.bytes);
   WriteRsdps(w);
   WriteSystemTables(w);
@@ -128,6 +132,18 @@ LegacyArea BuildLegacyArea(const Machine& machine) {
     area.oblis = kOblis;
   }
   return area;
+}
+
+void ReadLegacyArea(const LegacyArea& area, uint32_t address, void* out, uint32_t length) {
+  uint8_t* to = static_cast<uint8_t*>(out);
+  std::memset(to, 0, length);
+  const uint64_t end = uint64_t{address} + length;
+  const uint64_t windowEnd = uint64_t{area.windowStart} + area.bytes.size();
+  const uint64_t from = std::max<uint64_t>(address, area.windowStart);
+  const uint64_t until = std::min(end, windowEnd);
+  if (from < until) {
+    std::memcpy(to + (from - address), area.bytes.data() + (from - area.windowStart), until - from);
+  }
 }
 
 }  // namespace sim

@@ -435,7 +435,7 @@ uint32_t Simulator::PciRead(uint8_t bus, uint8_t device, uint8_t function, uint8
 bool Simulator::ReadPhysical(uint32_t address, void* out, uint32_t length) const {
   const uint64_t end = static_cast<uint64_t>(address) + length;
   if (address >= kLegacyAreaStart && end <= uint64_t(kLegacyAreaEnd) + 1) {
-    std::memcpy(out, state_->legacy.bytes.data() + (address - kLegacyAreaStart), length);
+    ReadLegacyArea(state_->legacy, address, out, length);
     return true;
   }
   // A read must lie within one described range; the gaps between them are not memory.

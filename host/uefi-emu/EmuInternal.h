@@ -78,6 +78,9 @@ struct State {
 
   // memory, keyed by the address handed out
   std::map<uintptr_t, MemoryBlock> blocks;
+  // Freed mappings (data pages and guard page) by their count of data pages, kept for reuse.
+  std::multimap<size_t, uintptr_t> keptMappings;
+  size_t keptBytes = 0;
   uint64_t allocations = 0;
   // Pool blocks freed with a byte behind their end changed (see PoolOverruns).
   uint64_t overruns = 0;

@@ -1,6 +1,8 @@
 // Pool and page memory of the emulated environment: every block lies below 4 GB (the firmware
 // takes 32-bit addresses) with an inaccessible guard page right behind it, so that an overrun
 // faults at once. Keeps the registry that tells the simulator which addresses it may touch.
+// Under AddressSanitizer the bytes between a pool block's end and its guard page, and freed
+// blocks, are poisoned, so that ASan names the first byte read or written outside a block.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -12,6 +14,17 @@
 #include <sstream>
 
 #include "EmuInternal.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define ZAPROM_EMU_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ZAPROM_EMU_ASAN 1
+#endif
+#endif
+#ifdef ZAPROM_EMU_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
 
 // Bounds of the executable's own image; the programs are linked without PIE, so they lie low.
 extern "C" char __executable_start;
@@ -27,6 +40,66 @@ constexpr size_t kPage = 4096;
 constexpr uint8_t kFreshMemoryByte = 0xAF;
 // The lowest address a probe for memory below a limit tries; keeps clear of the null page.
 constexpr uintptr_t kLowestProbe = 0x100000;
+// Freed mappings kept for the next block of the same size, up to this much: a run allocates and
+// frees the same few sizes over and over, and a fresh mapping costs system calls and a page
+// fault for every page touched.
+constexpr size_t kKeptBytesAtMost = size_t{64} << 20;
+
+// A range the tool must not touch: inaccessible, or poisoned under ASan.
+void Hide(uintptr_t base, size_t length) {
+#ifdef ZAPROM_EMU_ASAN
+  ASAN_POISON_MEMORY_REGION(reinterpret_cast<void*>(base), length);
+#else
+  mprotect(reinterpret_cast<void*>(base), length, PROT_NONE);
+#endif
+}
+
+void Reveal(uintptr_t base, size_t length) {
+#ifdef ZAPROM_EMU_ASAN
+  ASAN_UNPOISON_MEMORY_REGION(reinterpret_cast<void*>(base), length);
+#else
+  mprotect(reinterpret_cast<void*>(base), length, PROT_READ | PROT_WRITE);
+#endif
+}
+
+// A mapping goes back to the system clean: whatever is mapped there next starts unpoisoned.
+void Unmap(uintptr_t base, size_t length) {
+#ifdef ZAPROM_EMU_ASAN
+  ASAN_UNPOISON_MEMORY_REGION(reinterpret_cast<void*>(base), length);
+#endif
+  munmap(reinterpret_cast<void*>(base), length);
+}
+
+void ReleaseKeptMappings() {
+  for (const auto& [pages, base] : g->keptMappings) Unmap(base, (pages + 1) * kPage);
+  g->keptMappings.clear();
+  g->keptBytes = 0;
+}
+
+// A freed block's mapping: kept hidden for reuse while there is room, else unmapped.
+void Retire(const MemoryBlock& block) {
+  if (g->keptBytes + block.mapLength > kKeptBytesAtMost) {
+    Unmap(block.mapBase, block.mapLength);
+    return;
+  }
+  Hide(block.mapBase, block.pages * kPage);
+  g->keptMappings.emplace(block.pages, block.mapBase);
+  g->keptBytes += block.mapLength;
+}
+
+// A kept mapping of this many data pages that ends at or below limit + 1, taken out of the keep.
+uintptr_t TakeKeptMapping(size_t pages, uint64_t limit) {
+  auto [first, last] = g->keptMappings.equal_range(pages);
+  for (auto it = first; it != last; ++it) {
+    const uintptr_t base = it->second;
+    if (base + (pages + 1) * kPage - 1 > limit) continue;
+    g->keptMappings.erase(it);
+    g->keptBytes -= (pages + 1) * kPage;
+    Reveal(base, pages * kPage);
+    return base;
+  }
+  return 0;
+}
 
 struct Range {
   uintptr_t begin;
@@ -88,21 +161,30 @@ void* MapBelow(uint64_t limit, size_t length) {
 MemoryBlock* MapBlock(size_t pages, uint64_t limit, uintptr_t fixedAddress, uintptr_t caller) {
   size_t mapLength = (pages + 1) * kPage;
   void* p = nullptr;
+  bool fresh = true;
   if (fixedAddress != 0) {
-    p = mmap(reinterpret_cast<void*>(fixedAddress), mapLength, PROT_READ | PROT_WRITE,
-             MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
-    if (p == MAP_FAILED) return nullptr;
+    // A kept mapping may stand where the caller wants its pages: the keep gives way.
+    for (int attempt = 0; attempt < 2 && p == nullptr; ++attempt) {
+      if (attempt == 1) ReleaseKeptMappings();
+      p = mmap(reinterpret_cast<void*>(fixedAddress), mapLength, PROT_READ | PROT_WRITE,
+               MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+      if (p == MAP_FAILED) p = nullptr;
+    }
+    if (p == nullptr) return nullptr;
     if (reinterpret_cast<uintptr_t>(p) != fixedAddress) {
       munmap(p, mapLength);
       return nullptr;
     }
+  } else if (uintptr_t kept = TakeKeptMapping(pages, limit); kept != 0) {
+    p = reinterpret_cast<void*>(kept);
+    fresh = false;
   } else {
     p = MapBelow(limit, mapLength);
     if (p == nullptr) return nullptr;
   }
   uint8_t* base = static_cast<uint8_t*>(p);
   std::memset(base, kFreshMemoryByte, pages * kPage);
-  mprotect(base + pages * kPage, kPage, PROT_NONE);
+  if (fresh) mprotect(base + pages * kPage, kPage, PROT_NONE);
   MemoryBlock block;
   block.mapBase = reinterpret_cast<uintptr_t>(base);
   block.mapLength = mapLength;
@@ -124,6 +206,9 @@ EFI_STATUS EFIAPI AllocatePool(EFI_MEMORY_TYPE, UINTN size, VOID** buffer) {
 // 7 bytes lands in the rounding rather than the guard. Those bytes keep the fresh-memory byte
 // unless something wrote past the block.
 bool WrittenPastEnd(const MemoryBlock& block) {
+#ifdef ZAPROM_EMU_ASAN
+  return false;  // those bytes are poisoned: ASan has stopped the first write already
+#endif
   if (!block.pool) return false;
   const uint8_t* behind = reinterpret_cast<const uint8_t*>(block.base + block.length);
   const uint8_t* guard = reinterpret_cast<const uint8_t*>(block.mapBase + block.pages * kPage);
@@ -144,7 +229,7 @@ EFI_STATUS EFIAPI FreePool(VOID* buffer) {
                  it->second.length, static_cast<unsigned long long>(it->second.serial));
     ++g->overruns;
   }
-  munmap(reinterpret_cast<void*>(it->second.mapBase), it->second.mapLength);
+  Retire(it->second);
   g->blocks.erase(it);
   return EFI_SUCCESS;
 }
@@ -188,7 +273,7 @@ EFI_STATUS EFIAPI FreePages(EFI_PHYSICAL_ADDRESS memory, UINTN pages) {
                  static_cast<unsigned long long>(memory), static_cast<size_t>(pages), it->second.pages);
     return EFI_INVALID_PARAMETER;
   }
-  munmap(reinterpret_cast<void*>(it->second.mapBase), it->second.mapLength);
+  Retire(it->second);
   g->blocks.erase(it);
   return EFI_SUCCESS;
 }
@@ -208,6 +293,9 @@ void* AllocateHostPool(size_t size, uintptr_t caller) {
   pool.base = pool.mapBase + pages * kPage - rounded;
   pool.length = size;
   g->blocks.emplace(pool.base, pool);
+#ifdef ZAPROM_EMU_ASAN
+  ASAN_POISON_MEMORY_REGION(reinterpret_cast<void*>(pool.base + size), rounded - size);
+#endif
   return reinterpret_cast<void*>(pool.base);
 }
 
@@ -219,8 +307,9 @@ void InstallMemoryServices(EFI_BOOT_SERVICES& services) {
 }
 
 void ReleaseAllMemory() {
-  for (auto& [base, block] : g->blocks) munmap(reinterpret_cast<void*>(block.mapBase), block.mapLength);
+  for (auto& [base, block] : g->blocks) Unmap(block.mapBase, block.mapLength);
   g->blocks.clear();
+  ReleaseKeptMappings();
 }
 
 }  // namespace detail

@@ -32,27 +32,17 @@ VOID FreePoolRaw(VOID* pointer) {
   }
 }
 
+// CopyMem and SetMem are the platform's memmove and memset: the C library's on the host, the
+// firmware build's own in IA32. Overlapping ranges copy as if through a buffer.
 VOID CopyMem(VOID* destination, const VOID* source, UINTN length) {
-  UINT8* to = static_cast<UINT8*>(destination);
-  const UINT8* from = static_cast<const UINT8*>(source);
-  if (to == from || length == 0) {
-    return;
-  }
-  if (to < from || to >= from + length) {
-    for (UINTN i = 0; i < length; i++) {
-      to[i] = from[i];
-    }
-  } else {
-    for (UINTN i = length; i > 0; i--) {
-      to[i - 1] = from[i - 1];
-    }
+  if (destination != source && length != 0) {
+    __builtin_memmove(destination, source, length);
   }
 }
 
 VOID SetMem(VOID* destination, UINTN length, UINT8 value) {
-  volatile UINT8* to = static_cast<volatile UINT8*>(destination);
-  for (UINTN i = 0; i < length; i++) {
-    to[i] = value;
+  if (length != 0) {
+    __builtin_memset(destination, value, length);
   }
 }
 

@@ -26,6 +26,9 @@ constinit OblisSharedBuffer gOblisBuffer2 = {nullptr, 0};
 constexpr UINT32 kBiosAreaStart = 0xE0000;
 constexpr UINT32 kBiosAreaSlots = 0x2000;
 constexpr UINT32 kBiosAreaSlotBytes = 16;
+// The area is read this much at a time; a stretch that cannot be read is read place by place,
+// so that a gap in the memory costs only its own places.
+constexpr UINT32 kBiosAreaChunkBytes = 1024;
 constexpr UINT32 kSignatureLength = 6;
 constexpr UINT32 kPageBytes = 0x1000;
 
@@ -177,11 +180,21 @@ UINT8 GetSmiMainFunctionNumberFromPhysicalMemory() {
   // Composed here so that the whole signature never stands in the driver's constant data.
   CHAR8 signature[kSignatureLength] = {'#', 'O', 'B', 'L', 'I', 'S'};
   signature[0] = '$';
-  UINT8 slot[kBiosAreaSlotBytes];
+  UINT8 chunk[kBiosAreaChunkBytes];
+  UINT8 single[kBiosAreaSlotBytes];
+  Bool chunkRead = false;
   for (UINT32 index = 0; index < kBiosAreaSlots; ++index) {
     UINT32 address = kBiosAreaStart + index * kBiosAreaSlotBytes;
-    if (!ReadPhysicalMemory(address, slot, sizeof(slot))) {
-      continue;
+    UINT32 inChunk = (index * kBiosAreaSlotBytes) % kBiosAreaChunkBytes;
+    if (inChunk == 0) {
+      chunkRead = ReadPhysicalMemory(address, chunk, sizeof(chunk));
+    }
+    const UINT8* slot = chunk + inChunk;
+    if (!chunkRead) {
+      if (!ReadPhysicalMemory(address, single, sizeof(single))) {
+        continue;
+      }
+      slot = single;
     }
     if (CompareMem(slot, signature, kSignatureLength) == 0) {
       UINT8 number = slot[kSignatureLength];

@@ -1,5 +1,5 @@
-// The four memory functions the compiler may call on its own for struct copies and clears in a
-// freestanding IA32 image. The driver's own code uses CopyMem and friends; nothing else lives here.
+// The four memory functions of a freestanding IA32 image: the compiler calls them on its own for
+// struct copies and clears, and the driver's CopyMem and SetMem are memmove and memset.
 #include <stddef.h>
 #include <stdint.h>
 
