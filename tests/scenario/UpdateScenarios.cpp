@@ -112,7 +112,8 @@ TEST(UpdateScenarios, APowerCutKeepsTheOldBvdtAndASecondRunFinishes) {
   EXPECT_TRUE(InOemData(WrittenAddresses(again).back()));
 }
 
-// One refusal of each kind: of the image's size, of the platform, of the version.
+// One refusal of each kind: of the image's size, of the platform, of the version, of a block
+// table that does not make up the ROM.
 TEST(UpdateScenarios, ARefusalLeavesTheFlashAlone) {
   struct Row {
     const char* what;
@@ -134,6 +135,10 @@ TEST(UpdateScenarios, ARefusalLeavesTheFlashAlone) {
            kNothingWritten},
       {"secure payload one byte short", R"({"capsule": {"secure": true}})", zimage::WrapSecure(shortImage, {}, {}),
        "ERROR!\r\nSize not match!\r\n-----+---------\r\n  ROM  0x1000000\r\n File  0xFFFFFF\r\n"},
+      {"a block table that stops at half the ROM", R"({"flash": {"blocks": [{"size": "0x1000", "count": "0x800"}]}})",
+       NewImage("V1.03"), "ERROR!\r\nThe flash blocks cover 0x800000 bytes of the ROM's 0x1000000: the firmware's block table is incomplete.\r\n"},
+      {"an empty block table", R"({"flash": {"blocks": [{"size": "0x1000", "count": 0}]}})", NewImage("V1.03"),
+       "ERROR!\r\nThe flash blocks cover 0x0 bytes of the ROM's 0x1000000: the firmware's block table is incomplete.\r\n"},
       {"a legacy image on a secure platform", R"({"capsule": {"secure": true}})", NewImage("V1.03"),
        "It only supports to flash secure BIOS on current platform.\r\nThe image to be updated is not a secure BIOS.\r\n"
        "\r\n\n" + kNothingWritten},

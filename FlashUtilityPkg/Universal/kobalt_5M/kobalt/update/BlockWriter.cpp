@@ -39,6 +39,8 @@ constexpr CHAR16 kTraceEfiUpdate[] = u" Efi update via15h\r\n-----+------------\
 constexpr CHAR16 kTraceEntireLegacy[] = u" entire Legacy\r\n-----+------\r\n  13h  0x%x\r\n   FD  0x%x\r\n   EC  %dK";
 constexpr CHAR16 kTraceRegionLegacy[] = u" region Legacy\r\n-----+------\r\n  17h  0x%x\r\n   FD  0x%x\r\n   EC  %dK";
 constexpr CHAR16 kErrorBlocksPastRom[] = u"ERROR!\r\nThe flash blocks reach past the ROM size. (0x%x)\r\n";
+constexpr CHAR16 kErrorBlocksShortOfRom[] =
+    u"ERROR!\r\nThe flash blocks cover 0x%x bytes of the ROM's 0x%x: the firmware's block table is incomplete.\r\n";
 constexpr CHAR16 kErrorBlocksPastBuffer[] = u"ERROR!\r\nThe flash blocks reach past the update buffer. (0x%x)\r\n";
 constexpr CHAR16 kLabelBlockTable[] = u"===== Rom Block Protect Table =====\r\n";
 constexpr CHAR16 kTraceWriteBvdt[] = u"Write BVDT block 0x%08x size 0x%x\r\n";
@@ -99,12 +101,12 @@ UINT32 WriteAttempts() {
 
 // The blocks are laid end to end from the start of the buffer; a part whose blocks add up to
 // more than bytes is refused before anything is written.
-Bool BlocksFit(const FlashBlock* table, UINT32 count, UINT32 bytes) {
+UINT64 BlocksTotal(const FlashBlock* table, UINT32 count) {
   UINT64 total = 0;
   for (UINT32 i = 0; i < count; i++) {
     total += table[i].size;
   }
-  return total <= bytes;
+  return total;
 }
 
 // The bar's position for block index of count: integer percent; a single-block flash shows 0
@@ -305,11 +307,18 @@ Bool WriteBlocks(ImageView buffer) {
   if (count > kFlashBlockEntries) {
     count = kFlashBlockEntries;
   }
-  if (!BlocksFit(table, count, GetRomSize())) {
+  // The blocks must make up the ROM exactly: a table that stops short would leave part of the
+  // image unwritten and still end in a completed update.
+  UINT64 total = BlocksTotal(table, count);
+  if (total > GetRomSize()) {
     Print(kErrorBlocksPastRom, GetRomSize());
     return trace.Fail(kReasonBlockTable);
   }
-  if (!BlocksFit(table, count, buffer.length)) {
+  if (total < GetRomSize()) {
+    Print(kErrorBlocksShortOfRom, (UINT32)total, GetRomSize());
+    return trace.Fail(kReasonBlockTable);
+  }
+  if (total > buffer.length) {
     Print(kErrorBlocksPastBuffer, buffer.length);
     return trace.Fail(kReasonBlockTable);
   }
