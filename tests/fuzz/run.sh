@@ -15,6 +15,7 @@ case "$name" in
   # run every input twice for the simulator's allocations, which live exactly one input.
   # A merged file needs room for an EC part in front of the 8 KB part.
   ec_answer) seeds=("$root/tests/fuzz/seeds/ec_answer"); options=(-detect_leaks=0) ;;
+  answers) seeds=(); options=(-detect_leaks=0) ;;
   ec_merged) seeds=("$root/tests/fuzz/seeds/ec_merged"); options=(-detect_leaks=0 -max_len=16384) ;;
   launcher_slot | hidden_volume) seeds=("$root/tests/fuzz/seeds/launcher") ;;
   *) seeds=() ;;

@@ -97,7 +97,7 @@ VOID BuildInfo(CommonFlashInfo* info) {
   info->ac = GetAcStatus() == kAcOnline ? 1 : 0;
   info->dcPresent = dc != kNoBattery ? 1 : 0;
   info->dcPercent = info->dcPresent ? dc : 0;
-  PlatformInfo platform;
+  alignas(2) PlatformInfo platform;
   GetPlatformInfo(&platform);
   // The firmware's texts come from an answer: they are cut at their array's end whatever it held.
   platform.modelName[sizeof(platform.modelName) / sizeof(CHAR16) - 1] = 0;

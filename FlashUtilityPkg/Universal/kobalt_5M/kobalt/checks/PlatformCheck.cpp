@@ -97,7 +97,7 @@ constexpr CHAR8 kNotAvailableAscii[] = "N/A";
 
 struct PlatformCheckState {
   Bool allChecksOff;
-  PlatformInfo platform;  // the latest copy of what function 11h said
+  alignas(2) PlatformInfo platform;  // the latest copy of what function 11h said
 };
 constinit PlatformCheckState gCheck = {};
 

@@ -54,7 +54,11 @@ constexpr UINT16 kVendorToshiba = 0x1179;
 constexpr UINT16 kVendorLenovo = 0x17AA;
 
 #pragma pack(push, 1)
+// The two strings come first so that they stand on even addresses in every copy declared
+// alignas(2): the 16-bit characters are read in place.
 struct PlatformInfo {
+  CHAR16 modelName[256];
+  CHAR16 modelVersion[256];
   Bool modelNameCheck;
   Bool modelVersionCheck;
   Bool allowSameVersion;
@@ -64,8 +68,6 @@ struct PlatformInfo {
   Bool disableComparison;
   Bool enableExtended;
   Bool allowAlpCommand;
-  CHAR16 modelName[256];
-  CHAR16 modelVersion[256];
 };
 #pragma pack(pop)
 static_assert(sizeof(PlatformInfo) == 0x409, "PlatformInfo is 0x409 bytes");

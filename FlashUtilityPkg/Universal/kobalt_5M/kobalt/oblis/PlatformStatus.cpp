@@ -25,7 +25,7 @@ constexpr UINT32 kAcpiOemIdOffset = 10;
 struct PlatformState {
   UINT8 status[kPlatformStatusBytes];
   UINT16 vendorId;
-  PlatformInfo info;
+  alignas(2) PlatformInfo info;
 };
 
 // The vendor number starts as the one value for which no vendor case applies.
