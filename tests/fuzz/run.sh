@@ -16,6 +16,7 @@ case "$name" in
   # A merged file needs room for an EC part in front of the 8 KB part.
   ec_answer) seeds=("$root/tests/fuzz/seeds/ec_answer"); options=(-detect_leaks=0) ;;
   answers) seeds=(); options=(-detect_leaks=0) ;;
+  texts) seeds=("$root/tests/fuzz/seeds/texts"); options=(-detect_leaks=0 -dict="$root/tests/fuzz/texts.dict") ;;
   ec_merged) seeds=("$root/tests/fuzz/seeds/ec_merged"); options=(-detect_leaks=0 -max_len=16384) ;;
   launcher_slot | hidden_volume) seeds=("$root/tests/fuzz/seeds/launcher") ;;
   *) seeds=() ;;
