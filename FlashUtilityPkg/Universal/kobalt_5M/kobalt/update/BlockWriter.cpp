@@ -427,6 +427,7 @@ VOID ResetUpdateState() {
   ResetEcState();
   ResetOemMeState();
   ResetRegionState();
+  ResetPfatState();
 }
 
 VOID ReleaseUpdateMemory() {
