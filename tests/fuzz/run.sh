@@ -16,8 +16,8 @@ case "$name" in
   # A merged file needs room for an EC part in front of the 8 KB part.
   ec_answer) seeds=("$root/tests/fuzz/seeds/ec_answer"); options=(-detect_leaks=0) ;;
   ec_merged) seeds=("$root/tests/fuzz/seeds/ec_merged"); options=(-detect_leaks=0 -max_len=16384) ;;
-  pfat_answer | road_options) seeds=("$root/tests/fuzz/seeds/$name"); options=(-detect_leaks=0) ;;
-  # A PFAT image holds its flash data and two tables: room for the 64 KB part and them.
+  road_options) seeds=("$root/tests/fuzz/seeds/$name"); options=(-detect_leaks=0) ;;
+  # A PFAT image holds its flash data and two tables (and perhaps the 41h answer in front).
   pfat_image) seeds=("$root/tests/fuzz/seeds/pfat_image"); options=(-detect_leaks=0 -max_len=131072) ;;
   launcher_slot | hidden_volume) seeds=("$root/tests/fuzz/seeds/launcher") ;;
   *) seeds=() ;;

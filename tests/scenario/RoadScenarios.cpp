@@ -1,7 +1,5 @@
-// The roads beside the block writer's, through the front end: typed data items for the firmware
-// (-edt) arriving byte for byte and in the right pieces, the direct write (-e:) writing exactly
-// its stretch, and PFAT images going to the firmware packet by packet; every refusal leaves the
-// flash alone.
+// The roads beside the block writer's, through the front end: -edt items arriving byte for byte,
+// -e: writing exactly its stretch, PFAT images going packet by packet; a refusal writes nothing.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -21,8 +19,7 @@ Bytes Pattern(uint32_t size, uint8_t seed) {
   return bytes;
 }
 
-// What reached the firmware through 42h: each piece's byte count, and behind each last piece
-// "=type:hex" (or "=type:size" past 64 bytes), all in order.
+// Each 42h piece's byte count and, behind an item's last piece, "=type:hex" (or "=type:size").
 std::string Received(const SimResult& result) {
   std::string text;
   for (const SmiCall& call : result.calls) {
@@ -58,7 +55,6 @@ TEST(RoadScenarios, ExtraDataItemsReachTheFirmwareByteForByteAndFlashNothing) {
       {"a missing file", {"-edt4f:none.bin"}, taken, "", "\rLoad file (none.bin) fail.\r\n"},
       {"a piece larger than the shared buffer", {"-edt4f:x30000.bin"}, taken, "",
        "Error: The extra data (0x30000 bytes) does not fit the pieces of function 42h.\r\nNothing was sent.\r\n"},
-      {"a firmware without the functions", {"-edt4s:Ab"}, "", "", "\r                           Update type - 0x4  \r\n"},
       {"the item before a failing one stays sent", {"-edt4s:A", "-edt5s:B"}, R"({"extra_data": {}, "faults": {"42h": {"code": "0x25", "after": 1}}})",
        "2 =4:4100 ", ""},
   };
@@ -86,7 +82,7 @@ TEST(RoadScenarios, TheDirectWriteWritesExactlyItsStretchOrNothing) {
     const char* what;
     std::string option;
     uint32_t fileSize;
-    uint32_t offset, size;  // the stretch of the file expected at 0xFFF00000; size 0: nothing written
+    uint32_t offset, size;  // the stretch of the file expected at 0xFFF00000
     std::string console;
   };
   const Row rows[] = {
@@ -110,21 +106,17 @@ TEST(RoadScenarios, TheDirectWriteWritesExactlyItsStretchOrNothing) {
     SCOPED_TRACE(row.what);
     const Bytes file = Pattern(row.fileSize, 0x5A);
     SimResult result = RunTool("", DefaultFlash(), file, {row.option});
-    EXPECT_EQ(result.exitCode, row.console.find("Error") == std::string::npos ? 0 : 1)
-        << result.console;
+    EXPECT_EQ(result.exitCode, row.console.find("Error") == std::string::npos ? 0 : 1) << result.console;
     Bytes expected = DefaultFlash();
-    std::copy(file.begin() + row.offset, file.begin() + row.offset + row.size,
-              expected.begin() + (0xFFF00000 - kRomBase));
+    std::copy(file.begin() + row.offset, file.begin() + row.offset + row.size, expected.begin() + (0xFFF00000 - kRomBase));
     EXPECT_EQ(FirstDifference(result.flash, expected), std::string::npos);
     EXPECT_EQ(Count(result, "15h"), (row.size + 0xFFF) / 0x1000);
     EXPECT_NE(result.console.find(row.console), std::string::npos) << result.console;
-    // No model, version or BVDT step stands between the file and the flash.
-    EXPECT_EQ(Count(result, "1Ah"), 0u);
+    EXPECT_EQ(Count(result, "1Ah"), 0u);  // no model, version or BVDT step comes first
   }
 }
 
-// The default machine's BIOS region (its upper half) in blocks of 64 KB; the first nine blocks lie
-// in its protection and private lists, the tenth holds the BVDT.
+// The default BIOS region (the upper half) in 64 KB blocks: nine protected, the tenth the BVDT's.
 constexpr uint32_t kBiosStart = 0x800000, kPfatBlock = 0x10000, kFirstOpen = 0x890000;
 const std::string kPfatMachine = R"({"pfat": {"enabled": true}})";
 
@@ -150,76 +142,66 @@ Bytes WithField(Bytes image, size_t offset, uint32_t value) {
 // Flash addresses of the packets the firmware received, in order.
 std::vector<uint32_t> PacketAddresses(const SimResult& result) {
   std::vector<uint32_t> addresses;
-  for (const SmiCall& call : result.calls) {
-    if (call.fn == "42h" && call.record.contains("received") && call.record["received"].contains("address")) {
+  for (const SmiCall& call : result.calls)
+    if (call.fn == "42h" && call.record.value("received", nlohmann::json::object()).contains("address"))
       addresses.push_back(call.record["received"]["address"].get<uint32_t>());
-    }
-  }
   return addresses;
 }
 
-TEST(RoadScenarios, APfatImageReachesTheFlashPacketByPacketOutsideProtectedBlocks) {
-  const Bytes image = PfatImage();
-  const Bytes& before = DefaultFlash();
-  SimResult result = RunTool(kPfatMachine, before, image, {"-dbg"});
-  ASSERT_EQ(result.exitCode, 0) << result.console << result.errors;
-  Bytes expected = before;
-  std::copy(image.begin() + kFirstOpen, image.begin() + before.size(), expected.begin() + kFirstOpen);
-  EXPECT_EQ(FirstDifference(result.flash, expected), std::string::npos);
-  // One packet per open block, in block order: the BVDT block goes where it stands.
-  std::vector<uint32_t> wanted;
-  for (uint32_t at = kFirstOpen; at < before.size(); at += kPfatBlock) wanted.push_back(kRomBase + at);
-  EXPECT_EQ(PacketAddresses(result), wanted);
-  EXPECT_EQ(Count(result, "15h"), 0u);
-  // Only the last packet sent carries CL 0.
-  size_t lastMarks = 0;
-  for (const SmiCall& call : result.calls) lastMarks += call.fn == "42h" && (call.in["ecx"].get<uint32_t>() & 0xFF) == 0;
-  EXPECT_EQ(lastMarks, 1u);
-  ExpectInOrder(result.console, {"PFAT updating      7 % ", "PFAT updating    100 % "}, "progress");
-  ExpectInOrder(result.log, {"cert signature found.", "checksum valid\r\n", "SCU PFAT |enable|\r\n",
-                             "00 block protected ( 0xFF800000 )\r\n", "  9 block updating ( 0xEF )\r\n",
-                             "127 block updating ( 0x00 )\r\n"}, "trace");
-}
-
-TEST(RoadScenarios, APfatRunThatFailsOrIsRefusedLeavesWhatItWroteAndNothingMore) {
+// Each row's flash ends new in the first packetsWritten open blocks (all of them through the
+// block writer), old elsewhere; packets go in block order, CL 0 only on the last of a whole run.
+TEST(RoadScenarios, APfatRunWritesItsOpenBlocksPacketByPacketOrIsRefusedBeforeTheFirst) {
   struct Row {
     const char* what;
     std::string machine;
     Bytes image;
-    uint32_t packetsWritten;  // the open blocks from the first that must be new
+    uint32_t packetsWritten;
     bool viaBlockWriter;
-    std::string console;
+    int exitCode;
+    size_t calls41h;  // an image the checks refuse never reaches the firmware
+    std::string console, log;
   };
   const Bytes good = PfatImage();
   const size_t headers = Text(good).find("$PFATHDR");
-  Bytes corrupt = good;
+  Bytes corrupt = good, unsigned_ = good;
   corrupt[0x900123] ^= 1;
-  Bytes unsigned_ = good;
   unsigned_[Text(good).find("$PFATCER") + 1] = 'X';
+  const uint32_t all = (0x1000000 - kFirstOpen) / kPfatBlock;
   const Row rows[] = {
+      {"every open block, the BVDT block where it stands", kPfatMachine, good, all, false, 0, 1 + 2 * all,
+       "PFAT updating    100 % ", "127 block updating ( 0x00 )\r\n"},
       {"incorrect data once five packets are in", R"({"pfat": {"enabled": true, "bad_answer_after": 5}})", good, 5,
-       false, "BIOS return data incorrect!\r\nOBLIS: Extra Data communcation error in SMI!\r\n"},
-      {"a wrong image checksum", kPfatMachine, corrupt, 0, false, "Error: PFAT image NOT valid.\r\n"},
-      {"no certificate table", kPfatMachine, unsigned_, 0, false, "Error: PFAT is not signed\r\n"},
-      {"a block count past the tables", kPfatMachine, WithField(good, headers + 12, 0x1000), 0, false,
-       "Error: PFAT tables reach past the end of the file"},
-      {"a packet past the shared buffer", kPfatMachine, WithField(good, headers + 20, 0x20000), 0, false,
-       "Error: A PFAT packet of 0x20120 bytes does not fit the OBLIS buffer (0x20000 bytes).\r\n"},
-      {"blocks past the flash data", kPfatMachine, WithField(good, headers + 20, 0x11000), 0, false,
-       "Error: PFAT block count 0x80 does not match the flash data (0x1000000 bytes from offset 0x800000).\r\n"},
-      {"a firmware without PFAT takes the flash data block by block", R"({"extra_data": {}})", good, 0, true, ""},
+       false, 1, 11, "BIOS return data incorrect!\r\nOBLIS: Extra Data communcation error in SMI!\r\n", ""},
+      {"a wrong image checksum", kPfatMachine, corrupt, 0, false, 1, 0, "Error: PFAT image NOT valid.\r\n", ""},
+      {"no certificate table", kPfatMachine, unsigned_, 0, false, 1, 0, "Error: PFAT is not signed\r\n", ""},
+      {"a block count past the tables", kPfatMachine, WithField(good, headers + 12, 0x1000), 0, false, 1, 0,
+       "Error: PFAT tables reach past the end of the file", ""},
+      {"a packet past the shared buffer", kPfatMachine, WithField(good, headers + 20, 0x20000), 0, false, 1, 0,
+       "Error: A PFAT packet of 0x20120 bytes does not fit the OBLIS buffer (0x20000 bytes).\r\n", ""},
+      {"blocks past the flash data", kPfatMachine, WithField(good, headers + 20, 0x11000), 0, false, 1, 1,
+       "Error: PFAT block count 0x80 does not match the flash data (0x1000000 bytes from offset 0x800000).\r\n", ""},
+      {"a firmware without PFAT takes the flash data block by block", R"({"pfat": {"enabled": false}})", good, 0, true, 0, 1,
+       "", ""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    SimResult result = RunTool(row.machine, DefaultFlash(), row.image, {});
-    EXPECT_EQ(result.exitCode, row.console.empty() ? 0 : 1) << result.console;
+    SimResult result = RunTool(row.machine, DefaultFlash(), row.image, {"-dbg"});
+    EXPECT_EQ(result.exitCode, row.exitCode) << result.console;
     EXPECT_NE(result.console.find(row.console), std::string::npos) << result.console;
     Bytes expected = DefaultFlash();
-    const uint32_t end = row.viaBlockWriter ? static_cast<uint32_t>(expected.size()) : kFirstOpen + row.packetsWritten * kPfatBlock;
+    const uint32_t end = row.viaBlockWriter ? 0x1000000 : kFirstOpen + row.packetsWritten * kPfatBlock;
     std::copy(row.image.begin() + kFirstOpen, row.image.begin() + end, expected.begin() + kFirstOpen);
     EXPECT_EQ(FirstDifference(result.flash, expected), std::string::npos);
-    EXPECT_EQ(PacketAddresses(result).size(), row.packetsWritten);
+    std::vector<uint32_t> wanted;
+    for (uint32_t i = 0; i < row.packetsWritten; ++i) wanted.push_back(kRomBase + kFirstOpen + i * kPfatBlock);
+    EXPECT_EQ(PacketAddresses(result), wanted);
+    for (size_t i = 0, sent = 0; i < result.calls.size(); ++i) {
+      if (result.calls[i].fn != "42h") continue;
+      EXPECT_EQ((result.calls[i].in["ecx"].get<uint32_t>() & 0xFF) == 0, ++sent == all) << i;
+    }
     EXPECT_EQ(Count(result, "15h") != 0, row.viaBlockWriter);
+    EXPECT_EQ(Count(result, "41h"), row.calls41h);
+    EXPECT_NE(result.log.find(row.log), std::string::npos);
   }
 }
 

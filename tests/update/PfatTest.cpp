@@ -46,19 +46,10 @@ TEST_F(Pfat, TheAnswerOf41hPassesOnlyWithItsSizeAndNoStatusBitButTheResultMark) 
     LoadSettings("[Others]\nSMIErrorRetry=0\nSMIErrorRetryDelay=1\n");
     ASSERT_TRUE(InitialSmi());
     answers[0x41] = [&row](OblisRegisters& r) {
-      uint8_t* record = At(r.ecx);
-      EXPECT_EQ(std::memcmp(record, "$EDI", 4), 0);
-      EXPECT_EQ(record[4], 14);
-      EXPECT_EQ(record[8], 0x5A);
-      EXPECT_EQ(record[9], 0xFF);
-      bed::PutU32(record + 4, row.length);
-      record[8] = row.blockIndex;
-      record[9] = row.dataIndex;
-      bed::PutU32(record + 10, row.taken);
-      record[14] = (uint8_t)row.status;
-      record[15] = (uint8_t)(row.status >> 8);
-      const uint64_t further = 0x1122334455667788ull;
-      std::memcpy(record + 16, &further, 8);
+      EXPECT_EQ(std::memcmp(At(r.ecx), "$EDI\x0e\0\0\0\x5a\xff", 10), 0);
+      const OblisExtraDataRecord answer = {{'$', 'E', 'D', 'I'}, row.length, row.blockIndex, row.dataIndex,
+                                           row.taken, row.status, 0x1122334455667788ull};
+      std::memcpy(At(r.ecx), &answer, sizeof(answer));
       bed::Answer(r, row.al);
     };
     UINT64 handedOn = 0;
