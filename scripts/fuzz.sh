@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-600}; shift || true
-harnesses=("$@"); [ ${#harnesses[@]} -eq 0 ] && harnesses=(machine image_description image_info launcher_slot hidden_volume ec_answer ec_merged answers texts)
+harnesses=("$@"); [ ${#harnesses[@]} -eq 0 ] && harnesses=(machine image_description image_info launcher_slot hidden_volume ec_answer ec_merged answers texts pfat_image road_options)
 cmake -S tests/fuzz -B build-fuzz -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug >/dev/null
 cmake --build build-fuzz -j"$(nproc)"
 for h in "${harnesses[@]}"; do

@@ -149,4 +149,29 @@ struct OblisFinishRecord {
 };
 static_assert(sizeof(OblisFinishRecord) == 13, "$FINISHI record is 13 bytes");
 
+// Function 41h: the "$EDI" record that announces typed data or asks for a result, staged at the
+// start of the shared buffer; the firmware answers in the same place.
+struct OblisExtraDataRecord {
+  CHAR8 signature[4];  // "$EDI"
+  UINT32 length;       // in: 14; out: the answer's length
+  UINT8 type;          // in: the data type; out: a block size index
+  UINT8 sizeIndex;     // 0xFF: the size field counts
+  UINT32 size;         // in: the data's bytes; out: the bytes the firmware can take
+  UINT16 status;       // out
+  UINT64 further;      // out, valid with kExtraDataFurtherValid
+};
+static_assert(offsetof(OblisExtraDataRecord, size) == 10 && offsetof(OblisExtraDataRecord, status) == 14 &&
+                  offsetof(OblisExtraDataRecord, further) == 16,
+              "$EDI record fields");
+constexpr UINT32 kExtraDataRequestBytes = 14;
+constexpr UINT32 kExtraDataAnswerBytes = 0x34;  // what the tool keeps of the answer
+constexpr UINT8 kExtraDataSizeFieldCounts = 0xFF;
+constexpr UINT8 kExtraDataTypePacket = 0x58;  // a signed flash packet follows through 42h
+constexpr UINT8 kExtraDataTypeResult = 0x5A;  // the result of the last packet
+constexpr UINT16 kExtraDataTypeUnsupported = 0x8000;
+constexpr UINT16 kExtraDataFurtherValid = 0x2000;
+// 42h's CL: more pieces follow, or this is the last.
+constexpr UINT8 kExtraDataMorePieces = 0xEF;
+constexpr UINT8 kExtraDataLastPiece = 0;
+
 #pragma pack(pop)

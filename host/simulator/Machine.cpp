@@ -535,6 +535,10 @@ void ReadTop(const json& document, Machine& m) {
       const std::string problem = ReadConversationKey(name, v, m.conversation);
       if (!problem.empty()) throw BadValue{problem};
     }
+    else if (IsPacketKey(name)) {
+      const std::string problem = ReadPacketKey(name, v, m.packets);
+      if (!problem.empty()) throw BadValue{problem};
+    }
     else if (name == "acpi") ReadAcpi(v, m);
     else if (name == "oblis") ReadOblis(v, m);
     else if (name == "volumes") ReadVolumes(v, m);

@@ -89,11 +89,13 @@ struct Simulator::State {
   bool capsuleReceived = false;            // set by a 48h that took an image, for its trace line
   ConversationState conversationState;
   EcService ec;
-  nlohmann::ordered_json received;  // what 19h, 1Bh, 20h, 21h, 44h, 45h or 49h read, for its trace line
+  PacketService packets;
+  nlohmann::ordered_json received;  // what 19h, 1Bh, 20h, 21h, 41h, 42h, 44h, 45h or 49h read, for its trace line
 
   State(Machine m, std::vector<uint8_t> content, MemoryAccess access, std::vector<uint8_t> ecContent)
       : machine(std::move(m)), flash(machine, std::move(content)), memory(std::move(access)),
-        legacy(BuildLegacyArea(machine)), rtc(machine.rtc), ec(machine.ec, std::move(ecContent)) {
+        legacy(BuildLegacyArea(machine)), rtc(machine.rtc), ec(machine.ec, std::move(ecContent)),
+        packets(machine.packets) {
     for (const IoPortValue& port : machine.ioPorts) {
       for (uint32_t i = 0; i < port.width; ++i) ports[static_cast<uint16_t>(port.port + i)] = static_cast<uint8_t>(port.value >> (8 * i));
     }
@@ -123,6 +125,7 @@ struct Simulator::State {
   Answer ExternalMaps(const OblisRegisters& in);
   Answer Capsule(const OblisRegisters& in);
   Answer EcFunction(uint8_t function, const OblisRegisters& in);
+  Answer PacketFunction(uint8_t function, const OblisRegisters& in);
   bool FaultFires(uint8_t function, uint8_t& code);
   void Trace(uint8_t function, const OblisRegisters& in, const OblisRegisters& out);
 };
@@ -276,6 +279,30 @@ Answer Simulator::State::EcFunction(uint8_t function, const OblisRegisters& in) 
   return {answer.status, {}, (in.ecx & 0xFFFFFF00u) | *answer.cl};
 }
 
+Answer Simulator::State::PacketFunction(uint8_t function, const OblisRegisters& in) {
+  const PacketRead read = [this](uint32_t address, void* out, uint32_t length) { Read(address, out, length); };
+  PacketAnswer answer;
+  if (function == 0x41) {
+    answer = packets.Announce(in, read,
+                              [this](uint32_t address, const void* data, uint32_t length) { Write(address, data, length); });
+  } else {
+    // A packet goes to the flash only through the flash driver, as a block write would.
+    const PacketFlash toFlash = [this](uint32_t address, const std::vector<uint8_t>& data) {
+      flashAccess = FlashAccess{"write", address, static_cast<uint32_t>(data.size())};
+      return flash.Write(address, data);
+    };
+    const PacketGuard guarded = [this](uint32_t address, uint32_t length) {
+      for (const Region& r : machine.protection) {
+        if (address < uint64_t{r.address} + r.size && r.address < uint64_t{address} + length) return true;
+      }
+      return false;
+    };
+    answer = packets.Piece(in, read, toFlash, guarded);
+  }
+  received = std::move(answer.received);
+  return {answer.status, {}, {}};
+}
+
 Answer Simulator::State::Dispatch(uint8_t function, const OblisRegisters& in) {
   switch (function) {
     case 0x10: return PlatformStatus(in);
@@ -298,6 +325,8 @@ Answer Simulator::State::Dispatch(uint8_t function, const OblisRegisters& in) {
     case 0x20:
     case 0x21:
     case 0x49: return EcFunction(function, in);
+    case 0x41:
+    case 0x42: return PacketFunction(function, in);
     case 0x19:
     case 0x1B:
     case 0x44:

@@ -14,6 +14,7 @@
 #include "CapsuleService.h"
 #include "ConversationService.h"
 #include "EcService.h"
+#include "PacketService.h"
 #include "OblisWire.h"
 #include "Rtc.h"
 
@@ -145,6 +146,7 @@ struct Machine {
   ConversationBehaviour conversation;  // functions 19h, 1Bh, 44h and 45h
   EcBehaviour ec;                      // functions 21h and 20h
   std::optional<uint16_t> factoryCopy;  // 49h: the status bits it answers; none: 0xEF
+  PacketBehaviour packets;              // functions 41h and 42h: extra data and PFAT packets
   bool operator==(const Machine&) const = default;
 };
 

@@ -256,6 +256,11 @@ std::vector<uint8_t> BuildImage(const ImageDescription& d) {
   if (FindRegion(d, SpiRegion::Descriptor)) WriteDescriptor(flash, d);
   if (d.bvdt) WriteBvdt(flash, *d.bvdt);
   if (d.oblisMap) WriteMap(flash + MapOffset(d), *d.oblisMap);
+  if (d.pfat) {
+    const RegionSpec* bios = FindRegion(d, SpiRegion::Bios);
+    if (bios == nullptr) throw ImageError("pfat: the image needs a BIOS region");
+    AppendPfatTables(file, ecSize, bios->offset, bios->size, d.size, *d.pfat);
+  }
   if (d.secure) {
     file = WrapSecure(std::vector<uint8_t>(file.begin() + ecSize, file.end()),
                       std::vector<uint8_t>(file.begin(), file.begin() + ecSize), *d.secure);

@@ -166,7 +166,7 @@ uint32_t ParseSize(const json& value, const std::string& where) {
 }
 
 ImageDescription ParseImageDescription(const json& document, const std::string& baseDirectory) {
-  CheckKeys(document, {"size", "fill", "regions", "bvdt", "oblis_map", "ec", "secure"}, "description");
+  CheckKeys(document, {"size", "fill", "regions", "bvdt", "oblis_map", "ec", "secure", "pfat"}, "description");
   ImageDescription description;
   if (!document.contains("size")) Fail("description", "needs \"size\"");
   description.size = ParseSize(document["size"], "size");
@@ -202,6 +202,16 @@ ImageDescription ParseImageDescription(const json& document, const std::string& 
     SecureSpec spec;
     if (document["secure"].contains("ini")) spec.ini = ParseText(document["secure"]["ini"], "secure.ini");
     description.secure = spec;
+  }
+  if (document.contains("pfat")) {
+    const json& pfat = document["pfat"];
+    CheckKeys(pfat, {"block_size", "header_size", "certificate_size"}, "pfat");
+    PfatSpec spec;
+    if (pfat.contains("block_size")) spec.blockSize = ParseSize(pfat["block_size"], "pfat.block_size");
+    if (pfat.contains("header_size")) spec.headerSize = ParseSize(pfat["header_size"], "pfat.header_size");
+    if (pfat.contains("certificate_size")) spec.certificateSize = ParseSize(pfat["certificate_size"], "pfat.certificate_size");
+    if (description.secure) Fail("pfat", "a secure image carries no PFAT tables");
+    description.pfat = spec;
   }
   return description;
 }

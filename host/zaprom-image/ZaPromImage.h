@@ -76,6 +76,14 @@ struct SecureSpec {
   std::string ini;  // platform.ini text carried in the INI slot
 };
 
+// The two tables of a PFAT image behind the flash file: one header and one certificate per
+// block of the BIOS region, and the checksum of the whole file.
+struct PfatSpec {
+  uint32_t blockSize = 0x10000;
+  uint32_t headerSize = 0x20;
+  uint32_t certificateSize = 0x100;
+};
+
 struct ImageDescription {
   uint32_t size = 0;  // the flash part, a power of two
   Fill fill;          // bytes that no region covers
@@ -84,6 +92,7 @@ struct ImageDescription {
   std::optional<OblisMapSpec> oblisMap;
   std::optional<EcSpec> ec;
   std::optional<SecureSpec> secure;  // with it the EC image goes into the EC slot, not in front
+  std::optional<PfatSpec> pfat;      // the PFAT tables behind the file (not with secure)
 };
 
 // Sizes may be numbers or texts: "16 MB", "64K", "0x1000", "4096".
@@ -147,6 +156,22 @@ struct ImageInfo {
 };
 
 ImageInfo InspectImage(const std::vector<uint8_t>& file);
+
+// ---- PFAT images ----
+// The sum of all bytes of the file, the four at checksumOffset counted as 0.
+uint32_t PfatChecksum(const std::vector<uint8_t>& file, size_t checksumOffset);
+// Appends the header and certificate tables for the BIOS region at biosOffset of the flash image
+// that starts at ecSize in file, and sets the checksum.
+void AppendPfatTables(std::vector<uint8_t>& file, uint32_t ecSize, uint32_t biosOffset, uint32_t biosSize,
+                      uint32_t flashSize, const PfatSpec& spec);
+struct PfatInfo {
+  uint32_t fdSize = 0;  // the bytes in front of the header table
+  uint32_t blockCount = 0, headerSize = 0, blockSize = 0, certificateSize = 0;
+  bool signed_ = false;  // a certificate table is there
+  uint32_t storedChecksum = 0, checksum = 0;
+};
+std::optional<PfatInfo> InspectPfat(const std::vector<uint8_t>& file);
+std::string FormatPfatInfo(const PfatInfo& info);
 std::string FormatImageInfo(const ImageInfo& info);
 // The name of a region type of the "$OBLIS" map, as the tool's map displays show it.
 const char* MapRegionTypeName(uint8_t type);

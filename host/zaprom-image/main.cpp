@@ -112,7 +112,9 @@ int Build(const std::string& descriptionPath, const std::string& outPath) {
 }
 
 int Info(const std::string& imagePath) {
-  std::fputs(zimage::FormatImageInfo(zimage::InspectImage(ReadAll(imagePath))).c_str(), stdout);
+  const std::vector<uint8_t> image = ReadAll(imagePath);
+  std::fputs(zimage::FormatImageInfo(zimage::InspectImage(image)).c_str(), stdout);
+  if (const auto pfat = zimage::InspectPfat(image)) std::fputs(zimage::FormatPfatInfo(*pfat).c_str(), stdout);
   return 0;
 }
 

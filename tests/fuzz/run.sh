@@ -18,6 +18,9 @@ case "$name" in
   answers) seeds=(); options=(-detect_leaks=0) ;;
   texts) seeds=("$root/tests/fuzz/seeds/texts"); options=(-detect_leaks=0 -dict="$root/tests/fuzz/texts.dict") ;;
   ec_merged) seeds=("$root/tests/fuzz/seeds/ec_merged"); options=(-detect_leaks=0 -max_len=16384) ;;
+  road_options) seeds=("$root/tests/fuzz/seeds/$name"); options=(-detect_leaks=0) ;;
+  # A PFAT image holds its flash data and two tables (and perhaps the 41h answer in front).
+  pfat_image) seeds=("$root/tests/fuzz/seeds/pfat_image"); options=(-detect_leaks=0 -max_len=131072) ;;
   launcher_slot | hidden_volume) seeds=("$root/tests/fuzz/seeds/launcher") ;;
   *) seeds=() ;;
 esac

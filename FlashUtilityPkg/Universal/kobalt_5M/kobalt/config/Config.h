@@ -170,6 +170,8 @@ constexpr UINTN kCommandTextCharacters = 512;
 Bool ParseCommandLine(CHAR16* imageName, CHAR16* commandText);
 // The help; pageKey waits for the key between screens (the caller tells the firmware of it).
 VOID DisplayUsage(CHAR16 (*pageKey)());
+// Blanks and tabs, one "0x", then hex digits up to the first other character.
+UINT32 ParseHex(const CHAR16* text);
 Bool ChkFilterArg(const CHAR16* commandText);
 // The firmware's command filter as the filters read it: the entries and their count.
 struct CommandFilter {

@@ -34,7 +34,6 @@ Bool MatchText(Bool caseSensitive, const CHAR16* text, const CHAR16* literal, IN
 // Copies the word at position (up to separator or end) into token, at most capacity - 1
 // characters; position moves behind the separator. False once position reaches the end.
 Bool NextToken(const CHAR16* text, CHAR16 separator, UINT16* position, CHAR16* token, UINTN capacity);
-UINT32 ParseHex(const CHAR16* text);
 // The format test of an extra-data option ("edt4f:logo.jpg"); lower-cases its first six
 // characters in place and prints its own warning.
 Bool IsValidCommand_edt(CHAR16* text);

@@ -166,37 +166,6 @@ VOID FlashCompletePause() {
   DialogKey();
 }
 
-// Roads of FuncUpdate that this build does not have. A run that asks for one is refused before
-// anything is written rather than sent down the block writer, at the point where the road would
-// branch off. What else each road brings when it is built:
-// - direct write: nothing more;
-// - not in the table, since no option asks for them yet: the OEM road with its secure probe before
-//   the analysis, the PFAT and RBU roads with their analysis after the image kind check and their
-//   place in the choice of road, and the package work (the application and package status at the
-//   start of the shell run; until then no run is in package mode).
-enum class RoadBranch { AfterImageKind };
-struct AbsentRoad {
-  RoadBranch branch;
-  Bool (*asked)(const CommandFlags& flags);
-  const CHAR16* name;
-};
-constexpr CHAR16 kRoadNotBuilt[] = u"\r\nError: %s is not supported by this build. Nothing was written.\r\n";
-constexpr AbsentRoad kAbsentRoads[] = {
-    {RoadBranch::AfterImageKind, [](const CommandFlags& f) -> Bool { return f.e; }, u"The direct file write (-e:)"},
-};
-
-// The road the flags ask for at this branch when this build lacks it: refused with its message,
-// and its name closes the trace. Null when the run goes on.
-const CHAR16* RefuseAbsentRoad(RoadBranch branch) {
-  for (const AbsentRoad& road : kAbsentRoads) {
-    if (road.branch == branch && road.asked(*Flags())) {
-      Print(kRoadNotBuilt, road.name);
-      return road.name;
-    }
-  }
-  return nullptr;
-}
-
 // -ec and -ecp count as absent for an image already known to be secure: it takes the secure road.
 Bool EcOnlyRoadAsked() { return (Flags()->ec || Flags()->ecp) && !IsSecureImage(nullptr); }
 
@@ -225,8 +194,13 @@ StepEnd UpdateWithImage(const UINT8* image, UINT32 size) {
     Print(kLineEnd);
     return Stop(nullptr);
   }
-  if (const CHAR16* road = RefuseAbsentRoad(RoadBranch::AfterImageKind)) {
-    return Stop(road);
+  // An image with the PFAT tables is sound or goes no further, whatever the platform.
+  if (AnalyzePfatImage(image, size) && !CheckPfatImage(size)) {
+    return Stop(nullptr);
+  }
+  // The direct write takes the stretch as it is: no identity, check or protection applies.
+  if (Flags()->e) {
+    return {FuncCommand_e(image, size), nullptr};
   }
   if (!ReadImageBvdtInfo(image, size)) {
     Print(kErrorImagePlatformInfo);
@@ -246,7 +220,9 @@ StepEnd UpdateWithImage(const UINT8* image, UINT32 size) {
     return Stop(nullptr);
   }
   // The secure image test comes first.
-  Bool updated = IsSecureImage(nullptr) ? FuncUpdate_via48h(image, size) : FuncUpdate_via15h(image, size);
+  Bool updated = IsSecureImage(nullptr) ? FuncUpdate_via48h(image, size)
+                 : IsPfatImage()          ? FuncUpdate_via42h(image, size)
+                                          : FuncUpdate_via15h(image, size);
   return {updated, nullptr};
 }
 

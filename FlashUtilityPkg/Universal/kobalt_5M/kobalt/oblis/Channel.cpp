@@ -400,6 +400,12 @@ UINT16 OblisCall_20h(UINT8 action, UINT8 block, UINT32 size, UINT32 esi) {
 
 UINT16 OblisCall_21h(UINT8 sizeIndex, UINT32 esi) { return FormC(RaiseOblis(0x21, (UINT32)sizeIndex << 8, 0, esi)); }
 
+UINT16 OblisCall_41h(UINT32 ecx) { return FormA(RaiseOblis(0x41, ecx, 0, 0)); }
+
+UINT16 OblisCall_42h(UINT8 lastMark, UINT8 piece, UINT32 count, UINT32 esi) {
+  return FormA(RaiseOblis(0x42, ((UINT32)piece << 8) | lastMark, count, esi));
+}
+
 VOID ResetChannelState() {
   gChannel = {false, 0, kDefaultSmiNumber};
   gOblisBuffer = {nullptr, 0};

@@ -22,6 +22,8 @@ UINT16 OblisCall_48h(UINT32 size, UINT32 edi, UINT32 esi);  // form C: AH is the
 UINT16 OblisCall_49h(UINT32 ecx);                       // form A, ECX the $RDI record
 UINT16 OblisCall_20h(UINT8 action, UINT8 block, UINT32 size, UINT32 esi);  // form A, CL action, CH block
 UINT16 OblisCall_21h(UINT8 sizeIndex, UINT32 esi);      // form C: AH is the firmware's CL, its size index
+UINT16 OblisCall_41h(UINT32 ecx);                       // form A, ECX the $EDI record
+UINT16 OblisCall_42h(UINT8 lastMark, UINT8 piece, UINT32 count, UINT32 esi);  // form A, CL mark, CH piece
 
 // What differs between the wrappers that share the retry loop.
 struct OblisRetrySpec {
@@ -122,11 +124,15 @@ static_assert(sizeof(FlashBlock) == 9, "block table entry is 9 packed bytes");
 constexpr UINT32 kFlashBlockEntries = 0x1000;
 
 Bool FuncOblis_13h();
+// The bytes a flash size index stands for (0 for an index past the table).
+UINT32 SizeIndexToBytes(UINT8 index);
 UINT32 GetRomSize();
 UINT32 GetRomBase();
 UINT32 GetBlockCount();
 UINT32 GetBlockSize();
 FlashBlock* CopyBlockTable();
+// The protection marks of count blocks, in the trace.
+VOID ShowBlockTable(const FlashBlock* table, UINT32 count);
 
 // ---- flash read and write, external map, update bracket ----
 // Reads size bytes of flash in pieces of the shared buffer into data, which must hold them; a

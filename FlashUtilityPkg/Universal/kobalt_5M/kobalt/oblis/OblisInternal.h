@@ -53,13 +53,11 @@ Bool FuncGetWholeRomMap(RomMapEntry* entries, UINT8* count);
 const CHAR16* WholeRegionTypeName(UINT8 type);
 VOID ShowPrivateMapTrace(const OblisPrivateRecord* list, UINT32 count);
 VOID ShowProtectionMapTrace(const OblisProtectionRecord* list, UINT32 count);
-UINT32 SizeIndexToBytes(UINT8 index);
 // Reads size bytes (at most the 0x20000 of the shared buffer) at a flash address into data (which
 // must hold them, or be null); status 0x2A (locked ME) counts as success and is handed back.
 Bool Oblis_14h(UINT32 address, UINT32 size, ImageView data, UINT8* status);
 VOID SetMeLocked();
 VOID MarkRegionType(UINT8 type, UINT8 flag);
-VOID ShowBlockTable(const FlashBlock* table, UINT32 count);
 Bool BvdtMapFound();
 VOID GetBvdtRomMap(UINT32* privateCount, OblisPrivateRecord** privateList, UINT32* protectionCount,
                    OblisProtectionRecord** protectionList);

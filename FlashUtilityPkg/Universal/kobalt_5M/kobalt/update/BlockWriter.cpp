@@ -436,6 +436,7 @@ VOID ResetUpdateState() {
   ResetEcState();
   ResetOemMeState();
   ResetRegionState();
+  ResetPfatState();
 }
 
 VOID ReleaseUpdateMemory() {

@@ -8,7 +8,7 @@
 
 namespace {
 
-// The package extraction and the extra-data update are not part of this build.
+// The package extraction is not part of this build.
 constexpr CHAR16 kQueryNotBuilt[] = u"\r\nThe query %s is not built yet; nothing was read or written.\r\n";
 
 }  // namespace
@@ -34,8 +34,8 @@ VOID RunQueryCommand(const CHAR16* imageName) {
     SaveRomToFile(imageName);
   } else if (flags->extrFD) {
     Print(kQueryNotBuilt, u"-extrFD");
-  } else if (flags->edtCount != 0) {
-    Print(kQueryNotBuilt, u"-edt");
+  } else if (IsCommand_edt()) {
+    FuncCommand_edt();
   } else if (flags->pi) {
     ShowBvdtMapFile(imageName);
   }

@@ -1,6 +1,6 @@
 // What the update folder offers: reading the ROM and the query commands, region selection,
-// the block writer with its two entries, the secure capsule road and the EC update. The other
-// roads (PFAT, OEM, direct write) join this folder as they are built.
+// the block writer with its two entries, the secure capsule road, the EC update, the direct write
+// the extra data and the PFAT road. The OEM road joins this folder as they are built.
 #pragma once
 
 #include "KobaltBase.h"
@@ -46,6 +46,20 @@ Bool EcImageFits(UINT32 size);
 // The EC image that came with the BIOS (a merged file or a secure image's slot), written after
 // the BIOS as the options and settings say; nothing without one.
 Bool UpdateEcAfterBios();
+
+// ---- direct write (-e:) ----
+// Writes the stretch of the file that -e: names to its flash address; refuses a stretch outside
+// the file before anything is written.
+Bool FuncCommand_e(const UINT8* image, UINT32 fileSize);
+
+// ---- PFAT road ----
+// Whether the image holds the PFAT header table; keeps what its tables say. Traces the answer.
+Bool AnalyzePfatImage(const UINT8* image, UINT32 length);
+// Refuses, with its message, a PFAT image that is unsigned, has a wrong checksum, or tables that
+// claim more than the file holds or one OBLIS call carries.
+Bool CheckPfatImage(UINT32 length);
+Bool IsPfatImage();
+Bool FuncUpdate_via42h(const UINT8* image, UINT32 size);
 
 // ---- OEM ME update by the outside tool ----
 

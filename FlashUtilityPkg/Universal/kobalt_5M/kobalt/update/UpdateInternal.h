@@ -58,6 +58,43 @@ Bool FuncSize_region48h(const UINT8* payload, UINT32 payloadSize);
 Bool FindEspRoot();
 Bool CopyCapsuleToEsp(const UINT8* image, UINT32 size);
 Bool UpdateOemME();
+// Typed data and packets for the firmware: function 41h announces (answer: kExtraDataAnswerBytes
+// or null), function 42h carries one piece of at most the shared buffer and copies it back.
+struct ExtraDataRequest {
+  UINT8 lastMark;  // CL: kExtraDataMorePieces, or kExtraDataLastPiece
+  UINT8 piece;     // CH
+  UINT32 count;    // EDI
+  UINT8* data;
+};
+Bool Oblis_41h(UINT8 type, UINT8 sizeIndex, UINT32 size, UINT8* answer);
+Bool FuncOblis_41h(UINT8 type, UINT8 sizeIndex, UINT32 size, UINT8* answer);
+Bool Oblis_42h(const ExtraDataRequest* request, UINT8* status);
+Bool FuncOblis_42h(UINT8 lastMark, UINT8* data, UINT32 count, UINT8 piece);
+Bool SMI_CustomizeDataWrite(UINT8* data, UINT32 size);
+// The data of one -edt item; the caller frees it.
+Bool GetEdtData(const CHAR16* slot, UINT8** data, UINT32* size);
+Bool IsCommand_edt();
+Bool FuncCommand_edt();
+Bool IsValidCommand_e(UINT32 fileSize);
+// The PFAT road's pieces, shared with its tests.
+#pragma pack(push, 1)
+struct PfatBlock {
+  UINT32 address;
+  UINT32 size;
+  UINT8 protectedFlag;  // 1: the packet of this block is not sent
+};
+#pragma pack(pop)
+static_assert(sizeof(PfatBlock) == 9, "a PFAT block entry is packed like a flash block");
+Bool PfatChecksum(const UINT8* image, UINT32 length);
+Bool GetStatus41h_Pfat(UINT8 type, UINT8 sizeIndex, UINT32 size, UINT64* result);
+Bool WritePfatBlock(UINT8* packet, UINT32 size, UINT8 block, UINT8 lastMark);
+PfatBlock* GetPfatBlockTable(UINT32 count, UINT32 blockSize);
+Bool FuncUpdate_PFAT(const UINT8* image, UINT32 fdSize, UINT8 lastValue);
+Bool FuncSize_entire42h(const UINT8* image, UINT32 fdSize);
+Bool FuncSize_region42h(const UINT8* image, UINT32 fdSize);
+Bool IsPfatEnabled();
+UINT32 GetPfatFdSize();
+VOID ShowWriteProgress(UINT8 percent);
 
 // The state of each file, put back by ResetUpdateState().
 VOID ResetBlockWriterState();
@@ -65,4 +102,5 @@ VOID ResetCapsuleState();
 VOID ResetEcState();
 VOID ResetOemMeState();
 VOID ResetRegionState();
+VOID ResetPfatState();
 VOID ReleaseRegionMemory();
