@@ -41,6 +41,12 @@ UINT32 StretchSize(UINT32 fileSize) {
   return flags->eSize != 0 ? flags->eSize : fileSize - flags->eOffset;
 }
 
+// offset * 100 / size in 32 bits: exact up to a stretch of 42 MB, by hundredths beyond.
+UINT8 StretchPercent(UINT32 offset, UINT32 size) {
+  constexpr UINT32 kExactUpTo = 0xFFFFFFFFu / 100;
+  return (UINT8)(size <= kExactUpTo ? offset * 100 / size : offset / (size / 100));
+}
+
 }  // namespace
 
 VOID ShowWriteProgress(UINT8 percent) {
@@ -79,8 +85,9 @@ Bool IsValidCommand_e(UINT32 fileSize) {
   }
   UINT32 blockSize = GetBlockSize();
   UINT32 size = StretchSize(fileSize);
-  UINT64 blocks = blockSize == 0 ? 0 : ((UINT64)size + blockSize - 1) / blockSize;
-  UINT64 blocksEnd = flags->eOffset + blocks * blockSize;
+  // 32-bit division only: the firmware build has no 64-bit one.
+  UINT32 blocks = blockSize == 0 ? 0 : size / blockSize + (size % blockSize != 0 ? 1 : 0);
+  UINT64 blocksEnd = (UINT64)flags->eOffset + (UINT64)blocks * blockSize;
   if (blockSize == 0 || blocksEnd > fileSize) {
     Print(kErrorBlockPastFile, blockSize, (UINT32)blocksEnd, fileSize);
     return false;
@@ -107,7 +114,7 @@ Bool FuncCommand_e(const UINT8* image, UINT32 fileSize) {
     if (SMI_WriteRom(flags->eAddress + offset, block) == BlockResult::Failed) {
       return trace.Fail(kReasonWrite);
     }
-    ShowWriteProgress((UINT8)(((UINT64)offset * 100) / size));
+    ShowWriteProgress(StretchPercent(offset, size));
   }
   Print(kLineEnd);
   UINT8 action = flags->reboot ? kFinishReboot : (flags->shutdown ? kFinishShutdown : kFinishNothing);
