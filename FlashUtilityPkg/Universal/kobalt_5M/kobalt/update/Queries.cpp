@@ -2,13 +2,14 @@
 // first that was asked for and only that one. The maps, the ROM read and the package and
 // extra-data steps are their own folders' and files' work; this file only chooses.
 #include "config/Config.h"
+#include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
 #include "update/UpdateInternal.h"
 
 namespace {
 
-// The package extraction and the extra-data update are not part of this build.
+// The extra-data update is not part of this build.
 constexpr CHAR16 kQueryNotBuilt[] = u"\r\nThe query %s is not built yet; nothing was read or written.\r\n";
 
 }  // namespace
@@ -33,7 +34,7 @@ VOID RunQueryCommand(const CHAR16* imageName) {
   } else if (flags->g) {
     SaveRomToFile(imageName);
   } else if (flags->extrFD) {
-    Print(kQueryNotBuilt, u"-extrFD");
+    ExtractPackage();
   } else if (flags->edtCount != 0) {
     Print(kQueryNotBuilt, u"-edt");
   } else if (flags->pi) {
