@@ -95,13 +95,19 @@ std::vector<uint8_t> BuildPackage(const PackageSpec& spec) {
       throw ImageError("the application is a package already");
 
   std::vector<uint8_t> out = spec.application;
+  // What each stretch of the file is, so that a marker standing in the wrong place can be named.
+  std::vector<std::pair<size_t, std::string>> written;  // record offsets and markers, in file order
+  std::vector<std::pair<size_t, std::string>> items = {{0, "the application"}};
   // The first image and the two option texts.
   std::vector<uint8_t> rom = Head(Marker("ROM_PACK"), kPackageRomPackHeadBytes);
   PutU32(rom, kPackageDataOffsetField, kPackageRomPackHeadBytes);
   PutU32(rom, kPackageDataSizeField, uint32_t(spec.images[0].data.size()));
   std::copy(spec.defaultArguments.begin(), spec.defaultArguments.end(), rom.begin() + kPackageDefaultsField);
   std::copy(spec.permittedOptions.begin(), spec.permittedOptions.end(), rom.begin() + kPackagePermittedField);
+  written.push_back({out.size(), "#ROM_PACK"});
+  items.push_back({out.size(), "the default arguments or permitted options"});
   Append(out, rom);
+  items.push_back({out.size(), "image \"" + spec.images[0].name + "\""});
   Append(out, spec.images[0].data);
   // The settings, each byte rotated left so that the tool's right rotation gives the text back.
   if (spec.ini) {
@@ -109,6 +115,8 @@ std::vector<uint8_t> BuildPackage(const PackageSpec& spec) {
     PutU32(ini, kPackageDataOffsetField, kPackageIniPackHeadBytes);
     PutU32(ini, kPackageDataSizeField, uint32_t(spec.ini->size()));
     for (char c : *spec.ini) ini.push_back(RotateLeft(uint8_t(c)));
+    written.push_back({out.size(), "#INI_PACK"});
+    items.push_back({out.size(), "the settings"});
     Append(out, ini);
   }
   // The number of images and the first one's name.
@@ -116,6 +124,7 @@ std::vector<uint8_t> BuildPackage(const PackageSpec& spec) {
   ext[kPackageBiosCountField] = uint8_t(spec.images.size());
   ext.insert(ext.end(), spec.images[0].name.begin(), spec.images[0].name.end());
   ext.push_back(0);
+  written.push_back({out.size(), "#EXT_PACK"});
   Append(out, ext);
   for (size_t i = 1; i < spec.images.size(); ++i) {
     const PackageImage& image = spec.images[i];
@@ -124,7 +133,9 @@ std::vector<uint8_t> BuildPackage(const PackageSpec& spec) {
     record.push_back(0);
     PutU32(record, kPackageDataOffsetField, uint32_t(record.size()));
     PutU32(record, kPackageDataSizeField, uint32_t(image.data.size()));
+    written.push_back({out.size(), "#" + ImageMarker(int(i)).substr(1)});
     Append(out, record);
+    items.push_back({out.size(), "image \"" + image.name + "\""});
     Append(out, image.data);
   }
   for (const PackageFile& resource : spec.resources) {
@@ -133,8 +144,24 @@ std::vector<uint8_t> BuildPackage(const PackageSpec& spec) {
     record[kPackageResourceVerifyField + 1] = uint8_t(resource.verify >> 8);
     PutU32(record, kPackageResourceSizeField, uint32_t(resource.data.size()));
     std::copy(resource.name.begin(), resource.name.end(), record.begin() + kPackageResourceNameField);
+    written.push_back({out.size(), "#EXT_RESRC"});
     Append(out, record);
+    items.push_back({out.size(), "resource \"" + resource.name + "\""});
     Append(out, resource.data);
+  }
+  // The tool takes the first marker it finds: one standing inside the packed bytes would be read
+  // in place of the record, so such a package is refused.
+  std::vector<std::pair<size_t, std::string>> found;
+  for (const PackageRecord& record : InspectPackage(out).records) found.push_back({record.offset, record.marker});
+  std::sort(found.begin(), found.end());
+  for (size_t i = 0; i < found.size(); ++i) {
+    if (i < written.size() && found[i] == written[i]) continue;
+    const size_t at = i < written.size() ? std::min(found[i].first, written[i].first) : found[i].first;
+    auto item = std::upper_bound(items.begin(), items.end(), std::make_pair(at, std::string("\x7f")));
+    char where[32];
+    std::snprintf(where, sizeof where, "0x%zX", at);
+    throw ImageError(std::prev(item)->second + " holds a record marker at " + where +
+                     " that would be taken for one of the package's records");
   }
   if (out.size() > UINT32_MAX) throw ImageError("the package is larger than 4 GB");
   return out;

@@ -17,6 +17,8 @@ case "$name" in
   ec_answer) seeds=("$root/tests/fuzz/seeds/ec_answer"); options=(-detect_leaks=0) ;;
   ec_merged) seeds=("$root/tests/fuzz/seeds/ec_merged"); options=(-detect_leaks=0 -max_len=16384) ;;
   launcher_slot | hidden_volume) seeds=("$root/tests/fuzz/seeds/launcher") ;;
+  package) seeds=("$root/tests/fuzz/seeds/package"); options=(-detect_leaks=0) ;;
+  package_tool) seeds=("$root/tests/fuzz/seeds/package") ;;
   *) seeds=() ;;
 esac
 [ -d "$root/tests/fuzz/regressions/$name" ] && seeds+=("$root/tests/fuzz/regressions/$name")

@@ -53,6 +53,7 @@ TEST(PackageTool, ListsBackWhatItPackedAndRefusesWhatDoesNotFit) {
       {[](auto& s) { s.images[1].name = std::string(64, 'n'); }, "image 2 name"},
       {[](auto& s) { s.resources[1].name = std::string(48, 'r'); }, "resource \"" + std::string(48, 'r') + "\" name"},
       {[](auto& s) { s.application = zimage::BuildPackage(Spec()); }, "the application is a package already"},
+      {[](auto& s) { s.images[1].data = bed::Bytes("x$EXT_PACK"); }, "image \"img1.fd\" holds a record marker at 0x"},
   };
   for (const auto& refusal : refusals) {
     zimage::PackageSpec bad = Spec();

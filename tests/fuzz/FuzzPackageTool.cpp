@@ -1,0 +1,37 @@
+// The packing tool's inputs: the listing of any file stays inside it, and a package built from
+// any texts and names is either refused with an ImageError or listed back as it was packed.
+// Input: the listing's file; its bytes, cut at zero bytes, are also the pieces of a package.
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ZaPromImage.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::vector<uint8_t> file(data, data + size);
+  zimage::FormatPackage(zimage::InspectPackage(file));
+  std::vector<std::string> pieces(1);
+  for (uint8_t byte : file) {
+    if (byte == 0) pieces.emplace_back();
+    else pieces.back().push_back(char(byte));
+  }
+  pieces.resize(std::max<size_t>(pieces.size(), 6));
+  zimage::PackageSpec spec{{'M', 'Z'}, {}, pieces[0], pieces[1], pieces[2], {}};
+  for (size_t i = 3; i + 1 < pieces.size(); i += 2) {
+    const std::vector<uint8_t> bytes(pieces[i + 1].begin(), pieces[i + 1].end());
+    if (i % 4 == 1) spec.resources.push_back({pieces[i], bytes});
+    else spec.images.push_back({pieces[i], bytes});
+  }
+  std::vector<uint8_t> package;
+  try {
+    package = zimage::BuildPackage(spec);
+  } catch (const zimage::ImageError&) {
+    return 0;  // refused, naming what does not fit
+  }
+  const zimage::PackageInfo info = zimage::InspectPackage(package);
+  if (info.defaultArguments != spec.defaultArguments || info.permittedOptions != spec.permittedOptions ||
+      info.ini != spec.ini || info.biosCount != int(spec.images.size()))
+    __builtin_trap();
+  return 0;
+}
