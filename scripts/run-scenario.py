@@ -27,7 +27,12 @@ A scenario is a JSON file; paths in it count from its own folder:
   keys        keys for the tool's prompts, in order: [{"after": TEXT, "send": KEYS}]; zaprom-sim
               gets all of them at the start, QEMU each one once TEXT is on the screen. KEYS are
               characters and {ENTER} or {ESC}
-  fetch       names of files the run leaves on the volume, compared byte for byte
+  fetch       names of files the run leaves on the volume, compared byte for byte; one named like
+              a packed image is compared with that image too
+  package     the tool is started as a package built from ia32/ZAPROM-S.efi by zaprom-image pack-rom:
+              {"name": FILE, "images": [{"name": N, "image"|"file": ...}], "ini": {"file": PATH},
+              "defaults": TEXT, "permit": TEXT, "resources": [{"name": N, "file": PATH}]}; FILE
+              lies on the volume and is argument 0 (zaprom-sim --program, the Shell's command)
 
 --alter-start-flash flips one byte of the starting flash on one side only: the control that the
 comparison sees a difference. Exit status: 0 when both platforms agree, 1 on a difference or a
@@ -77,7 +82,7 @@ def load_scenario(path):
         scenario = json.load(f)
     base = os.path.dirname(os.path.abspath(path))
     known = {"description", "machine", "machine_changes", "flash", "ec", "volume", "arguments", "keys", "fetch",
-             "launcher"}
+             "launcher", "package"}
     unknown = set(scenario) - known
     if unknown:
         raise Failure("%s: unknown keys %s" % (path, ", ".join(sorted(unknown))))
@@ -155,7 +160,31 @@ def prepare(scenario, build, folder, alter):
         materialise(source, os.path.join(folder, "volume", name), scenario, build)
     if "launcher" in scenario:
         pack_launcher(scenario, build, folder)
+    if "package" in scenario:
+        pack_rom(scenario, build, folder)
     return flash
+
+
+def pack_rom(scenario, build, folder):
+    """The package on the volume: the IA32 shell host with the scenario's images, settings and
+    files packed behind it; each image is kept beside as package-NAME for the comparison."""
+    package = scenario["package"]
+    command = [os.path.join(build, "zaprom-image"), "pack-rom", os.path.join(build, "ia32", "ZAPROM-S.efi"), "-o",
+               os.path.join(folder, "volume", package["name"]), "--defaults", package.get("defaults", ""),
+               "--permit", package.get("permit", "")]
+    for image in package["images"]:
+        materialise(image, os.path.join(folder, "package-" + image["name"]), scenario, build)
+        command += ["--image", "%s=%s" % (image["name"], os.path.join(folder, "package-" + image["name"]))]
+    if "ini" in package:
+        command += ["--ini", os.path.join(scenario["base"], package["ini"]["file"])]
+    for resource in package.get("resources", []):
+        command += ["--resource", "%s=%s" % (resource["name"], os.path.join(scenario["base"], resource["file"]))]
+    run(command, "zaprom-image pack-rom")
+
+
+def program(scenario):
+    """Argument 0: the package's file, or the shell host itself."""
+    return scenario["package"]["name"] if "package" in scenario else "ZAPROM-S.efi"
 
 
 def pack_launcher(scenario, build, folder):
@@ -299,7 +328,7 @@ def run_sim(scenario, build, folder, alter):
         "--trace-smi", os.path.join(folder, "smi.jsonl")] + (
         ["--keys", "".join(k["send"] for k in scenario["keys"])] if "keys" in scenario else []) + (
         ["--launcher", os.path.join(folder, "kobaltApp.efi")] if "launcher" in scenario else
-        ["--"] + scenario.get("arguments", []))
+        ["--program", program(scenario), "--"] + scenario.get("arguments", []))
     # On a terminal the emulated console sends the same kind of escape sequences as the firmware's.
     master, slave = pty.openpty()
     process = subprocess.Popen(command, stdout=slave, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
@@ -378,7 +407,7 @@ def run_qemu(scenario, build, folder, alter):
         copies = [(shell_binary(build), "::/EFI/BOOT/BOOTIA32.EFI"), (os.path.join(folder, "kobaltApp.efi"), "::/kobaltApp.efi")]
     else:
         command = "echo %s\r\n%s\r\necho %s %%lasterror%%" % (
-            BEGIN_MARK, " ".join(["ZAPROM-S.efi"] + [shell_word(a) for a in scenario.get("arguments", [])]), END_MARK)
+            BEGIN_MARK, " ".join([program(scenario)] + [shell_word(a) for a in scenario.get("arguments", [])]), END_MARK)
         copies = [(shell_binary(build), "::/EFI/BOOT/BOOTIA32.EFI"), (os.path.join(ia32, "ZAPROM-S.efi"), "::/ZAPROM-S.efi"),
                   (os.path.join(ia32, "kobalt-bridge.efi"), "::/kobalt.efi")]
     with open(script, "w", newline="") as f:
@@ -614,8 +643,12 @@ def compare(scenario, sim, qemu):
     compare_files("flash", sim["flash"], qemu["flash"], differences)
     if "ec" in scenario:
         compare_files("EC", sim["ec"], qemu["ec"], differences)
+    packed = [image["name"] for image in scenario.get("package", {}).get("images", [])]
     for name in scenario.get("fetch", []):
         compare_files(name, os.path.join(sim["volume"], name), os.path.join(qemu["volume"], name), differences)
+        if os.path.basename(name) in packed:
+            compare_files(name + " against the packed image", os.path.join(os.path.dirname(sim["volume"]), "package-" +
+                          os.path.basename(name)), os.path.join(qemu["volume"], name), differences)
     if sim["summary"] != qemu["summary"]:
         differences.append("flash summary:\n  zaprom-sim: %s\n  QEMU:       %s" % (sim["summary"], qemu["summary"]))
     compare_lines("SMI trace", normal_trace(sim["trace"]), normal_trace(qemu["trace"]), differences)

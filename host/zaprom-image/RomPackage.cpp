@@ -90,10 +90,6 @@ std::vector<uint8_t> BuildPackage(const PackageSpec& spec) {
     CheckName(spec.images[i].name, kPackageImageNameCharacters, "image " + std::to_string(i + 1));
   for (const PackageFile& resource : spec.resources)
     CheckName(resource.name, kPackageResourceNameBytes - 1, "resource \"" + resource.name + "\"");
-  for (const std::vector<uint8_t>* data : {&spec.application})
-    if (Find(*data, Marker("ROM_PACK"), 0) != std::string::npos)
-      throw ImageError("the application is a package already");
-
   std::vector<uint8_t> out = spec.application;
   // What each stretch of the file is, so that a marker standing in the wrong place can be named.
   std::vector<std::pair<size_t, std::string>> written;  // record offsets and markers, in file order

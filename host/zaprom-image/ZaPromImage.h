@@ -238,7 +238,8 @@ struct PackageSpec {
   std::vector<PackageFile> resources;
 };
 // The application with the records behind it. A text or name that does not fit its field, no
-// image or more than 100, or an application that is a package already is an ImageError naming it.
+// image or more than 100, or a marker in the application or the packed bytes (it would be read
+// as a record) is an ImageError naming the item.
 std::vector<uint8_t> BuildPackage(const PackageSpec& spec);
 
 struct PackageRecord {

@@ -199,9 +199,10 @@ std::u16string Widen(const std::string& argument) {
 // The shell host as the Shell starts it, with the tool arguments behind the program's own name.
 EFI_STATUS RunShellHost(emu::Environment& environment, const std::string& program,
                         const std::vector<std::string>& toolArguments) {
-  std::vector<std::u16string> arguments = {Widen(program)};
+  // The Shell hands argument 0 over as the file's whole path, volume first.
+  std::vector<std::u16string> arguments = {u"FS0:\\" + Widen(program)};
   for (const std::string& argument : toolArguments) arguments.push_back(Widen(argument));
-  EFI_HANDLE host = environment.CreateImageHandle(arguments.front(), arguments);
+  EFI_HANDLE host = environment.CreateImageHandle(Widen(program), arguments);
   return ZaPromShellEntry(host, environment.SystemTable());
 }
 

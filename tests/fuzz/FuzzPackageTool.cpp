@@ -18,11 +18,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   pieces.resize(std::max<size_t>(pieces.size(), 6));
   zimage::PackageSpec spec{{'M', 'Z'}, {}, pieces[0], pieces[1], pieces[2], {}};
-  for (size_t i = 3; i + 1 < pieces.size(); i += 2) {
-    const std::vector<uint8_t> bytes(pieces[i + 1].begin(), pieces[i + 1].end());
-    if (i % 4 == 1) spec.resources.push_back({pieces[i], bytes});
-    else spec.images.push_back({pieces[i], bytes});
-  }
+  for (size_t i = 3; i + 1 < pieces.size(); i += 2)
+    spec.images.push_back({pieces[i], std::vector<uint8_t>(pieces[i + 1].begin(), pieces[i + 1].end())});
+  spec.resources.push_back({pieces[3], std::vector<uint8_t>(pieces.back().begin(), pieces.back().end())});
   std::vector<uint8_t> package;
   try {
     package = zimage::BuildPackage(spec);
