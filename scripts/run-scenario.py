@@ -31,8 +31,7 @@ A scenario is a JSON file; paths in it count from its own folder:
               a packed image is compared with that image too
   package     the tool is started as a package built from ia32/ZAPROM-S.efi by zaprom-image pack-rom:
               {"name": FILE, "images": [{"name": N, "image"|"file": ...}], "ini": {"file": PATH},
-              "defaults": TEXT, "permit": TEXT, "resources": [{"name": N, "file": PATH}]}; FILE
-              lies on the volume and is argument 0 (zaprom-sim --program, the Shell's command)
+              "defaults": TEXT, "permit": TEXT}; FILE lies on the volume and is argument 0
 
 --alter-start-flash flips one byte of the starting flash on one side only: the control that the
 comparison sees a difference. Exit status: 0 when both platforms agree, 1 on a difference or a
@@ -177,8 +176,6 @@ def pack_rom(scenario, build, folder):
         command += ["--image", "%s=%s" % (image["name"], os.path.join(folder, "package-" + image["name"]))]
     if "ini" in package:
         command += ["--ini", os.path.join(scenario["base"], package["ini"]["file"])]
-    for resource in package.get("resources", []):
-        command += ["--resource", "%s=%s" % (resource["name"], os.path.join(scenario["base"], resource["file"]))]
     run(command, "zaprom-image pack-rom")
 
 

@@ -121,6 +121,7 @@ std::vector<uint8_t> BuildPackage(const PackageSpec& spec) {
   ext.insert(ext.end(), spec.images[0].name.begin(), spec.images[0].name.end());
   ext.push_back(0);
   written.push_back({out.size(), "#EXT_PACK"});
+  items.push_back({out.size(), "image \"" + spec.images[0].name + "\""});
   Append(out, ext);
   for (size_t i = 1; i < spec.images.size(); ++i) {
     const PackageImage& image = spec.images[i];
@@ -130,8 +131,8 @@ std::vector<uint8_t> BuildPackage(const PackageSpec& spec) {
     PutU32(record, kPackageDataOffsetField, uint32_t(record.size()));
     PutU32(record, kPackageDataSizeField, uint32_t(image.data.size()));
     written.push_back({out.size(), "#" + ImageMarker(int(i)).substr(1)});
-    Append(out, record);
     items.push_back({out.size(), "image \"" + image.name + "\""});
+    Append(out, record);
     Append(out, image.data);
   }
   for (const PackageFile& resource : spec.resources) {
@@ -141,8 +142,8 @@ std::vector<uint8_t> BuildPackage(const PackageSpec& spec) {
     PutU32(record, kPackageResourceSizeField, uint32_t(resource.data.size()));
     std::copy(resource.name.begin(), resource.name.end(), record.begin() + kPackageResourceNameField);
     written.push_back({out.size(), "#EXT_RESRC"});
-    Append(out, record);
     items.push_back({out.size(), "resource \"" + resource.name + "\""});
+    Append(out, record);
     Append(out, resource.data);
   }
   // The tool takes the first marker it finds: one standing inside the packed bytes would be read

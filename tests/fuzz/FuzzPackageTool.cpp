@@ -31,5 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (info.defaultArguments != spec.defaultArguments || info.permittedOptions != spec.permittedOptions ||
       info.ini != spec.ini || info.biosCount != int(spec.images.size()))
     __builtin_trap();
+  for (size_t i = 0; i < spec.images.size(); ++i)
+    if (info.records.size() < 3 + i || info.records[2 + i].name != spec.images[i].name) __builtin_trap();
   return 0;
 }

@@ -13,7 +13,7 @@ namespace {
 
 // Three images of the default machine, each with another DXE byte and a newer version.
 zimage::PackageSpec ThreeImages(const std::string& ini) {
-  zimage::PackageSpec spec{Bytes(64, 'M'), {}, ini, "-n", "-dbg -extrfd -dir", {}};
+  zimage::PackageSpec spec{Bytes(64, 'M'), {}, ini, "-n", "-dbg -extrfd -dir\\", {}};
   for (uint8_t i = 0; i < 3; ++i) {
     Bytes image = DefaultFlash();
     image[kDxeByte] ^= uint8_t(i + 1);
@@ -38,7 +38,7 @@ TEST(PackageScenarios, APackageFlashesTheImageItsRulesChooseWithItsOwnSettings) 
     std::string broken;  // a marker whose '$' is gone
     std::vector<std::pair<std::string, int>> files;  // on the volume afterwards: which image, -1 none
   } rows[] = {
-      {"the second rule holds; -n comes from the package", rules, {"-dbg"}, nullptr, 2, {"Update Progress: Completed"},
+      {"the second rule holds; -n comes from the package", rules, {"/DBG", ""}, nullptr, 2, {"Update Progress: Completed"},
        {"Command -n\r\n", "ref. configure | ext|\r\n", "MultiFD match filename [BOARD2.FD]\r\n", "NOT 1st\r\n"}},
       {"no rule holds", "[MULTI_FD]\r\nFlag=1\r\nFD#01=IO,C0,FF,07,board1.fd\r\n", {}, nullptr, -1,
        {"No match file in Multi-FD.\r\n"}, {}},
@@ -49,7 +49,7 @@ TEST(PackageScenarios, APackageFlashesTheImageItsRulesChooseWithItsOwnSettings) 
        2, {}, {"Verify code fail. (0x1234)", "not matched. (2)(FwUpdLcl.efi/me.bin)", "resource file saved. (FwUpdLcl.efi)",
         "resource file saved. (me.bin)", " Update ME Script: (FwUpdLcl.efi -f me.bin )",
         "<=== UpdateOemME", "Oblis_15h(->)"}},
-      {"-extrFD into a directory", "", {"-extrFD", "xdir"}, nullptr, -1,
+      {"-extrFD into a directory", "", {"/EXTRFD", "xdir\\"}, nullptr, -1,
        {"extracts to... xdir\\board0.fd\r\n", "extracts to... xdir\\board2.fd\r\n"}, {}, "",
        {{"xdir/board1.fd", 1}, {"xdir/board2.fd", 2}}},
       {"-extrFD with an option behind it; a gap ends it", "", {"-extrFD", "-dbg"}, nullptr, -1,
@@ -63,13 +63,7 @@ TEST(PackageScenarios, APackageFlashesTheImageItsRulesChooseWithItsOwnSettings) 
     Bytes package = zimage::BuildPackage(spec);
     if (!row.broken.empty())
       package[std::search(package.begin(), package.end(), row.broken.begin(), row.broken.end()) - package.begin()] = '#';
-    SimRequest request;
-    request.machineJson = board;
-    request.program = "PKG";
-    request.arguments = row.arguments;
-    request.flash = DefaultFlash();
-    request.volumeFiles = {{"PKG.efi", Text(package)}};
-    request.readBack = {"FwUpdLcl.efi"};
+    SimRequest request{board, row.arguments, "PKG", "", DefaultFlash(), {}, {{"PKG.efi", Text(package)}}, {"FwUpdLcl.efi"}};
     for (const auto& [name, image] : row.files) request.readBack.push_back(name);
     const SimResult result = RunSim(request);
     EXPECT_EQ(result.exitCode, row.flashed >= 0 || !row.files.empty() ? 0 : 1) << result.console << result.errors;
