@@ -27,8 +27,7 @@ A scenario is a JSON file; paths in it count from its own folder:
   keys        keys for the tool's prompts, in order: [{"after": TEXT, "send": KEYS}]; zaprom-sim
               gets all of them at the start, QEMU each one once TEXT is on the screen. KEYS are
               characters and {ENTER} or {ESC}
-  fetch       names of files the run leaves on the volume, compared byte for byte; one named like
-              a packed image is compared with that image too
+  fetch       files the run leaves on the volume, compared byte for byte (and with a packed image so named)
   package     the tool is started as a package built from ia32/ZAPROM-S.efi by zaprom-image pack-rom:
               {"name": FILE, "images": [{"name": N, "image"|"file": ...}], "ini": {"file": PATH},
               "defaults": TEXT, "permit": TEXT}; FILE lies on the volume and is argument 0
@@ -165,8 +164,7 @@ def prepare(scenario, build, folder, alter):
 
 
 def pack_rom(scenario, build, folder):
-    """The package on the volume: the IA32 shell host with the scenario's images, settings and
-    files packed behind it; each image is kept beside as package-NAME for the comparison."""
+    """The package on the volume, from the IA32 shell host; each image is kept as package-NAME."""
     package = scenario["package"]
     command = [os.path.join(build, "zaprom-image"), "pack-rom", os.path.join(build, "ia32", "ZAPROM-S.efi"), "-o",
                os.path.join(folder, "volume", package["name"]), "--defaults", package.get("defaults", ""),
@@ -180,7 +178,6 @@ def pack_rom(scenario, build, folder):
 
 
 def program(scenario):
-    """Argument 0: the package's file, or the shell host itself."""
     return scenario["package"]["name"] if "package" in scenario else "ZAPROM-S.efi"
 
 

@@ -19,8 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   SetPackageStatus();
   ParseExtrFD(arguments, 3);
   UINT8* image = nullptr;
-  UINT32 length = 0;
-  if (LoadPackageFD(&image, &length)) FreePoolAndNull(image);
+  if (UINT32 length = 0; LoadPackageFD(&image, &length)) FreePoolAndNull(image);
   GetResourceFile("me.bin");
   ExtractPackage();
   bed.Finish();

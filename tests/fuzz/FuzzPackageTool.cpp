@@ -3,6 +3,7 @@
 // Input: the listing's file; its bytes, cut at zero bytes, are also the pieces of a package.
 #include <algorithm>
 #include <cstdint>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -11,11 +12,9 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<uint8_t> file(data, data + size);
   zimage::FormatPackage(zimage::InspectPackage(file));
-  std::vector<std::string> pieces(1);
-  for (uint8_t byte : file) {
-    if (byte == 0) pieces.emplace_back();
-    else pieces.back().push_back(char(byte));
-  }
+  std::vector<std::string> pieces;
+  std::stringstream text(std::string(file.begin(), file.end()));
+  for (std::string piece; std::getline(text, piece, '\0');) pieces.push_back(piece);
   pieces.resize(std::max<size_t>(pieces.size(), 6));
   zimage::PackageSpec spec{{'M', 'Z'}, {}, pieces[0], pieces[1], pieces[2], {}};
   for (size_t i = 3; i + 1 < pieces.size(); i += 2)

@@ -34,12 +34,13 @@ TEST(PackageTool, RefusesWhatDoesNotFitNamingTheItem) {
   for (const auto& [change, message] : refusals) {
     zimage::PackageSpec bad = Spec();
     change(bad);
+    std::string refusal = "(packed)";
     try {
       zimage::BuildPackage(bad);
-      ADD_FAILURE() << "packed: " << message;
     } catch (const zimage::ImageError& e) {
-      EXPECT_NE(std::string(e.what()).find(message), std::string::npos) << e.what();
+      refusal = e.what();
     }
+    EXPECT_NE(refusal.find(message), std::string::npos) << refusal;
   }
 }
 

@@ -17,8 +17,7 @@ zimage::PackageSpec ThreeImages(const std::string& ini) {
   for (uint8_t i = 0; i < 3; ++i) {
     Bytes image = DefaultFlash();
     image[kDxeByte] ^= uint8_t(i + 1);
-    const std::string version = "V1.03";
-    std::copy(version.begin(), version.end(), image.begin() + kDefaultBvdt + 0x0E);
+    std::copy_n("V1.03", 5, image.begin() + kDefaultBvdt + 0x0E);
     spec.images.push_back({"board" + std::to_string(i) + ".fd", image});
   }
   return spec;
@@ -27,7 +26,6 @@ zimage::PackageSpec ThreeImages(const std::string& ini) {
 TEST(PackageScenarios, APackageFlashesTheImageItsRulesChooseWithItsOwnSettings) {
   const char* board = R"({"io_ports": {"0xC0": {"value": "0x5AABFE02", "width": 4}}})";
   const std::string rules = "[MULTI_FD]\r\nFlag=1\r\nFD#01=IO,C0,FF,07,board1.fd\r\nFD#02=IO,C0,FF,02,BOARD2.FD\r\n";
-  const std::string me = "[UpdateOEMME]\r\nMEFileName=me.bin\r\n";
   const struct {
     const char* what;
     std::string ini;
@@ -44,7 +42,7 @@ TEST(PackageScenarios, APackageFlashesTheImageItsRulesChooseWithItsOwnSettings) 
        {"No match file in Multi-FD.\r\n"}, {}},
       {"an option the maker did not permit", rules, {"-n"}, nullptr, -1,
        {"Error command: -n (Not supports on current package)"}, {}},
-      {"the ME tool is unpacked and run first", rules + me, {"-dbg"},
+      {"the ME tool is unpacked and run first", rules + "[UpdateOEMME]\r\nMEFileName=me.bin\r\n", {"-dbg"},
        [](auto& s) { s.resources = {{"FWUPDLCL.EFI", Bytes(8, 'X'), 0x1234}, {"me.bin", Bytes(4, 'E')}, {"FwUpdLcl.efi", Bytes(8, 'T')}}; },
        2, {}, {"Verify code fail. (0x1234)", "not matched. (2)(FwUpdLcl.efi/me.bin)", "resource file saved. (FwUpdLcl.efi)",
         "resource file saved. (me.bin)", " Update ME Script: (FwUpdLcl.efi -f me.bin )",
@@ -71,9 +69,8 @@ TEST(PackageScenarios, APackageFlashesTheImageItsRulesChooseWithItsOwnSettings) 
     ExpectInOrder(result.console, row.console, "console");
     ExpectInOrder(result.log, row.log, "ZAPROM.Log");
     EXPECT_EQ(result.files.count("FwUpdLcl.efi"), 0u) << "the unpacked tool stays behind";
-    for (const auto& [name, image] : row.files)
-      EXPECT_EQ(result.files.count(name) ? result.files.at(name) : "(absent)", image >= 0 ? Text(spec.images[image].data) : "(absent)")
-          << name;
+    for (const auto& [name, i] : row.files)
+      EXPECT_EQ(result.files.count(name) ? result.files.at(name) : "-", i >= 0 ? Text(spec.images[i].data) : "-") << name;
   }
 }
 
