@@ -27,7 +27,10 @@ A scenario is a JSON file; paths in it count from its own folder:
   keys        keys for the tool's prompts, in order: [{"after": TEXT, "send": KEYS}]; zaprom-sim
               gets all of them at the start, QEMU each one once TEXT is on the screen. KEYS are
               characters and {ENTER} or {ESC}
-  fetch       names of files the run leaves on the volume, compared byte for byte
+  fetch       files the run leaves on the volume, compared byte for byte (and with a packed image so named)
+  package     the tool is started as a package built from ia32/ZAPROM-S.efi by zaprom-image pack-rom:
+              {"name": FILE, "images": [{"name": N, "image"|"file": ...}], "ini": {"file": PATH},
+              "defaults": TEXT, "permit": TEXT}; FILE lies on the volume and is argument 0
   firmware    "plain": OVMF as it is, with the production ia32/kobalt.efi and no bridge; the
               machine must play a firmware without the OBLIS service. The exit status, the log
               and the console are compared; a plain firmware has no flash, EC or trace to compare
@@ -80,7 +83,7 @@ def load_scenario(path):
         scenario = json.load(f)
     base = os.path.dirname(os.path.abspath(path))
     known = {"description", "machine", "machine_changes", "flash", "ec", "volume", "arguments", "keys", "fetch",
-             "launcher", "firmware"}
+             "launcher", "firmware", "package"}
     unknown = set(scenario) - known
     if unknown:
         raise Failure("%s: unknown keys %s" % (path, ", ".join(sorted(unknown))))
@@ -162,7 +165,27 @@ def prepare(scenario, build, folder, alter):
         materialise(source, os.path.join(folder, "volume", name), scenario, build)
     if "launcher" in scenario:
         pack_launcher(scenario, build, folder)
+    if "package" in scenario:
+        pack_rom(scenario, build, folder)
     return flash
+
+
+def pack_rom(scenario, build, folder):
+    """The package on the volume, from the IA32 shell host; each image is kept as package-NAME."""
+    package = scenario["package"]
+    command = [os.path.join(build, "zaprom-image"), "pack-rom", os.path.join(build, "ia32", "ZAPROM-S.efi"), "-o",
+               os.path.join(folder, "volume", package["name"]), "--defaults", package.get("defaults", ""),
+               "--permit", package.get("permit", "")]
+    for image in package["images"]:
+        materialise(image, os.path.join(folder, "package-" + image["name"]), scenario, build)
+        command += ["--image", "%s=%s" % (image["name"], os.path.join(folder, "package-" + image["name"]))]
+    if "ini" in package:
+        command += ["--ini", os.path.join(scenario["base"], package["ini"]["file"])]
+    run(command, "zaprom-image pack-rom")
+
+
+def program(scenario):
+    return scenario["package"]["name"] if "package" in scenario else "ZAPROM-S.efi"
 
 
 def pack_launcher(scenario, build, folder):
@@ -306,7 +329,7 @@ def run_sim(scenario, build, folder, alter):
         "--trace-smi", os.path.join(folder, "smi.jsonl")] + (
         ["--keys", "".join(k["send"] for k in scenario["keys"])] if "keys" in scenario else []) + (
         ["--launcher", os.path.join(folder, "kobaltApp.efi")] if "launcher" in scenario else
-        ["--"] + scenario.get("arguments", []))
+        ["--program", program(scenario), "--"] + scenario.get("arguments", []))
     # On a terminal the emulated console sends the same kind of escape sequences as the firmware's.
     master, slave = pty.openpty()
     process = subprocess.Popen(command, stdout=slave, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
@@ -386,7 +409,7 @@ def run_qemu(scenario, build, folder, alter):
         copies = [(shell_binary(build), "::/EFI/BOOT/BOOTIA32.EFI"), (os.path.join(folder, "kobaltApp.efi"), "::/kobaltApp.efi")]
     else:
         command = "echo %s\r\n%s\r\necho %s %%lasterror%%" % (
-            BEGIN_MARK, " ".join(["ZAPROM-S.efi"] + [shell_word(a) for a in scenario.get("arguments", [])]), END_MARK)
+            BEGIN_MARK, " ".join([program(scenario)] + [shell_word(a) for a in scenario.get("arguments", [])]), END_MARK)
         driver = "kobalt.efi" if plain_firmware else "kobalt-bridge.efi"
         copies = [(shell_binary(build), "::/EFI/BOOT/BOOTIA32.EFI"), (os.path.join(ia32, "ZAPROM-S.efi"), "::/ZAPROM-S.efi"),
                   (os.path.join(ia32, driver), "::/kobalt.efi")]
@@ -637,8 +660,12 @@ def compare_simulated(scenario, sim, qemu, differences):
     compare_files("flash", sim["flash"], qemu["flash"], differences)
     if "ec" in scenario:
         compare_files("EC", sim["ec"], qemu["ec"], differences)
+    packed = [image["name"] for image in scenario.get("package", {}).get("images", [])]
     for name in scenario.get("fetch", []):
         compare_files(name, os.path.join(sim["volume"], name), os.path.join(qemu["volume"], name), differences)
+        if os.path.basename(name) in packed:
+            compare_files(name + " against the packed image", os.path.join(os.path.dirname(sim["volume"]), "package-" +
+                          os.path.basename(name)), os.path.join(qemu["volume"], name), differences)
     if sim["summary"] != qemu["summary"]:
         differences.append("flash summary:\n  zaprom-sim: %s\n  QEMU:       %s" % (sim["summary"], qemu["summary"]))
     compare_lines("SMI trace", normal_trace(sim["trace"]), normal_trace(qemu["trace"]), differences)

@@ -223,4 +223,68 @@ struct CarriedInfo {
 CarriedInfo InspectCarried(const std::vector<uint8_t>& file);
 std::string FormatCarried(const CarriedInfo& info);
 
+// ---- the ROM package: a shell application with images, settings and files packed behind it ----
+constexpr uint32_t kPackageDataOffsetField = 0x09;  // counted from the record's marker
+constexpr uint32_t kPackageDataSizeField = 0x0D;
+constexpr uint32_t kPackageRomPackHeadBytes = 322;
+constexpr uint32_t kPackageDefaultsField = 0x11;
+constexpr uint32_t kPackageDefaultArgumentBytes = 49;
+constexpr uint32_t kPackagePermittedField = 0x42;
+constexpr uint32_t kPackagePermittedOptionBytes = 256;
+constexpr uint32_t kPackageIniPackHeadBytes = 17;
+constexpr uint32_t kPackageBiosCountField = 0x0D;
+constexpr uint32_t kPackageExtPackNameField = 0x0E;
+constexpr uint32_t kPackageImageNameField = 0x11;
+constexpr uint32_t kPackageResourceVerifyField = 0x0A;
+constexpr uint32_t kPackageResourceSizeField = 0x0C;
+constexpr uint32_t kPackageResourceNameField = 0x10;
+constexpr uint32_t kPackageResourceNameBytes = 48;
+constexpr uint32_t kPackageResourceHeadBytes = 0x40;
+constexpr uint16_t kPackageVerifyCode = 0x55AA;
+// The tool keeps an image's name with 63 characters; the first image and 99 further ones.
+constexpr size_t kPackageImageNameCharacters = 63;
+constexpr size_t kPackageMostImages = 100;
+
+struct PackageImage {
+  std::string name;
+  std::vector<uint8_t> data;
+};
+struct PackageFile {
+  std::string name;
+  std::vector<uint8_t> data;
+  uint16_t verify = kPackageVerifyCode;
+};
+struct PackageSpec {
+  std::vector<uint8_t> application;
+  std::vector<PackageImage> images;  // the first goes with the option texts
+  std::optional<std::string> ini;    // the settings text as written; stored scrambled
+  std::string defaultArguments;
+  std::string permittedOptions;
+  std::vector<PackageFile> resources;
+};
+// The application with the records behind it. A text or name that does not fit its field, no
+// image or more than 100, or a marker in the application or the packed bytes (it would be read
+// as a record) is an ImageError naming the item.
+std::vector<uint8_t> BuildPackage(const PackageSpec& spec);
+
+struct PackageRecord {
+  std::string marker;  // written with '#' for its '$', as the tool's trace writes it
+  uint32_t offset = 0;  // of the marker in the file
+  uint32_t dataOffset = 0;  // from the marker
+  uint32_t dataSize = 0;
+  std::string name;
+  uint16_t verify = 0;  // resources only
+  std::string fault;    // empty for a record that lies inside the file
+};
+struct PackageInfo {
+  uint64_t fileSize = 0;
+  std::string defaultArguments;
+  std::string permittedOptions;
+  std::optional<int> biosCount;
+  std::vector<PackageRecord> records;  // ROM_PACK, INI_PACK, EXT_PACK, ROM_Pnn_ by number, resources
+  std::optional<std::string> ini;      // unscrambled
+};
+PackageInfo InspectPackage(const std::vector<uint8_t>& file);
+std::string FormatPackage(const PackageInfo& info);
+
 }  // namespace zimage

@@ -20,7 +20,10 @@ constexpr const char* kUsage =
     "       zaprom-image pack-driver [DRIVER.efi] -o OUT [--bios FILE] [--ec FILE] [--ini FILE]\n"
     "                                [--cert FILE] [--cert2 FILE]\n"
     "       zaprom-image pack-launcher [LAUNCHER.efi] --driver DRIVER.efi -o OUT\n"
-    "       zaprom-image show FILE\n";
+    "       zaprom-image show FILE\n"
+    "       zaprom-image pack-rom APPLICATION.efi -o OUT.efi --image [NAME=]FILE [--image [NAME=]FILE ...]\n"
+    "                             [--ini FILE] [--defaults TEXT] [--permit TEXT] [--resource [NAME=]FILE ...]\n"
+    "       zaprom-image list-rom PACKAGE.efi\n";
 
 // A wrong command line, as opposed to a fault in what it names.
 struct UsageError {};
@@ -88,6 +91,56 @@ int PackLauncher(const std::vector<std::string>& args) {
   return 0;
 }
 
+// "NAME=FILE", or a plain FILE named by its last path component.
+std::pair<std::string, std::string> NamedFile(const std::string& word) {
+  const size_t equals = word.find('=');
+  if (equals == std::string::npos) return {std::filesystem::path(word).filename().string(), word};
+  return {word.substr(0, equals), word.substr(equals + 1)};
+}
+
+int PackRom(const std::vector<std::string>& args) {
+  zimage::PackageSpec spec;
+  std::optional<std::string> application, out;
+  for (size_t i = 1; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    const bool valued = arg == "-o" || arg == "--image" || arg == "--ini" || arg == "--defaults" || arg == "--permit" ||
+                        arg == "--resource";
+    if (!valued) {
+      if (arg.rfind("-", 0) == 0 || application) throw UsageError{};
+      application = arg;
+      continue;
+    }
+    if (i + 1 == args.size()) throw UsageError{};
+    const std::string& value = args[++i];
+    if (arg == "-o") {
+      out = value;
+    } else if (arg == "--image") {
+      const auto [name, file] = NamedFile(value);
+      spec.images.push_back({name, ReadAll(file)});
+    } else if (arg == "--resource") {
+      const auto [name, file] = NamedFile(value);
+      spec.resources.push_back({name, ReadAll(file)});
+    } else if (arg == "--ini") {
+      const std::vector<uint8_t> text = ReadAll(value);
+      spec.ini = std::string(text.begin(), text.end());
+    } else {
+      (arg == "--defaults" ? spec.defaultArguments : spec.permittedOptions) = value;
+    }
+  }
+  if (!application || !out) throw UsageError{};
+  spec.application = ReadAll(*application);
+  const std::vector<uint8_t> package = zimage::BuildPackage(spec);
+  WriteAll(*out, package);
+  std::printf("%s: 0x%zX bytes, %zu image%s\n", out->c_str(), package.size(), spec.images.size(),
+              spec.images.size() == 1 ? "" : "s");
+  return 0;
+}
+
+int ListRom(const std::string& path) {
+  std::fputs(zimage::FormatPackage(zimage::InspectPackage(ReadAll(path))).c_str(), stdout);
+  return 0;
+}
+
 int Show(const std::string& path) {
   std::fputs(zimage::FormatCarried(zimage::InspectCarried(ReadAll(path))).c_str(), stdout);
   return 0;
@@ -129,6 +182,8 @@ int main(int argc, char** argv) {
     if (args.size() == 2 && args[0] == "show") return Show(args[1]);
     if (!args.empty() && args[0] == "pack-driver") return PackDriver(args);
     if (!args.empty() && args[0] == "pack-launcher") return PackLauncher(args);
+    if (!args.empty() && args[0] == "pack-rom") return PackRom(args);
+    if (args.size() == 2 && args[0] == "list-rom") return ListRom(args[1]);
   } catch (const UsageError&) {
     // the usage below
   } catch (const zimage::ImageError& e) {

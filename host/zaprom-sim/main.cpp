@@ -36,7 +36,7 @@ constexpr unsigned kEntersForAScript = 16;
 
 const char kUsage[] =
     "usage: zaprom-sim [--machine FILE] [--flash FILE] [--ec FILE] [--volume DIR] [--keys TEXT]\n"
-    "                  [--trace-smi FILE] [--variables FILE] [--] [tool arguments...]\n"
+    "                  [--trace-smi FILE] [--variables FILE] [--program NAME] [--] [tool arguments...]\n"
     "       zaprom-sim [options] --launcher FILE\n";
 
 struct FrontEndOptions {
@@ -49,6 +49,8 @@ struct FrontEndOptions {
   std::string traceFile;
   std::string variablesFile;
   std::string launcherFile;
+  // Argument 0 of the tool: the file the shell started, which a package reads itself from.
+  std::string program = "ZAPROM-S.efi";
   std::vector<std::string> toolArguments;
 };
 
@@ -70,7 +72,7 @@ FrontEndOptions ParseCommandLine(int argc, char** argv) {
       {"--ec", &FrontEndOptions::ecFile},           {"--volume", &FrontEndOptions::volume},
       {"--keys", &FrontEndOptions::keys},
       {"--trace-smi", &FrontEndOptions::traceFile}, {"--variables", &FrontEndOptions::variablesFile},
-      {"--launcher", &FrontEndOptions::launcherFile},
+      {"--launcher", &FrontEndOptions::launcherFile}, {"--program", &FrontEndOptions::program},
   };
   int i = 1;
   for (; i < argc; ++i) {
@@ -184,24 +186,28 @@ std::vector<uint8_t> ReadLauncherFile(const std::string& path) {
   return bytes;
 }
 
-// The shell host as the Shell starts it, with the tool arguments behind its own name.
-EFI_STATUS RunShellHost(emu::Environment& environment, const std::vector<std::string>& toolArguments) {
-  std::vector<std::u16string> arguments = {u"ZAPROM-S.efi"};
-  for (const std::string& argument : toolArguments) {
-    std::u16string wide;
-    // Tool arguments are file names and options: UTF-8 on the host, UCS-2 for the tool.
-    for (size_t i = 0; i < argument.size();) {
-      unsigned char b = static_cast<unsigned char>(argument[i]);
-      uint32_t c = b;
-      size_t extra = b < 0x80 ? 0 : (b & 0xE0) == 0xC0 ? 1 : (b & 0xF0) == 0xE0 ? 2 : 3;
-      if (extra > 0) c = b & (0x3F >> extra);
-      for (size_t k = 1; k <= extra && i + k < argument.size(); ++k) c = (c << 6) | (argument[i + k] & 0x3F);
-      wide += static_cast<char16_t>(c > 0xFFFF ? 0xFFFD : c);
-      i += extra + 1;
-    }
-    arguments.push_back(wide);
+// Tool arguments are file names and options: UTF-8 on the host, UCS-2 for the tool.
+std::u16string Widen(const std::string& argument) {
+  std::u16string wide;
+  for (size_t i = 0; i < argument.size();) {
+    unsigned char b = static_cast<unsigned char>(argument[i]);
+    uint32_t c = b;
+    size_t extra = b < 0x80 ? 0 : (b & 0xE0) == 0xC0 ? 1 : (b & 0xF0) == 0xE0 ? 2 : 3;
+    if (extra > 0) c = b & (0x3F >> extra);
+    for (size_t k = 1; k <= extra && i + k < argument.size(); ++k) c = (c << 6) | (argument[i + k] & 0x3F);
+    wide += static_cast<char16_t>(c > 0xFFFF ? 0xFFFD : c);
+    i += extra + 1;
   }
-  EFI_HANDLE host = environment.CreateImageHandle(u"ZAPROM-S.efi", arguments);
+  return wide;
+}
+
+// The shell host as the Shell starts it, with the tool arguments behind the program's own name.
+EFI_STATUS RunShellHost(emu::Environment& environment, const std::string& program,
+                        const std::vector<std::string>& toolArguments) {
+  // The Shell hands argument 0 over as the file's whole path, volume first.
+  std::vector<std::u16string> arguments = {u"FS0:\\" + Widen(program)};
+  for (const std::string& argument : toolArguments) arguments.push_back(Widen(argument));
+  EFI_HANDLE host = environment.CreateImageHandle(Widen(program), arguments);
   return ZaPromShellEntry(host, environment.SystemTable());
 }
 
@@ -334,7 +340,7 @@ int main(int argc, char** argv) {
     std::snprintf(line, sizeof line, "kobaltApp returned 0x%llX", static_cast<unsigned long long>(status));
     runEnd.statusLine = line;
   } else {
-    status = RunShellHost(environment, options.toolArguments);
+    status = RunShellHost(environment, options.program, options.toolArguments);
   }
   std::fflush(stdout);
   runEnd.WriteBack();

@@ -22,6 +22,8 @@ case "$name" in
   # A PFAT image holds its flash data and two tables (and perhaps the 41h answer in front).
   pfat_image) seeds=("$root/tests/fuzz/seeds/pfat_image"); options=(-detect_leaks=0 -max_len=131072) ;;
   launcher_slot | hidden_volume) seeds=("$root/tests/fuzz/seeds/launcher") ;;
+  package) seeds=("$root/tests/fuzz/seeds/package"); options=(-detect_leaks=0) ;;
+  package_tool) seeds=("$root/tests/fuzz/seeds/package") ;;
   *) seeds=() ;;
 esac
 [ -d "$root/tests/fuzz/regressions/$name" ] && seeds+=("$root/tests/fuzz/regressions/$name")

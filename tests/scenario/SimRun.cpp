@@ -133,6 +133,7 @@ SimResult RunSim(const SimRequest& request) {
   if (!request.keys.empty()) {
     command += " --keys " + Quote(request.keys);
   }
+  if (!request.program.empty()) command += " --program " + Quote(request.program);
   command += " --";
   for (const auto& argument : request.arguments) {
     command += " " + Quote(argument);

@@ -14,6 +14,7 @@
 struct SimRequest {
   std::string machineJson;  // empty: the embedded default machine
   std::vector<std::string> arguments;
+  std::string program;  // argument 0 when not the shell host's own name (a package on the volume)
   std::string keys;
   std::vector<uint8_t> flash;  // empty: the simulator's default content
   std::vector<uint8_t> ec;     // the EC's content; empty: erased

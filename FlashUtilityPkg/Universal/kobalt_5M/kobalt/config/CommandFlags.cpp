@@ -69,4 +69,5 @@ VOID ResetConfigState() {
   ResetOemParameterState();
   ResetFilterState();
   ResetSettingsState();
+  ResetPackageArgumentState();
 }

@@ -401,15 +401,21 @@ Bool ParseCommandLine(CHAR16* imageName, CHAR16* commandText) {
     count = 0;
   }
 
-  // This build has no package mode (its own filter, the -extrFD parameter, its option text
-  // behind the user's): every run here is a plain one, and the first word is the image.
+  // In package mode no argument is an image name: the image comes from the package, and every
+  // argument the user wrote must be one the package permits.
+  Bool packageMode = IsPackageMode();
   imageName[0] = 0;
-  if (count >= 2 && arguments[1] != nullptr && arguments[1][0] != u'-' && arguments[1][0] != u'/') {
+  if (packageMode) {
+    if (!ChkFilterArg_pkg(arguments, count)) {
+      return false;
+    }
+  } else if (count >= 2 && arguments[1] != nullptr && arguments[1][0] != u'-' && arguments[1][0] != u'/') {
     StrCopy16(imageName, kImageNameCharacters, arguments[1]);
   }
   if (!ParseOemCus(arguments, count)) {
     return false;
   }
+  ParseExtrFD(arguments, count);
 
   // The working text starts with a blank; what does not fit is cut off.
   CHAR16 working[kCommandTextCharacters];
@@ -421,6 +427,16 @@ Bool ParseCommandLine(CHAR16* imageName, CHAR16* commandText) {
     }
     StrCat16(working, kCommandTextCharacters, u" ");
     StrCat16(working, kCommandTextCharacters, arguments[i]);
+  }
+  // The package's default arguments come behind the user's, past the permitted list but
+  // through the option reader like any typed option.
+  if (packageMode) {
+    const CHAR8* defaults = nullptr;
+    GetPackageCommands(&defaults, nullptr);
+    CHAR16 wide[kPackageDefaultArgumentBytes + 1];
+    AsciiToUnicode(wide, kPackageDefaultArgumentBytes + 1, defaults);
+    StrCat16(working, kCommandTextCharacters, u" ");
+    StrCat16(working, kCommandTextCharacters, wide);
   }
   StrCopy16(commandText, kCommandTextCharacters, working);
 

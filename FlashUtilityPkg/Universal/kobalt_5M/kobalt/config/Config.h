@@ -182,6 +182,21 @@ struct CommandFilter {
 // the 10h wrapper; it is freed when another comes or the driver unloads.
 VOID KeepFirmwareFilter(UINT8* record, UINT32 length);
 
+// ---- package mode on the command line ----
+// The two option texts of a package's first record: the fields' sizes, a text may fill them.
+constexpr UINTN kPackageDefaultArgumentBytes = 49;
+constexpr UINTN kPackagePermittedOptionBytes = 256;
+// Argument 0: the application's file name behind any volume prefix, ".efi" added when missing.
+VOID SetApplication(const CHAR16* argument0);
+const CHAR16* ApplicationName();
+// The package reader found a package: the run is in package mode from here on, with these texts.
+VOID EnterPackageMode(const CHAR8* defaultArguments, const CHAR8* permittedOptions);
+Bool IsPackageMode();
+// Either out-argument may be null; the texts are empty outside package mode.
+VOID GetPackageCommands(const CHAR8** defaultArguments, const CHAR8** permittedOptions);
+// -extrFD's directory (empty until the option was read).
+const CHAR16* ExtractDirectory();
+
 // ---- multi-image selection ----
 Bool IsMultiFdMode();
 Bool IsCondi_match();

@@ -68,7 +68,13 @@ VOID SetCommand_vrt(UINT32 count);
 // False when the list is full or the text does not fit an entry; nothing is written then.
 Bool AddEdtEntry(const CHAR16* text);
 
+// The package's checks of the raw arguments, before the option reader: every user argument must
+// stand in the permitted list; -extrFD takes its flag and its directory off the line.
+Bool ChkFilterArg_pkg(CHAR16** arguments, UINT32 count);
+VOID ParseExtrFD(CHAR16** arguments, UINT32 count);
+
 // The state of each file, put back by ResetConfigState().
+VOID ResetPackageArgumentState();
 VOID ResetCommandFlagsState();
 VOID ResetIniReaderState();
 VOID ResetMultiImageState();

@@ -91,6 +91,7 @@ VOID ReleaseDriverMemory() {
   // The log buffer goes last, since any trace line would take it again.
   ReleaseUpdateMemory();
   ReleaseChecksMemory();
+  ReleasePackageMemory();
   ReleaseOblisMemory();
   ReleaseConfigMemory();
   ReleaseOutputMemory();

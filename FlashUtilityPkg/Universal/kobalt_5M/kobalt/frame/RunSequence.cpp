@@ -233,9 +233,13 @@ Bool FuncUpdate(const CHAR16* imageName) {
   UINT8* image = nullptr;
   UINT32 size = 0;
   StepEnd end = Stop(nullptr);
-  // Package mode does not exist yet, so the image is always the named file. An empty name names
-  // no file (the file layer would open the directory itself).
-  if (imageName[0] == 0 || !ReadFile(imageName, &image, &size)) {
+  // A package brings its own image and has said why when it has none. An empty name names no
+  // file (the file layer would open the directory itself).
+  if (IsPackageMode()) {
+    if (LoadPackageFD(&image, &size)) {
+      end = UpdateWithImage(image, size);
+    }
+  } else if (imageName[0] == 0 || !ReadFile(imageName, &image, &size)) {
     PrintBanner(false);
     Print(kErrorFdNotFound, imageName);
   } else {
@@ -251,6 +255,10 @@ StepEnd RunShellSteps(ShellRun& run) {
   SetRunMode(kRunModeShell);
   // -dbg turns the trace on at the detail level.
   ScanDebugOption(run.argumentCount, run.arguments);
+  // Whether this application is a package is settled before any settings or options are read;
+  // an unreadable application file only means that it is none.
+  SetApplication(run.argumentCount != 0 && run.arguments != nullptr ? run.arguments[0] : nullptr);
+  SetPackageStatus();
   // Settings a shell run left behind are gone before this run starts; a failure is traced.
   ClearCfg_variable();
   InitialIniStructure();
@@ -286,9 +294,8 @@ StepEnd RunShellSteps(ShellRun& run) {
   if (!LoadConfiguration(run.imageName)) {
     return Stop(kReasonConfiguration);
   }
-  // A bare run shows the help. Package mode does not exist yet, so "no package" holds; the
-  // argument count is asked first, so a run with options never asks for the multi-image mode.
-  if (run.argumentCount == 1 && !IsMultiFdMode()) {
+  // A bare run shows the help, unless a package or the multi-image rules name the image.
+  if (!IsPackageMode() && run.argumentCount == 1 && !IsMultiFdMode()) {
     PrintBanner(true);
     DisplayUsage(DialogKey);
     return EndEarly(kReasonShowHelp);

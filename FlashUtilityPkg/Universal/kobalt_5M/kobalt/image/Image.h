@@ -55,6 +55,22 @@ VOID SetNewImageVersion(const CHAR16* version);
 // imageName holds 128 characters; the multi-image road may replace it.
 Bool LoadConfiguration(CHAR16* imageName);
 
+// ---- the ROM package ----
+// Reads the application's own file: a "$ROM_PACK" record puts the run in package mode for good,
+// an "$INI_PACK" record gives the packed settings either way. False only when the file cannot
+// be read.
+Bool SetPackageStatus();
+// The unscrambled settings (size 0 without them); false when their record points outside the file.
+Bool GetPackedIni(const UINT8** data, UINT32* size);
+// The image the multi-image rules chose, or the first one; a new pool block for the caller.
+Bool LoadPackageFD(UINT8** image, UINT32* size);
+// Saves the packed file of that name (ASCII letters in either case) in the current directory.
+Bool GetResourceFile(const CHAR8* name);
+// -extrFD: writes the package's images into the extraction directory.
+VOID ExtractPackage();
+// The package file and settings kept for the run go back to the pool; at the driver's unload.
+VOID ReleasePackageMemory();
+
 // State. Each file of the folder keeps its state in one record; ResetImageState() puts them
 // all back as a fresh load leaves them. Host builds and tests only: the firmware loads the
 // driver fresh. Pool blocks are forgotten, not freed: the environment that handed them out

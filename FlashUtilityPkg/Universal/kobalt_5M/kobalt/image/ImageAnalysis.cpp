@@ -242,4 +242,5 @@ VOID ResetImageState() {
   ResetBvdtState();
   ResetImageAnalysisState();
   ResetSlotChainState();
+  ResetPackageState();
 }

@@ -8,8 +8,10 @@ Bool HasDrvSignature();
 // Parses the INI slot of a secure image as settings.
 Bool LoadImageConfig(const UINT8* image, UINT32 length);
 Bool LoadConfigFormal(CHAR16* imageName);
+Bool LoadConfigPackage();
 
 // The state of each file, put back by ResetImageState().
 VOID ResetBvdtState();
 VOID ResetImageAnalysisState();
 VOID ResetSlotChainState();
+VOID ResetPackageState();

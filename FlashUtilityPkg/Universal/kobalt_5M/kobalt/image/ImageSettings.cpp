@@ -23,6 +23,7 @@ constexpr CHAR16 kReasonSecureTooLarge[] = u"ini in capsule exceeds its slot";
 constexpr CHAR16 kPlatformIniName[] = u"platform.ini";
 constexpr CHAR16 kFormalExternal[] = u"formal ref. configure | ext|\r\n";
 constexpr CHAR16 kFormalImage[] = u"formal ref. configure | FD|\r\n";
+constexpr CHAR16 kPackageExternal[] = u"ref. configure | ext|\r\n";
 constexpr CHAR16 kNoMultiFdMatch[] = u"No match file in Multi-FD.\r\n";
 constexpr CHAR16 kImageNotFound[] = u"\r\n    Error:\r\n    the FD file not found. (%s)\r\n\r\n";
 constexpr UINTN kMatchedNameCharacters = 40;
@@ -59,9 +60,54 @@ Bool GetCfg_Secure() {
 }
 
 Bool LoadConfiguration(CHAR16* imageName) {
-  // PACKAGE ROAD: in package mode the settings come from the package (LoadConfigPackage). Reading
-  // packages is not built yet, so every run takes the formal road until it is.
-  return LoadConfigFormal(imageName);
+  return IsPackageMode() ? LoadConfigPackage() : LoadConfigFormal(imageName);
+}
+
+namespace {
+
+// A legacy image brings no settings; a secure one brings its own, over what stands so far.
+Bool LoadSettingsOfImage(const UINT8* image, UINT32 length) {
+  return AnalyzeImage(image, length) ? LoadImageConfig(image, length) : true;
+}
+
+}  // namespace
+
+// The package's own settings stand first; its image is the one the multi-image rules chose.
+Bool LoadConfigPackage() {
+  const UINT8* packed = nullptr;
+  UINT32 packedSize = 0;
+  if (!GetPackedIni(&packed, &packedSize)) {
+    return false;
+  }
+  if (packedSize != 0) {
+    LogPrint(kLogSettings, kPackageExternal);
+    // LoadOption rewrites its text in place and keeps its own copy, so it gets a copy.
+    PoolBuffer text(packedSize + 1);
+    if (!text) {
+      return false;
+    }
+    CopyMem(text.Data(), packed, packedSize);
+    CHAR8* iniText = reinterpret_cast<CHAR8*>(text.Data());
+    UINT32 textSize = packedSize;
+    LoadOption(iniText, &textSize, true);
+    if (Settings()->multiFd.flag != 1) {
+      SaveCfg_Variable(iniText, textSize);
+      return true;
+    }
+    if (!IsCondi_match()) {
+      PrintBanner(true);
+      Print(kNoMultiFdMatch);
+      return false;
+    }
+  }
+  UINT8* image = nullptr;
+  UINT32 length = 0;
+  if (!LoadPackageFD(&image, &length)) {
+    return false;
+  }
+  PoolBuffer owner;
+  owner.Adopt(image, length);
+  return LoadSettingsOfImage(image, length);
 }
 
 Bool LoadConfigFormal(CHAR16* imageName) {
@@ -99,11 +145,7 @@ Bool LoadConfigFormal(CHAR16* imageName) {
     return false;
   }
   LogPrint(kLogSettings, kFormalImage);
-  // A legacy image brings no settings: what stands so far stays.
-  Bool loaded = true;
-  if (AnalyzeImage(image, length)) {
-    loaded = LoadImageConfig(image, length);
-  }
+  Bool loaded = LoadSettingsOfImage(image, length);
   FreePoolAndNull(image);
   return loaded;
 }

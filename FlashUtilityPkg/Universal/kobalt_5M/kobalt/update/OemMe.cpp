@@ -4,6 +4,7 @@
 #include "config/Config.h"
 #include "FileLayer.h"
 #include "HostSettings.h"
+#include "image/Image.h"
 #include "output/Output.h"
 #include "update/UpdateInternal.h"
 
@@ -17,7 +18,12 @@ constexpr CHAR16 kScriptFormat[] = u"%s -f %a %a";
 constexpr UINTN kScriptCharacters = 2 * 0x400 + 32;  // the tool's name, two settings texts, blanks
 
 constexpr CHAR16 kReasonNoMeFile[] = u"ME filename is empty";
+constexpr CHAR8 kMeToolAscii[] = "FwUpdLcl.efi";
 constexpr CHAR16 kReasonToolMissing[] = u"ME file not found in package";
+constexpr CHAR16 kReasonToolNotPacked[] = u"ME update utility not found in package";
+constexpr CHAR16 kWarningToolNotPacked[] = u"Warning!\r\n Utility (%a) not found in current package.\r\n";
+constexpr CHAR16 kWarningMeFileNotPacked[] = u"Warning!\r\n ME File (%a) not found in current package.\r\n";
+constexpr UINTN kMeFileNameCharacters = 0x400;
 constexpr CHAR16 kReasonScriptFailed[] = u"Save update ME script file failed";
 constexpr CHAR16 kReasonErrorLog[] = u"Log file found, error occur";
 constexpr CHAR16 kTraceUpdateMe[] = u" Update OEM ME by Intel tool\r\n";
@@ -44,6 +50,18 @@ Bool UpdateOemME() {
     return true;
   }
   LogPrint(kLogDetail, kTraceUpdateMe);
+  // A package carries the tool and the ME file; they are unpacked beside it for the run.
+  Bool packaged = IsPackageMode();
+  if (packaged) {
+    if (!GetResourceFile(kMeToolAscii)) {
+      Print(kWarningToolNotPacked, kMeToolAscii);
+      return trace.Fail(kReasonToolNotPacked);
+    }
+    if (!GetResourceFile(settings->updateOemMe.meFileName)) {
+      Print(kWarningMeFileNotPacked, settings->updateOemMe.meFileName);
+      return trace.Fail(kReasonToolMissing);
+    }
+  }
   // Only the tool's presence is tested: a wrong ME file name is the tool's to report.
   if (!ReadFile(kMeTool, nullptr, nullptr)) {
     LogPrint(kLogDetail, kTraceToolMissing, kMeTool);
@@ -62,6 +80,13 @@ Bool UpdateOemME() {
   EfiDeleteFile(kMeErrorLog);
   RunShellCommand(kMeScript);
   EfiDeleteFile(kMeScript);
+  // The unpacked files go whatever the tool said.
+  if (packaged) {
+    CHAR16 meFile[kMeFileNameCharacters];
+    AsciiToUnicode(meFile, kMeFileNameCharacters, settings->updateOemMe.meFileName);
+    EfiDeleteFile(kMeTool);
+    EfiDeleteFile(meFile);
+  }
 
   UINT8* log = nullptr;
   UINT32 logSize = 0;

@@ -2,16 +2,10 @@
 // first that was asked for and only that one. The maps, the ROM read and the package and
 // extra-data steps are their own folders' and files' work; this file only chooses.
 #include "config/Config.h"
+#include "image/Image.h"
 #include "oblis/Oblis.h"
 #include "output/Output.h"
 #include "update/UpdateInternal.h"
-
-namespace {
-
-// The package extraction is not part of this build.
-constexpr CHAR16 kQueryNotBuilt[] = u"\r\nThe query %s is not built yet; nothing was read or written.\r\n";
-
-}  // namespace
 
 // A query ends the run as finished whatever it does; its result is not looked at. The order
 // here is not the order in which the run decides that it is a query.
@@ -33,7 +27,7 @@ VOID RunQueryCommand(const CHAR16* imageName) {
   } else if (flags->g) {
     SaveRomToFile(imageName);
   } else if (flags->extrFD) {
-    Print(kQueryNotBuilt, u"-extrFD");
+    ExtractPackage();
   } else if (IsCommand_edt()) {
     FuncCommand_edt();
   } else if (flags->pi) {
