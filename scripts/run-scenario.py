@@ -324,6 +324,10 @@ def run_sim(scenario, build, folder, alter):
     flash = prepare(scenario, build, folder, alter)
     # The same folders as on the QEMU disk, where the Shell boots from \EFI\BOOT.
     os.makedirs(os.path.join(folder, "volume", "EFI", "BOOT"))
+    # The shell host's own file too, which the tool opens to see whether it is a package.
+    shell_host = os.path.join(build, "ia32", "ZAPROM-S.efi")
+    if "launcher" not in scenario and "package" not in scenario and os.path.exists(shell_host):
+        shutil.copyfile(shell_host, os.path.join(folder, "volume", "ZAPROM-S.efi"))
     command = [os.path.join(build, "zaprom-sim")] + machine_arguments(scenario, folder) + ec_arguments(
         scenario, folder) + ["--flash", flash, "--volume", os.path.join(folder, "volume"),
         "--trace-smi", os.path.join(folder, "smi.jsonl")] + (
