@@ -606,7 +606,8 @@ def normal_trace(path):
     for text in open(path):
         record = json.loads(text)
         for side in ("in", "out"):
-            for register in ("esi", "edi"):
+            # ECX carries the record of 41h, 45h and 49h; a size there is the same number on both sides.
+            for register in ("ecx", "esi", "edi"):
                 value = record.get(side, {}).get(register)
                 if isinstance(value, int) and BUFFER_LOW <= value < BUFFER_HIGH:
                     record[side][register] = "buffer %d" % buffers.setdefault(value, len(buffers) + 1)
