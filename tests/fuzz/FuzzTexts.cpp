@@ -17,6 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
   const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
   if ((data[0] & 1) == 0) {
+    // Loaded twice: as the settings of a plain run, then with the [MULTI_FD] rules over the first.
     bed.Start(fuzzbed::kSmallMachine, text);
     UINT32 length = static_cast<UINT32>(text.size());
     std::vector<CHAR8> again(text.begin(), text.end());
