@@ -141,6 +141,9 @@ TEST_F(IniReader, NumbersAreReadUpToTheFirstOtherCharacter) {
 TEST_F(IniReader, GettersFallBackToTheirDefaultsAndBeforeAnyText) {
   EXPECT_EQ(GetIniInt("Others", "SMIErrorRetry", 5), 5);  // no text loaded yet
   EXPECT_EQ(GetIniHex("UpdateEC", "MaskByte0", 3), 3);
+  CHAR8 before[8] = "xxxxxxx";
+  EXPECT_FALSE(GetIniString("MessageStringTable", "messagestringA02", before, sizeof(before)));
+  EXPECT_EQ(before[0], 0);
   Load("[Others]\nSMIErrorRetry=\nVerifyErrorRetry=x1\n[UpdateEC]\nMaskByte0=A0\nMaskByte1=\n");
   EXPECT_EQ(GetIniInt("Others", "SMIErrorRetry", 5), 5);
   EXPECT_EQ(GetIniInt("Others", "VerifyErrorRetry", 3), 0);

@@ -15,19 +15,6 @@ namespace {
 
 using SettingsLoad = bed::QuietBed;
 
-TEST_F(SettingsLoad, InitialIniStructureIsTracedUnderItsName) {
-  ScanArguments({u"zaprom", u"-dbg"});
-  InitialIniStructure();
-  EXPECT_EQ(Log(), "===> InitialIniStructure [14:03:59]\r\n<=== InitialIniStructure\r\n");
-}
-
-TEST_F(SettingsLoad, LookupsFindNothingWhileNoTextIsLoaded) {
-  CHAR8 value[8];
-  std::memset(value, 'x', sizeof(value));
-  EXPECT_FALSE(GetIniString("MessageStringTable", "messagestringA02", value, sizeof(value)));
-  EXPECT_EQ(value[0], 0);
-}
-
 void LoadText(const std::string& text) {
   std::vector<CHAR8> buffer(text.begin(), text.end());
   buffer.push_back(0);
