@@ -72,30 +72,6 @@ TEST(EmuMemory, OverrunByOneBytePastPoolBlockFaults) {
   }
 }
 
-TEST(EmuMemory, AllocatePagesHonoursMaximumAddress) {
-  emu::Environment environment(OptionsWithVolumes({}));
-  EFI_BOOT_SERVICES* bs = environment.SystemTable()->BootServices;
-  EFI_PHYSICAL_ADDRESS address = 0x0FFFFFFF;
-  ASSERT_EQ(bs->AllocatePages(AllocateMaxAddress, EfiBootServicesData, 32, &address), EFI_SUCCESS);
-  EXPECT_LE(address + 32 * 4096 - 1, 0x0FFFFFFFULL);
-  EXPECT_EQ(address % 4096, 0u);
-  std::memset(reinterpret_cast<void*>(address), 0, 32 * 4096);
-  EXPECT_TRUE(environment.ContainsAddress(address, 32 * 4096));
-
-  EFI_PHYSICAL_ADDRESS second = 0x0FFFFFFF;
-  ASSERT_EQ(bs->AllocatePages(AllocateMaxAddress, EfiBootServicesData, 32, &second), EFI_SUCCESS);
-  EXPECT_NE(second, address);
-  EXPECT_LE(second + 32 * 4096 - 1, 0x0FFFFFFFULL);
-
-  EXPECT_EQ(bs->FreePages(address, 31), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(bs->FreePages(address, 32), EFI_SUCCESS);
-  EXPECT_FALSE(environment.ContainsAddress(address, 1));
-  EXPECT_EQ(bs->FreePages(second, 32), EFI_SUCCESS);
-
-  EFI_PHYSICAL_ADDRESS tooLow = 0xFFF;
-  EXPECT_EQ(bs->AllocatePages(AllocateMaxAddress, EfiBootServicesData, 1, &tooLow), EFI_OUT_OF_RESOURCES);
-}
-
 // What a run leaves allocated is told with its size, its place in the order of allocations and
 // its first bytes, so that a forgotten free can be found.
 TEST(EmuMemory, BlocksStillAllocatedAreReportedInTheOrderTheyWereHandedOut) {
