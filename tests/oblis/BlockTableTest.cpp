@@ -38,9 +38,10 @@ TEST_F(BlockTable, BlockMapCountsAndLimits) {
     EXPECT_EQ(*expected ? seen : "", std::string(expected)) << what;
     FlashBlock* table = CopyBlockTable();
     uint32_t end = GetRomBase();
-    for (uint32_t i = 0; i < GetBlockCount(); i++, end += table[i - 1].size) EXPECT_EQ(table[i].address, end) << what << " block " << i;
+    // The entries are packed: their fields are read by value.
+    for (uint32_t i = 0; i < GetBlockCount(); i++, end += UINT32{table[i - 1].size}) EXPECT_EQ(UINT32{table[i].address}, end) << what << " block " << i;
     EXPECT_EQ(end, GetBlockCount() ? 0u : GetRomBase()) << what << ": the blocks end at 4 GB";
-    if (GetBlockCount() < kFlashBlockEntries) EXPECT_EQ(table[GetBlockCount()].size, 0u) << what;
+    if (GetBlockCount() < kFlashBlockEntries) EXPECT_EQ(UINT32{table[GetBlockCount()].size}, 0u) << what;
     FreePoolAndNull(table);
   }
 }
@@ -63,6 +64,7 @@ TEST_F(BlockTable, MarkBlocksTestsFirstBytesOnly) {
       {"flag 0 reopens", {{kBase, 0xFFFFFFFFu, 1}, {BlockAt(4), BlockAt(5) + 10, 0}}, "RRRR..RRRRRRRRRR"},
       {"a range below the ROM marks nothing", {{0x1000, 0xFFFEFFFFu, 1}}, "................"},
       {"start above end marks nothing", {{BlockAt(3), BlockAt(1), 1}}, "................"},
+      {"a region past 4 GB ends there", {{BlockAt(14), RegionEnd(BlockAt(14), 0x10000), 1}}, "..............RR"},
   };
   for (const auto& [what, marks, flags] : rows) {
     Install(Layout());

@@ -19,13 +19,6 @@ const CHAR16 kTraceSkip[] = u"   Skip   | %02xh | %s\r\n";
 const CHAR16 kTraceReserved[] = u" Reserved | %02xh | %s\r\n";
 const CHAR16 kTraceUpdateNv[] = u"update region NV |enable|\r\n";
 
-// The last byte of a region. A region that would run past 4 GB ends there: a wrapped end would
-// leave the whole region open.
-UINT32 RegionEnd(UINT32 start, UINT32 size) {
-  UINT32 end = start + size - 1;
-  return end < start ? 0xFFFFFFFFu : end;
-}
-
 // A type named by a force option (typeFlags) or by a [ForceFlash] key (forceTypes) is not reserved.
 Bool TypeForced(UINT8 type) {
   if (type >= kTypeFlagCount || type >= kForceTypeCount) {

@@ -167,6 +167,11 @@ VOID MarkBlocks(UINT32 start, UINT32 end, UINT8 flag) {
   }
 }
 
+UINT32 RegionEnd(UINT32 start, UINT32 size) {
+  UINT32 end = start + size - 1;
+  return end < start ? 0xFFFFFFFFu : end;
+}
+
 UINT8 BlockFlagAt(UINT32 address) {
   for (UINT32 index = 0; index < gFlash.blockCount && index < kFlashBlockEntries; ++index) {
     const FlashBlock& block = gFlash.table[index];

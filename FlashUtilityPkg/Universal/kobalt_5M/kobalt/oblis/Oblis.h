@@ -152,6 +152,9 @@ Bool SMI_OemOdmCustom2(UINT8 action, UINT8 status);
 typedef Bool (*SecureBootQuery)();
 VOID SetRsvd_13h(SecureBootQuery secureBootSupport);
 VOID MarkBlocks(UINT32 start, UINT32 end, UINT8 flag);
+// The last byte of a region. A region that would run past 4 GB ends there: a wrapped end would
+// leave the whole region open.
+UINT32 RegionEnd(UINT32 start, UINT32 size);
 UINT8 BlockFlagAt(UINT32 address);
 
 // ---- map displays, BVDT map, external records ----

@@ -126,13 +126,6 @@ Bool FindSelectedRegion(const RegionBit& region, UINT8* type, UINT32* offset, UI
   return FindCurrentRegion(region.type, offset, size, &access);
 }
 
-// The last byte of a region; one that would run past 4 GB ends there, so that it closes
-// everything up to the end instead of wrapping round and closing nothing.
-UINT32 RegionLast(UINT32 start, UINT32 size) {
-  UINT32 last = start + size - 1;
-  return last < start ? 0xFFFFFFFFu : last;
-}
-
 }  // namespace
 
 VOID SetStatus_region() {
@@ -321,7 +314,7 @@ VOID SetRsvd_17h() {
       continue;
     }
     UINT32 start = romBase + offset;
-    MarkBlocks(start, RegionLast(start, size), kFlagClosed);
+    MarkBlocks(start, RegionEnd(start, size), kFlagClosed);
   }
 }
 
