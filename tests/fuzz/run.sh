@@ -22,6 +22,8 @@ case "$name" in
   # A PFAT image holds its flash data and two tables (and perhaps the 41h answer in front).
   pfat_image) seeds=("$root/tests/fuzz/seeds/pfat_image"); options=(-detect_leaks=0 -max_len=131072) ;;
   launcher_slot | hidden_volume) seeds=("$root/tests/fuzz/seeds/launcher") ;;
+  # An image of the 8 KB part with the 17h answer in front of it.
+  image_analysis) seeds=("$root/tests/fuzz/seeds/$name" "$root/tests/fuzz/seeds/launcher"); options=(-detect_leaks=0 -max_len=16384) ;;
   package) seeds=("$root/tests/fuzz/seeds/package"); options=(-detect_leaks=0) ;;
   package_tool) seeds=("$root/tests/fuzz/seeds/package") ;;
   *) seeds=() ;;
