@@ -40,7 +40,7 @@ class CapsuleRun : public bed::DriverBed {
   static void Fill(OwnSlot slot, const std::vector<uint8_t>& data) {
     UINT8* tag = const_cast<UINT8*>(OwnSlotTag(slot));
     WriteU32(tag + 20, (UINT32)data.size());
-    std::memcpy(tag + 24, data.data(), data.size());
+    if (!data.empty()) std::memcpy(tag + 24, data.data(), data.size());
   }
   // Installs the machine and a new image (the machine's own content with kChanged and the
   // protected range altered) in the BIOSIMG slot.

@@ -1,11 +1,10 @@
 // Pool and page memory below 4 GB with guard pages, the registry the simulator consults, and
 // the report of what is still allocated.
-#include <signal.h>
-
 #include <sys/wait.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "EmuHarness.h"
@@ -44,31 +43,29 @@ TEST(EmuMemory, FreeOfMemoryNeverHandedOutIsRefused) {
 }
 
 // The block's end, rounded up to 8, touches the guard page: one byte past it kills the tool.
-TEST(EmuMemory, OverrunByOneBytePastPoolBlockFaults) {
-  struct Row {
-    UINTN size;
-    UINTN offsetWritten;
-    int expectedExit;
+// Under AddressSanitizer the pool poisons the bytes behind the end as well, so the slack up to
+// the next 8 faults there too.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kSlackPoisoned = true;
+#else
+constexpr bool kSlackPoisoned = false;
+#endif
+TEST(EmuMemory, OverrunPastPoolBlockFaults) {
+  const std::tuple<UINTN, UINTN, bool> rows[] = {
+      {24, 23, false}, {24, 24, true}, {100, 99, false}, {100, 103, kSlackPoisoned}, {100, 104, true}, {4096, 4096, true},
   };
-  const Row rows[] = {
-      {24, 23, 0}, {24, 24, 128 + SIGSEGV}, {100, 103, 0}, {100, 104, 128 + SIGSEGV}, {4096, 4096, 128 + SIGSEGV},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(testing::Message() << "size " << row.size << " offset " << row.offsetWritten);
+  for (const auto& [size, offsetWritten, faults] : rows) {
+    SCOPED_TRACE(testing::Message() << "size " << size << " offset " << offsetWritten);
     // A child process writes the byte, so that the fault ends it and not the test program.
     EXPECT_EXIT(
         {
           emu::Environment environment(OptionsWithVolumes({}));
           VOID* block = nullptr;
-          environment.SystemTable()->BootServices->AllocatePool(EfiBootServicesData, row.size, &block);
-          static_cast<volatile uint8_t*>(block)[row.offsetWritten] = 1;
+          environment.SystemTable()->BootServices->AllocatePool(EfiBootServicesData, size, &block);
+          static_cast<volatile uint8_t*>(block)[offsetWritten] = 1;
           std::_Exit(0);
         },
-        [&](int status) {
-          return row.expectedExit == 0 ? WIFEXITED(status) && WEXITSTATUS(status) == 0
-                                       : WIFSIGNALED(status) && WTERMSIG(status) == row.expectedExit - 128;
-        },
-        "");
+        [faults = faults](int status) { return faults != (WIFEXITED(status) && WEXITSTATUS(status) == 0); }, "");
   }
 }
 

@@ -49,8 +49,8 @@ TEST_F(Maps, PlatformListsEndAtTheirMarkOrAfter200) {
     GetPlatformRomMap(&privateCount, &privateList, &protectionCount, &protectionList);
     EXPECT_EQ(privateCount, privateExpected) << what;
     EXPECT_EQ(protectionCount, protectionExpected) << what;
-    if (protectionCount > 1) EXPECT_EQ(protectionList[1].address, 0xFFA01000u) << what;
-    if (privateCount > 1) EXPECT_EQ(privateList[1].address, 0xFF801000u) << what;
+    if (protectionCount > 1) EXPECT_EQ(UINT32{protectionList[1].address}, 0xFFA01000u) << what;
+    if (privateCount > 1) EXPECT_EQ(UINT32{privateList[1].address}, 0xFF801000u) << what;
     FreePoolAndNull(privateList);
     FreePoolAndNull(protectionList);
     std::string log = Log();

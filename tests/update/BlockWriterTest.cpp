@@ -19,6 +19,8 @@ constexpr uint32_t kBlock = 0x1000;
 constexpr uint32_t kBlocks = 16;
 constexpr uint32_t kRomSize = kBlock * kBlocks;
 constexpr uint32_t kBase = 0xFFFF0000u;
+// What the firmware is handed lies below 4 GB: static data does in the host build, the heap need not.
+uint8_t gData[kBlock];
 
 class BlockWriter : public bed::ScriptedBed {
  protected:
@@ -82,8 +84,8 @@ TEST_F(BlockWriter, SmiWriteRomComparesWritesAndVerifies) {
     std::fill(rom.begin() + kBlock, rom.begin() + 2 * kBlock, row.flashFill);
     writeCodes = row.writeCodes;
     corruptWrites = row.corruptWrites;
-    std::vector<uint8_t> data(kBlock, 0x11);
-    EXPECT_EQ(SMI_WriteRom(kBase + kBlock, {data.data(), kBlock}), row.result) << row.what;
+    std::fill_n(gData, kBlock, 0x11);
+    EXPECT_EQ(SMI_WriteRom(kBase + kBlock, {gData, kBlock}), row.result) << row.what;
     EXPECT_EQ(writes, std::vector<uint32_t>(row.writes, kBase + kBlock)) << row.what;
     EXPECT_EQ(reads, row.reads) << row.what;
     // One close per call; a failure names why.
@@ -114,8 +116,8 @@ TEST_F(BlockWriter, WriteBlocksLeavesProtectedBlocksAndHoldsBackTheBvdtBlocksFor
     answers[0x1E] = bed::WholeMapAnswer({{uint8_t(bvdtSize ? 0x0A : 0x03), bvdtSize ? bvdtAddress : kBase, bvdtSize ? bvdtSize : kRomSize}});
     SMI_GetWholeRomMap(nullptr, nullptr);
     if (protectedBlock >= 0) MarkBlocks(kBase + protectedBlock * kBlock, kBase + protectedBlock * kBlock, 1);
-    std::vector<uint8_t> image(kRomSize + 0x1000);
-    ASSERT_TRUE(WriteBlocks({image.data(), (UINT32)image.size()})) << what;
+    static uint8_t image[kRomSize + 0x1000];
+    ASSERT_TRUE(WriteBlocks({image, sizeof image})) << what;
     std::string written;
     for (uint32_t address : writes) written += "0123456789ABCDEF"[(address - kBase) / kBlock];
     EXPECT_EQ(written, order) << what;
@@ -129,9 +131,9 @@ TEST_F(BlockWriter, CompareHandsBackItsReadBufferWhenTheReadFails) {
   for (uint8_t code : {kOblisSuccess, kOblisReadFailed}) {
     Start("SMIErrorRetry=0\n");
     if (code != kOblisSuccess) AnswerCodes(0x14, {code});
-    std::vector<uint8_t> data(kBlock, 0xFF);
+    std::fill_n(gData, kBlock, 0xFF);
     size_t live = Environment().LiveBlocks().size();
-    EXPECT_EQ(CompareCurrentFD(kBase, kBlock, data.data()), code == kOblisSuccess) << (int)code;
+    EXPECT_EQ(CompareCurrentFD(kBase, kBlock, gData), code == kOblisSuccess) << (int)code;
     EXPECT_EQ(Environment().LiveBlocks().size(), live) << (int)code;
     EXPECT_EQ(Log().find("CompareCurrentFD() |fail|\r\n") != std::string::npos, code != kOblisSuccess) << (int)code;
   }
