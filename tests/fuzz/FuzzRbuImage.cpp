@@ -1,7 +1,6 @@
-// A file that may be an RBU image, on a 64 KB part: the layout and checksum checks and the whole
-// road, the firmware with or without 4Ch. No read outside the file or the list, no memory left.
-// Input: an option byte (bit 0 the firmware has 4Ch, bit 1 it answers "use the ordinary way",
-// bit 2 its flash call fails), then the file.
+// A file that may be an RBU image, on a 64 KB part: its checks and the whole road; no read outside
+// the file or the list, no memory left. Input: an option byte (bit 0 the firmware has 4Ch, bit 1
+// it answers "use the ordinary way", bit 2 its flash call fails), then the file.
 #include "DriverFuzzBed.h"
 #include "oblis/Oblis.h"
 #include "update/Update.h"
@@ -25,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                          : R"(, "oem_secure": {})";
   std::snprintf(machine, sizeof(machine), kMachine, oem);
   bed.Start(machine, "[Others]\nSMIErrorRetry=0\nSMIErrorRetryDelay=0\n", nullptr);
-  // The driver reads the file into a pool block of exactly its size, as the file layer leaves it.
+  // A pool block of exactly the file's size, as the file layer leaves it.
   const UINT32 length = static_cast<UINT32>(size - 1);
   UINT8* image = static_cast<UINT8*>(AllocateZeroPool(length + 1));
   if (image != nullptr && length != 0) std::memcpy(image, data + 1, length);
