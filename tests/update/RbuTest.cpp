@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <functional>
+#include <sstream>
 #include <string>
 
 #include "RbuImageFormat.h"
@@ -49,11 +50,9 @@ TEST_F(RbuImage, FlashDataAndChecksumsStandWhereTheLengthsSayOrTheFileIsRefused)
   wrongFd[0x800] ^= 0x40;  // and the Entire checksum made right again, so that only FD is wrong
   *reinterpret_cast<uint32_t*>(&wrongFd[wrongFd.size() - 4]) = rbu_image::Checksum(wrongFd.data(), wrongFd.size() - 4);
   wrongEntire[6] ^= 1;  // in the header, which only the Entire checksum covers
-  notRbu[3] = 'X';
-  cut.pop_back();
+  notRbu[3] = 'X', cut.pop_back();
   Bytes serverPast = Rbu(0x10, 0x10, 0x10), serverShort = serverPast;
-  serverPast[0x14] = 0x30;
-  serverShort[0x14] = 5;
+  serverPast[0x14] = 0x30, serverShort[0x14] = 5;
   const Row rows[] = {
       {"a plain header", Rbu(0x54, 0, 0x1000), true, true, 0x54, 0x1000, ""},
       {"a server block", Rbu(0x54, 0x1C, 0x80000), true, true, 0x70, 0x80000, ""},
@@ -78,7 +77,10 @@ TEST_F(RbuImage, FlashDataAndChecksumsStandWhereTheLengthsSayOrTheFileIsRefused)
     if (row.isRbu) EXPECT_EQ(CheckRbuChecksum(row.file.data(), static_cast<UINT32>(row.file.size())), row.sound);
     UINT32 start = 0, size = 0;
     GetRbuRawData(&start, &size);
-    if (row.rawSize != 0) EXPECT_EQ(start, row.rawStart);
+    std::ostringstream raw;  // the trace's last line of the layout
+    raw << "  raw  0x" << std::hex << row.rawSize << "\r\n";
+    EXPECT_EQ(start, row.rawSize != 0 ? row.rawStart : start);
+    EXPECT_EQ(Log().find(raw.str()) != std::string::npos, row.rawSize != 0);
     EXPECT_EQ(size, row.rawSize);
     EXPECT_NE(Console().find(row.console), std::string::npos) << Console();
   }
