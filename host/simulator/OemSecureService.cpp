@@ -29,8 +29,8 @@ bool ChecksumsRight(const std::vector<uint8_t>& file) {
 }
 
 // The flash data over the part, erase block by erase block: a block that already holds its data
-// or touches a range the firmware keeps (its protection and private lists) is left alone. False when the data is not the part's size or the
-// flash driver refuses a block.
+// or touches a range the firmware keeps (its protection and private lists) is left alone. False
+// when the data is not the part's size or the flash driver refuses a block.
 bool WriteFlashData(const std::vector<uint8_t>& file, FlashService& flash, const std::vector<Region>& kept,
                     nlohmann::ordered_json& received) {
   const rbu_image::Layout layout = rbu_image::ReadLayout(file.data(), file.size());

@@ -1,8 +1,9 @@
 // Function 4Ch of the simulated firmware: a platform that takes OEM images (RBU files) in two
 // calls. The verify call checks the file's layout and both checksums and changes nothing; the
 // flash call checks it again and writes its flash data over the part, block by block, leaving
-// the ranges of its protection and private lists alone. Or the firmware says "use the ordinary way" and verifies nothing.
-// Registers in, status and trace facts out; the tool's memory is reached through the caller.
+// the ranges of its protection and private lists alone. Or the firmware says "use the ordinary
+// way" and verifies nothing. Registers in, status and trace facts out; the tool's memory is
+// reached through the caller.
 #pragma once
 
 #include <cstdint>
