@@ -539,6 +539,10 @@ void ReadTop(const json& document, Machine& m) {
       const std::string problem = ReadPacketKey(name, v, m.packets);
       if (!problem.empty()) throw BadValue{problem};
     }
+    else if (IsOemSecureKey(name)) {
+      const std::string problem = ReadOemSecureKey(name, v, m.oemSecure);
+      if (!problem.empty()) throw BadValue{problem};
+    }
     else if (name == "acpi") ReadAcpi(v, m);
     else if (name == "oblis") ReadOblis(v, m);
     else if (name == "volumes") ReadVolumes(v, m);

@@ -90,7 +90,7 @@ struct Simulator::State {
   ConversationState conversationState;
   EcService ec;
   PacketService packets;
-  nlohmann::ordered_json received;  // what 19h, 1Bh, 20h, 21h, 41h, 42h, 44h, 45h or 49h read, for its trace line
+  nlohmann::ordered_json received;  // what 19h, 1Bh, 20h, 21h, 41h, 42h, 44h, 45h, 49h or 4Ch read, for its trace line
 
   State(Machine m, std::vector<uint8_t> content, MemoryAccess access, std::vector<uint8_t> ecContent)
       : machine(std::move(m)), flash(machine, std::move(content)), memory(std::move(access)),
@@ -322,6 +322,16 @@ Answer Simulator::State::Dispatch(uint8_t function, const OblisRegisters& in) {
       hookPoints.push_back(in.ecx);
       return {};
     case 0x48: return Capsule(in);
+    case 0x4C: {
+      std::vector<Region> kept = machine.protection;
+      kept.insert(kept.end(), machine.privateMap.begin(), machine.privateMap.end());
+      OemSecureAnswer answer = AnswerOemSecure(
+          machine.oemSecure, in, [this](uint32_t address, void* out, uint32_t length) { Read(address, out, length); }, flash,
+          kept);
+      received = std::move(answer.received);
+      if (!answer.cl) return {answer.status, {}, {}};
+      return {answer.status, answer.ah, (in.ecx & 0xFFFFFF00u) | *answer.cl};
+    }
     case 0x20:
     case 0x21:
     case 0x49: return EcFunction(function, in);

@@ -14,6 +14,7 @@
 #include "CapsuleService.h"
 #include "ConversationService.h"
 #include "EcService.h"
+#include "OemSecureService.h"
 #include "PacketService.h"
 #include "OblisWire.h"
 #include "Rtc.h"
@@ -147,6 +148,7 @@ struct Machine {
   EcBehaviour ec;                      // functions 21h and 20h
   std::optional<uint16_t> factoryCopy;  // 49h: the status bits it answers; none: 0xEF
   PacketBehaviour packets;              // functions 41h and 42h: extra data and PFAT packets
+  OemSecureBehaviour oemSecure;         // function 4Ch: OEM images in a verify and a flash call
   bool operator==(const Machine&) const = default;
 };
 

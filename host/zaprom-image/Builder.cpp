@@ -265,6 +265,7 @@ std::vector<uint8_t> BuildImage(const ImageDescription& d) {
     file = WrapSecure(std::vector<uint8_t>(file.begin() + ecSize, file.end()),
                       std::vector<uint8_t>(file.begin(), file.begin() + ecSize), *d.secure);
   }
+  if (d.rbu) file = WrapRbu(file, *d.rbu);
   return file;
 }
 

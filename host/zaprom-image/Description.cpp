@@ -166,7 +166,7 @@ uint32_t ParseSize(const json& value, const std::string& where) {
 }
 
 ImageDescription ParseImageDescription(const json& document, const std::string& baseDirectory) {
-  CheckKeys(document, {"size", "fill", "regions", "bvdt", "oblis_map", "ec", "secure", "pfat"}, "description");
+  CheckKeys(document, {"size", "fill", "regions", "bvdt", "oblis_map", "ec", "secure", "pfat", "rbu"}, "description");
   ImageDescription description;
   if (!document.contains("size")) Fail("description", "needs \"size\"");
   description.size = ParseSize(document["size"], "size");
@@ -212,6 +212,15 @@ ImageDescription ParseImageDescription(const json& document, const std::string& 
     if (pfat.contains("certificate_size")) spec.certificateSize = ParseSize(pfat["certificate_size"], "pfat.certificate_size");
     if (description.secure) Fail("pfat", "a secure image carries no PFAT tables");
     description.pfat = spec;
+  }
+  if (document.contains("rbu")) {
+    const json& rbu = document["rbu"];
+    CheckKeys(rbu, {"header_size", "server_size"}, "rbu");
+    RbuSpec spec;
+    if (rbu.contains("header_size")) spec.headerSize = ParseSize(rbu["header_size"], "rbu.header_size");
+    if (rbu.contains("server_size")) spec.serverSize = ParseSize(rbu["server_size"], "rbu.server_size");
+    if (description.secure || description.pfat) Fail("rbu", "an RBU image wraps a plain flash file");
+    description.rbu = spec;
   }
   return description;
 }

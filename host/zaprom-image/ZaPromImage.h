@@ -11,6 +11,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "RbuImageFormat.h"
+
 namespace zimage {
 
 // Any fault in a description, a fill file or an image layout; the text says what and where.
@@ -84,6 +86,13 @@ struct PfatSpec {
   uint32_t certificateSize = 0x100;
 };
 
+// The RBU wrapper around the whole file: a header of headerSize bytes, an optional server block,
+// and the FD and Entire checksums behind the data.
+struct RbuSpec {
+  uint32_t headerSize = 0x54;
+  std::optional<uint32_t> serverSize;
+};
+
 struct ImageDescription {
   uint32_t size = 0;  // the flash part, a power of two
   Fill fill;          // bytes that no region covers
@@ -93,6 +102,7 @@ struct ImageDescription {
   std::optional<EcSpec> ec;
   std::optional<SecureSpec> secure;  // with it the EC image goes into the EC slot, not in front
   std::optional<PfatSpec> pfat;      // the PFAT tables behind the file (not with secure)
+  std::optional<RbuSpec> rbu;        // the RBU wrapper around the file (not with secure or pfat)
 };
 
 // Sizes may be numbers or texts: "16 MB", "64K", "0x1000", "4096".
@@ -173,6 +183,16 @@ struct PfatInfo {
 std::optional<PfatInfo> InspectPfat(const std::vector<uint8_t>& file);
 std::string FormatPfatInfo(const PfatInfo& info);
 std::string FormatImageInfo(const ImageInfo& info);
+
+// ---- RBU images ----
+std::vector<uint8_t> WrapRbu(const std::vector<uint8_t>& raw, const RbuSpec& spec);
+struct RbuInfo {
+  rbu_image::Layout layout;
+  uint32_t storedFd = 0, storedEntire = 0, fd = 0, entire = 0;  // stored and computed checksums
+};
+// None for a file that does not open with "$RBU"; a layout that is not ok holds no checksums.
+std::optional<RbuInfo> InspectRbu(const std::vector<uint8_t>& file);
+std::string FormatRbuInfo(const RbuInfo& info);
 // The name of a region type of the "$OBLIS" map, as the tool's map displays show it.
 const char* MapRegionTypeName(uint8_t type);
 

@@ -1,6 +1,6 @@
 // The zaprom-image command line: `build` turns a JSON description into a flash file, `info`
 // prints what a flash file holds, `pack-driver` and `pack-launcher` put together what the
-// firmware starts and `show` reads it back. The work itself is the image library's.
+// firmware starts and `show` reads it back (or an RBU image's wrapper and flash data). The work itself is the image library's.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -141,8 +141,22 @@ int ListRom(const std::string& path) {
   return 0;
 }
 
+// An RBU image: the wrapper with its checksums, then what the flash data it carries holds.
+bool ShowRbu(const std::vector<uint8_t>& file) {
+  const auto rbu = zimage::InspectRbu(file);
+  if (!rbu) return false;
+  std::fputs(zimage::FormatRbuInfo(*rbu).c_str(), stdout);
+  const rbu_image::Layout& l = rbu->layout;
+  if (l.ok) {
+    const std::vector<uint8_t> raw(file.begin() + l.rawStart, file.begin() + l.rawStart + l.rawSize);
+    std::fputs(zimage::FormatImageInfo(zimage::InspectImage(raw)).c_str(), stdout);
+  }
+  return true;
+}
+
 int Show(const std::string& path) {
-  std::fputs(zimage::FormatCarried(zimage::InspectCarried(ReadAll(path))).c_str(), stdout);
+  const std::vector<uint8_t> file = ReadAll(path);
+  if (!ShowRbu(file)) std::fputs(zimage::FormatCarried(zimage::InspectCarried(file)).c_str(), stdout);
   return 0;
 }
 
@@ -166,6 +180,7 @@ int Build(const std::string& descriptionPath, const std::string& outPath) {
 
 int Info(const std::string& imagePath) {
   const std::vector<uint8_t> image = ReadAll(imagePath);
+  if (ShowRbu(image)) return 0;
   std::fputs(zimage::FormatImageInfo(zimage::InspectImage(image)).c_str(), stdout);
   if (const auto pfat = zimage::InspectPfat(image)) std::fputs(zimage::FormatPfatInfo(*pfat).c_str(), stdout);
   return 0;

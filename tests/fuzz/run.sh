@@ -21,6 +21,8 @@ case "$name" in
   road_options) seeds=("$root/tests/fuzz/seeds/$name"); options=(-detect_leaks=0) ;;
   # A PFAT image holds its flash data and two tables (and perhaps the 41h answer in front).
   pfat_image) seeds=("$root/tests/fuzz/seeds/pfat_image"); options=(-detect_leaks=0 -max_len=131072) ;;
+  # An RBU image of the 64 KB part: header, perhaps a server block, the data, two checksums.
+  rbu_image) seeds=("$root/tests/fuzz/seeds/rbu_image"); options=(-detect_leaks=0 -max_len=70000) ;;
   launcher_slot | hidden_volume) seeds=("$root/tests/fuzz/seeds/launcher") ;;
   # An image of the 8 KB part with the 17h answer in front of it.
   image_analysis) seeds=("$root/tests/fuzz/seeds/$name" "$root/tests/fuzz/seeds/launcher"); options=(-detect_leaks=0 -max_len=16384) ;;

@@ -1,5 +1,6 @@
 // The roads beside the block writer's, through the front end: -edt items arriving byte for byte,
-// -e: writing exactly its stretch, PFAT images going packet by packet; a refusal writes nothing.
+// -e: writing exactly its stretch, PFAT images going packet by packet, RBU files going whole to
+// the OEM interface or as flash data to the block writer; a refusal writes nothing.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -120,12 +121,18 @@ TEST(RoadScenarios, TheDirectWriteWritesExactlyItsStretchOrNothing) {
 constexpr uint32_t kBiosStart = 0x800000, kPfatBlock = 0x10000, kFirstOpen = 0x890000;
 const std::string kPfatMachine = R"({"pfat": {"enabled": true}})";
 
-// The default content with every BIOS byte but the BVDT changed, and the PFAT tables behind it.
-Bytes PfatImage() {
+// The default content with every BIOS byte but the BVDT changed.
+Bytes NewBios() {
   Bytes image = DefaultFlash();
   for (uint32_t at = kBiosStart; at < image.size(); ++at) {
     if (at - kDefaultBvdt >= 0x1000) image[at] = static_cast<uint8_t>(image[at] ^ (at >> 9) ^ 0x3C);
   }
+  return image;
+}
+
+// The same with the PFAT tables behind it.
+Bytes PfatImage() {
+  Bytes image = NewBios();
   zimage::AppendPfatTables(image, 0, kBiosStart, kBiosStart, static_cast<uint32_t>(DefaultFlash().size()), {});
   return image;
 }
@@ -202,6 +209,57 @@ TEST(RoadScenarios, APfatRunWritesItsOpenBlocksPacketByPacketOrIsRefusedBeforeTh
     EXPECT_EQ(Count(result, "15h") != 0, row.viaBlockWriter);
     EXPECT_EQ(Count(result, "41h"), row.calls41h);
     EXPECT_NE(result.log.find(row.log), std::string::npos);
+  }
+}
+
+// An RBU file of the new BIOS: 4Ch verifies it, then flashes it, and every open block ends new;
+// where the firmware says "use the ordinary way" or has no 4Ch, the flash data takes the block
+// writer to the same end. A refusal, by the tool or the firmware, leaves the flash as it was.
+TEST(RoadScenarios, AnRbuFileGoesThroughTheOemInterfaceOrAsFlashDataThroughTheBlockWriter) {
+  struct Row {
+    const char* what;
+    std::string machine;
+    Bytes file;
+    bool flashed, viaBlockWriter;
+    std::string verifyOnly;  // EDI of each 4Ch call: the probe first
+    std::string brackets;    // CL/CH of each 1Ah call
+    std::string console;
+  };
+  const Bytes bios = NewBios(), rbu = zimage::WrapRbu(bios, {});
+  Bytes corrupt = rbu;
+  corrupt[0x54 + kDxeByte] ^= 1;
+  const std::string oem = R"({"oem_secure": {}})";
+  const Row rows[] = {
+      {"verified, then flashed", oem, rbu, true, false, "1 1 0 ", "1/0 2/1 ", "\r\n                        Flash complete!\r\n"},
+      {"with a server block", oem, zimage::WrapRbu(bios, {0x20, 0x1C}), true, false, "1 1 0 ", "1/0 2/1 ", "Flash complete!"},
+      {"the ordinary way", R"({"oem_secure": {"verify": "ordinary_way"}})", rbu, true, true, "1 1 ", "1/0 2/1 ",
+       "ROM file digital signature failed authentication.\r\n"},
+      {"no 4Ch", "", rbu, true, true, "1 ", "1/0 2/1 ", ""},
+      {"a corrupt checksum", oem, corrupt, false, false, "1 ", "", "RBU image checksum fail!\r\n"},
+      {"not verified", R"({"oem_secure": {"verify": "refuse"}})", rbu, false, false, "1 1 ", "1/0 2/2 ",
+       "ROM file digital signature failed authentication.\r\n"},
+      {"the flash call refused", R"({"oem_secure": {}, "faults": {"4Ch": {"code": "0x25", "after": 2}}})", rbu, false,
+       false, "1 1 0 ", "1/0 2/2 ", "Please wait...\r\nSome error occur during calling secure flash interface.\r\n"},
+      {"the flash not finished well", R"({"oem_secure": {"flash_fails": true}})", rbu, false, false, "1 1 0 ", "1/0 2/2 ",
+       "Secure update failed!\r\n"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    SimResult result = RunTool(row.machine, DefaultFlash(), row.file, {"-dbg"});
+    EXPECT_EQ(result.exitCode, row.flashed ? 0 : 1) << result.console;
+    EXPECT_NE(result.console.find(row.console), std::string::npos) << result.console;
+    Bytes expected = DefaultFlash();
+    if (row.flashed) std::copy(bios.begin() + kFirstOpen, bios.end(), expected.begin() + kFirstOpen);
+    EXPECT_EQ(FirstDifference(result.flash, expected), std::string::npos);
+    EXPECT_EQ(Count(result, "15h") != 0, row.viaBlockWriter);
+    std::string verifyOnly, brackets;
+    for (const SmiCall& call : result.calls) {
+      const uint32_t ecx = call.in["ecx"].get<uint32_t>();
+      if (call.fn == "4Ch") verifyOnly += std::to_string(call.in["edi"].get<uint32_t>()) + " ";
+      if (call.fn == "1Ah") brackets += std::to_string(ecx & 0xFF) + "/" + std::to_string(ecx >> 8 & 0xFF) + " ";
+    }
+    EXPECT_EQ(verifyOnly, row.verifyOnly);
+    EXPECT_EQ(brackets, row.brackets);
   }
 }
 

@@ -188,6 +188,7 @@ StepEnd UpdateWithImage(const UINT8* image, UINT32 size) {
   SetViaEsp(Settings()->secureUpdate.viaEsp ? 1 : 0);
   // The platform's kind is kept for the image check and the capsule road.
   Bool securePlatform = SMI_IsSecurePlatform();
+  ProbeOemSecure();
   // The analysis is kept for the choice of road.
   AnalyzeImage(image, size);
   if (!CheckImageKind(securePlatform)) {
@@ -196,6 +197,10 @@ StepEnd UpdateWithImage(const UINT8* image, UINT32 size) {
   }
   // An image with the PFAT tables is sound or goes no further, whatever the platform.
   if (AnalyzePfatImage(image, size) && !CheckPfatImage(size)) {
+    return Stop(nullptr);
+  }
+  // So is an RBU image with its checksums, before any road is chosen.
+  if (AnalyzeRbuImage(image, size) && !CheckRbuChecksum(image, size)) {
     return Stop(nullptr);
   }
   // The direct write takes the stretch as it is: no identity, check or protection applies.
@@ -221,6 +226,7 @@ StepEnd UpdateWithImage(const UINT8* image, UINT32 size) {
   }
   // The secure image test comes first.
   Bool updated = IsSecureImage(nullptr) ? FuncUpdate_via48h(image, size)
+                 : IsRbuImage()           ? FuncUpdate_via4Ch(image, size)
                  : IsPfatImage()          ? FuncUpdate_via42h(image, size)
                                           : FuncUpdate_via15h(image, size);
   return {updated, nullptr};

@@ -392,6 +392,11 @@ UINT16 OblisCall_45h(UINT32 ecx) { return FormA(RaiseOblis(0x45, ecx, 0, 0)); }
 
 UINT16 OblisCall_48h(UINT32 size, UINT32 edi, UINT32 esi) { return FormC(RaiseOblis(0x48, size, edi, esi)); }
 
+UINT32 OblisCall_4Ch(UINT32 size, UINT8 verifyOnly, UINT32 esi) {
+  OblisRegisters frame = RaiseOblis(0x4C, size, verifyOnly, esi);
+  return ((frame.ecx & 0xFFFF) << 16) | (frame.eax & 0xFFFF);
+}
+
 UINT16 OblisCall_49h(UINT32 ecx) { return FormA(RaiseOblis(0x49, ecx, 0, 0)); }
 
 UINT16 OblisCall_20h(UINT8 action, UINT8 block, UINT32 size, UINT32 esi) {

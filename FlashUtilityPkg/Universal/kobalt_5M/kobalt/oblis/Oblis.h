@@ -19,6 +19,7 @@ UINT16 OblisCall_1Bh(UINT32 size, UINT32 address, UINT32 esi);  // form A
 UINT16 OblisCall_44h(UINT32 edi, UINT32 esi);           // form A, EDI switches/answer, ESI information
 UINT16 OblisCall_45h(UINT32 ecx);                       // form A, ECX the $CHKCNDI record
 UINT16 OblisCall_48h(UINT32 size, UINT32 edi, UINT32 esi);  // form C: AH is the firmware's CL
+UINT32 OblisCall_4Ch(UINT32 size, UINT8 verifyOnly, UINT32 esi);  // form E: CX in the upper half, AX below
 UINT16 OblisCall_49h(UINT32 ecx);                       // form A, ECX the $RDI record
 UINT16 OblisCall_20h(UINT8 action, UINT8 block, UINT32 size, UINT32 esi);  // form A, CL action, CH block
 UINT16 OblisCall_21h(UINT8 sizeIndex, UINT32 esi);      // form C: AH is the firmware's CL, its size index

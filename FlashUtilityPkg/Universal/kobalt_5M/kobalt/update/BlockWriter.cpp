@@ -437,6 +437,7 @@ VOID ResetUpdateState() {
   ResetOemMeState();
   ResetRegionState();
   ResetPfatState();
+  ResetRbuState();
 }
 
 VOID ReleaseUpdateMemory() {

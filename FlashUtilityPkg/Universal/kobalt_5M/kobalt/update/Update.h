@@ -1,6 +1,6 @@
 // What the update folder offers: reading the ROM and the query commands, region selection,
 // the block writer with its two entries, the secure capsule road, the EC update, the direct write
-// the extra data and the PFAT road. The OEM road joins this folder as they are built.
+// the extra data, the PFAT road and the OEM secure road with its RBU images.
 #pragma once
 
 #include "KobaltBase.h"
@@ -60,6 +60,17 @@ Bool AnalyzePfatImage(const UINT8* image, UINT32 length);
 Bool CheckPfatImage(UINT32 length);
 Bool IsPfatImage();
 Bool FuncUpdate_via42h(const UINT8* image, UINT32 size);
+
+// ---- OEM secure road and RBU images ----
+// Whether the image opens with "$RBU"; keeps where its flash data lies and traces what it holds.
+Bool AnalyzeRbuImage(const UINT8* image, UINT32 size);
+// Refuses, with its message, an RBU image whose lengths reach outside the file or whose FD or
+// Entire checksum is wrong.
+Bool CheckRbuChecksum(const UINT8* image, UINT32 size);
+Bool IsRbuImage();
+// Asks the firmware by an empty 4Ch request whether it takes OEM images.
+VOID ProbeOemSecure();
+Bool FuncUpdate_via4Ch(const UINT8* image, UINT32 size);
 
 // ---- OEM ME update by the outside tool ----
 

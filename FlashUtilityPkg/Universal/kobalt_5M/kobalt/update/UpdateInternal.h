@@ -95,6 +95,26 @@ Bool FuncSize_region42h(const UINT8* image, UINT32 fdSize);
 Bool IsPfatEnabled();
 UINT32 GetPfatFdSize();
 VOID ShowWriteProgress(UINT8 percent);
+// The OEM secure road's pieces, shared with its tests. A request is zeroed before use; the
+// firmware's answer fills the last four fields.
+struct OemFlashRequest {
+  UINT32 size;  // 0 for the probe
+  UINT8 actionIndex;
+  UINT32 address;
+  Bool imageVerified;
+  Bool useOrdinaryWay;
+  Bool finishedWell;
+};
+// The four bytes FuncOblis_4Ch hands on, in this order.
+constexpr UINT32 kOemResultAction = 0, kOemResultVerified = 1, kOemResultOrdinaryWay = 2, kOemResultFinishedWell = 3,
+                 kOemResultBytes = 4;
+// CRC-32/JAMCRC; 0 for a null buffer or a zero length.
+UINT32 RbuChecksum(const UINT8* data, UINT32 length);
+Bool Oblis_4Ch(OemFlashRequest* request, UINT8 verifyOnly);
+Bool FuncOblis_4Ch(const UINT8* image, UINT32 size, UINT8 verifyOnly, UINT8* result);
+Bool RunOemSecureFlash(const UINT8* image, UINT32 size, UINT8* useOrdinaryWay);
+// Where the last analysed RBU image keeps its flash data: offset in the file and size.
+VOID GetRbuRawData(UINT32* start, UINT32* size);
 
 // The state of each file, put back by ResetUpdateState().
 VOID ResetBlockWriterState();
@@ -103,4 +123,5 @@ VOID ResetEcState();
 VOID ResetOemMeState();
 VOID ResetRegionState();
 VOID ResetPfatState();
+VOID ResetRbuState();
 VOID ReleaseRegionMemory();
