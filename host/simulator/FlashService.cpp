@@ -133,8 +133,8 @@ uint8_t FlashService::Read(uint32_t address, uint32_t length, std::vector<uint8_
 }
 
 // Erases one block and programs it page by page with its old content overlaid by the part of
-// data that falls inside it, up to programBytes bytes of the block (all of it but in a power cut
-// of a whole call). Each erase and each page program is one flash operation; false when the
+// data that falls inside it, up to programBytes bytes of the block (all of it, or the first half
+// when power_cut_after_writes cuts the call). Each erase and each page program is one flash operation; false when the
 // power fails before or during one of them, with the block left as far as it got.
 bool FlashService::ProgramBlock(uint32_t block, uint32_t size, uint32_t address, const std::vector<uint8_t>& data,
                                 uint32_t programBytes) {
