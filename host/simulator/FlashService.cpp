@@ -1,5 +1,5 @@
 // The firmware's flash driver on the simulated part: what 14h reads and 15h writes, which
-// ranges the firmware guards, the locked ME, the writer's faults (stale verify, power cut), the
+// ranges the firmware guards, the locked ME, the writer's faults (stale verify, power cuts), the
 // counters of the run summary and the modelled time. Registers and buffers are left to Simulator.
 #include "FlashService.h"
 
@@ -132,18 +132,36 @@ uint8_t FlashService::Read(uint32_t address, uint32_t length, std::vector<uint8_
   return kOblisLockedMe;
 }
 
-// Erases one block and programs it with its old content overlaid by the part of data that falls
-// inside it, up to programBytes bytes of the block (all of it but in a power cut).
-void FlashService::ProgramBlock(uint32_t block, uint32_t size, uint32_t address, const std::vector<uint8_t>& data,
+// Erases one block and programs it page by page with its old content overlaid by the part of
+// data that falls inside it, up to programBytes bytes of the block (all of it, or the first half
+// when power_cut_after_writes cuts the call). Each erase and each page program is one flash operation; false when the
+// power fails before or during one of them, with the block left as far as it got.
+bool FlashService::ProgramBlock(uint32_t block, uint32_t size, uint32_t address, const std::vector<uint8_t>& data,
                                 uint32_t programBytes) {
   std::vector<uint8_t> merged(size);
   part_.Read(block, merged.data(), size);
   const uint64_t from = std::max<uint64_t>(block, address);
   const uint64_t to = std::min<uint64_t>(uint64_t{block} + size, uint64_t{address} + data.size());
   for (uint64_t at = from; at < to; ++at) merged[at - block] = data[at - address];
+  if (CutBeforeNextOperation()) return false;
   part_.Erase(block);
-  part_.Program(block, merged.data(), programBytes);
-  counters_.modelledNanoseconds += EraseNanoseconds(size) + ProgramNanoseconds(programBytes);
+  counters_.modelledNanoseconds += EraseNanoseconds(size);
+  ++operations_;
+  for (uint32_t page = 0; page < programBytes; page += kPageBytes) {
+    uint32_t bytes = std::min(kPageBytes, programBytes - page);
+    const bool cut = CutBeforeNextOperation();
+    // A page program cut short has cleared the bits of its first bytes only.
+    if (cut) bytes = std::min<uint32_t>(bytes, machine_.powerCutProgrammedBytes);
+    part_.Program(block + page, merged.data() + page, bytes);
+    counters_.modelledNanoseconds += ProgramNanoseconds(bytes);
+    if (cut) return false;
+    ++operations_;
+  }
+  return true;
+}
+
+bool FlashService::CutBeforeNextOperation() const {
+  return machine_.powerCutAfterOperations && operations_ == *machine_.powerCutAfterOperations;
 }
 
 uint8_t FlashService::Write(uint32_t address, const std::vector<uint8_t>& data) {
@@ -173,7 +191,12 @@ uint8_t FlashService::Write(uint32_t address, const std::vector<uint8_t>& data) 
     lastWrite_ = LastWrite{address, std::vector<uint8_t>(length)};
     part_.Read(address, lastWrite_->before.data(), length);
   }
-  for (const auto& [block, size] : *blocks) ProgramBlock(block, size, address, data, size);
+  for (const auto& [block, size] : *blocks) {
+    if (!ProgramBlock(block, size, address, data, size)) {
+      powerLost_ = true;
+      return kOblisSuccess;
+    }
+  }
   ++counters_.written;
   justWritten_ = true;
   return kOblisSuccess;

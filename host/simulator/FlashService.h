@@ -61,8 +61,9 @@ class FlashService {
 
   bool Overlaps(const std::vector<Span>& spans, uint32_t address, uint32_t length) const;
   std::optional<std::vector<std::pair<uint32_t, uint32_t>>> BlocksOf(uint32_t address, uint32_t length) const;
-  void ProgramBlock(uint32_t block, uint32_t size, uint32_t address, const std::vector<uint8_t>& data,
+  bool ProgramBlock(uint32_t block, uint32_t size, uint32_t address, const std::vector<uint8_t>& data,
                     uint32_t programBytes);
+  bool CutBeforeNextOperation() const;
 
   Machine machine_;
   FlashPart part_;
@@ -72,6 +73,7 @@ class FlashService {
   bool justWritten_ = false;
   uint32_t verifyFaultsLeft_ = 0;
   uint32_t programmingWrites_ = 0;
+  uint32_t operations_ = 0;  // block erases and page programs done since power-on
   bool powerLost_ = false;
   std::set<uint32_t> comparedBlocks_;
   FlashCounters counters_;

@@ -527,6 +527,8 @@ void ReadTop(const json& document, Machine& m) {
       ReadArray(v, key, [&](const json& item, const std::string& path) { m.unsupported.push_back(ReadFunctionNumber(item, path)); });
     } else if (name == "faults") ReadFaults(v, m);
     else if (name == "power_cut_after_writes") m.powerCutAfterWrites = ReadU32(v, key);
+    else if (name == "power_cut_after_operations") m.powerCutAfterOperations = ReadU32(v, key);
+    else if (name == "power_cut_programmed_bytes") m.powerCutProgrammedBytes = ReadU8(v, key);
     else if (name == "me") ReadMe(v, m);
     else if (name == "capsule") ReadCapsule(v, m);
     else if (name == "ec") ReadEc(v, m);
@@ -554,6 +556,8 @@ void ReadTop(const json& document, Machine& m) {
     return true;
   });
   CheckMemoryRanges(m);
+  if (m.powerCutProgrammedBytes != 0 && !m.powerCutAfterOperations)
+    Refuse("power_cut_programmed_bytes", "needs power_cut_after_operations, the cut it belongs to");
 }
 
 }  // namespace

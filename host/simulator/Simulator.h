@@ -131,6 +131,10 @@ struct Machine {
   std::map<uint8_t, Fault> faults;             // by function number
   uint32_t verifyFaults = 0;                   // reads right after a write that show the old content
   std::optional<uint32_t> powerCutAfterWrites; // power fails during the write after this many
+  // power fails once this many flash operations (block erases, page programs) are done; if the
+  // next is a page program, its first powerCutProgrammedBytes bytes take before the power goes
+  std::optional<uint32_t> powerCutAfterOperations;
+  uint8_t powerCutProgrammedBytes = 0;
   uint16_t smiCmdPort = 0xB2;
   std::string dsdtOemId = "DOVRIN";
   bool acpi10 = true;
@@ -251,7 +255,7 @@ class Simulator {
   // The external map that function 17h gives as the current one.
   std::vector<ExternalRegion> CurrentExternalMap() const;
 
-  // A power cut (power_cut_after_writes) ends the machine: the transaction that caused it and
+  // A power cut (power_cut_after_writes, power_cut_after_operations) ends the machine: the transaction that caused it and
   // every later one return their registers untouched and leave no trace line. The handler, if
   // any, runs at the cut; a front end uses it to end the run as a real machine would.
   bool PowerLost() const;

@@ -1,5 +1,5 @@
 // The flash as the block writer meets it through functions 14h and 15h: erase-then-program
-// writes, guarded ranges and the locked ME, a stale verify, and a power cut in mid-write.
+// writes, guarded ranges and the locked ME, a stale verify, and power cuts in mid-write.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -153,6 +153,49 @@ TEST(FlashFaults, PowerCutLeavesAnErasedHalfProgrammedBlockAndAnswersNothingMore
   for (std::string line; std::getline(lines, line);) parsed.push_back(nlohmann::json::parse(line));
   ASSERT_EQ(parsed.size(), 1u);
   EXPECT_EQ(parsed[0]["flash"]["address"], 0xFFA00000u);
+}
+
+TEST(FlashFaults, APowerCutCountedInOperationsStopsBetweenOrInsideThem) {
+  // A one-block write first (17 operations: an erase and sixteen pages), then a two-block call
+  // at a and b; old 0x5A, new 0x3C, so a page programmed without its erase would read 0x18.
+  const uint32_t a = 0xFFFF1000, b = 0xFFFF2000;
+  struct Row {
+    uint32_t operations;
+    uint8_t bytes;
+    bool cut;
+    std::vector<std::pair<uint32_t, uint8_t>> probes;
+  };
+  const Row rows[] = {
+      {17, 0, true, {{a, 0x5A}, {a + 0xFFF, 0x5A}, {b, 0x5A}}},                   // before the call's erase
+      {17, 200, true, {{a, 0x5A}, {b, 0x5A}}},                                    // bytes take on a page only
+      {18, 0, true, {{a, 0xFF}, {a + 0xFFF, 0xFF}, {b, 0x5A}}},                   // erased, nothing programmed
+      {18, 100, true, {{a, 0x3C}, {a + 99, 0x3C}, {a + 100, 0xFF}, {a + 0x100, 0xFF}}},  // mid first page
+      {22, 0, true, {{a + 0x3FF, 0x3C}, {a + 0x400, 0xFF}, {b, 0x5A}}},           // between two pages
+      {34, 0, true, {{a + 0xFFF, 0x3C}, {b, 0x5A}, {b + 0xFFF, 0x5A}}},           // between the two blocks
+      {35, 255, true, {{b + 254, 0x3C}, {b + 255, 0xFF}, {b + 0x1000, 0x5A}}},    // last byte of a page missing
+      {51, 0, false, {{a, 0x3C}, {b + 0xFFF, 0x3C}}},                             // cut falls after the call
+  };
+  for (const Row& row : rows) {
+    TestMemory memory;
+    nlohmann::json machine = {{"power_cut_after_operations", row.operations}};
+    if (row.bytes != 0) machine["power_cut_programmed_bytes"] = row.bytes;
+    sim::Simulator s(MachineFrom(machine.dump()), Fill(0x1000000, 0x5A), memory.Access());
+    const std::string what = machine.dump();
+    EXPECT_EQ(Write15(s, memory, 0xFFFF8000, Fill(0x1000, 0x3C)), kOblisSuccess) << what;
+    EXPECT_FALSE(s.PowerLost()) << what;
+    Write15(s, memory, a, Fill(0x2000, 0x3C));
+    EXPECT_EQ(s.PowerLost(), row.cut) << what;
+    EXPECT_EQ(s.Counters().written, row.cut ? 1u : 2u) << what;
+    for (const auto& [address, expected] : row.probes) {
+      EXPECT_EQ(FlashAt(s, address), expected) << what << " at 0x" << std::hex << address;
+    }
+  }
+  sim::Machine parsed;
+  std::string error;
+  EXPECT_FALSE(sim::ParseMachine(R"({"power_cut_programmed_bytes": 256})", parsed, error));
+  EXPECT_EQ(error, "power_cut_programmed_bytes: value 256 is larger than 255");
+  EXPECT_FALSE(sim::ParseMachine(R"({"power_cut_programmed_bytes": 8})", parsed, error));
+  EXPECT_EQ(error, "power_cut_programmed_bytes: needs power_cut_after_operations, the cut it belongs to");
 }
 
 }  // namespace
