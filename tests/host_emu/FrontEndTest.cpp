@@ -35,6 +35,8 @@ TEST(ZaPromSim, EachRunEndsWithItsStatusAndSaysWhy) {
   ScratchDirectory scratch;
   WriteHostFile(scratch / "broken.json", "{ \"flashSize\": ");
   WriteHostFile(scratch / "short-ec.bin", "0123456789");
+  WriteHostFile(scratch / "short-flash.bin", std::string(1000, '\xFF'));
+  WriteHostFile(scratch / "huge.json", R"({"flash": {"size": 1e999}})");
   struct Row {
     std::string arguments;
     int status;
@@ -45,6 +47,8 @@ TEST(ZaPromSim, EachRunEndsWithItsStatusAndSaysWhy) {
       {"--keys '{F1'", 2, "zaprom-sim: --keys: unclosed '{' in the keys at character 1"},
       {"--machine broken.json", 2, "zaprom-sim: broken.json: "},
       {"--ec short-ec.bin", 2, "zaprom-sim: the EC file short-ec.bin: EC content is 10 bytes but the machine's EC holds 131072\n"},
+      {"--flash short-flash.bin", 2, "zaprom-sim: the flash file short-flash.bin: flash content is 1000 (0x3E8) bytes but"},
+      {"--machine huge.json", 2, "zaprom-sim: huge.json: machine description is not valid JSON: "},
       {"--launcher missing.efi", 2, "zaprom-sim: cannot read the launcher file missing.efi"},
       {"--launcher broken.json -- -h", 2, "zaprom-sim: the launcher takes no tool arguments: -h"},
       {"-- -h", 0, ""},

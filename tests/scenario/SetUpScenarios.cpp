@@ -103,26 +103,4 @@ TEST(SetUpScenarios, TheFirstMultiImageRuleThatHoldsOnThisMachineNamesTheImage) 
   }
 }
 
-// What the front end refuses before any tool runs: exit 2 and the reason, never an abort.
-TEST(SetUpScenarios, TheFrontEndRefusesBadInputInWords) {
-  struct {
-    const char* name;
-    std::string machine;
-    std::vector<uint8_t> flash;
-    std::string message;
-  } rows[] = {
-      {"a flash file of the wrong size", "", std::vector<uint8_t>(1000, 0xFF), "flash file"},
-      {"a number beyond any type", R"({"flash": {"size": 1e999}})", {}, "not valid JSON"},
-  };
-  for (const auto& row : rows) {
-    SimRequest request;
-    request.machineJson = row.machine;
-    request.flash = row.flash;
-    SimResult result = RunSim(request);
-    EXPECT_EQ(result.exitCode, 2) << row.name << ": " << result.errors;
-    EXPECT_NE(result.errors.find(row.message), std::string::npos) << row.name << ": " << result.errors;
-    EXPECT_TRUE(result.calls.empty()) << row.name;
-  }
-}
-
 }  // namespace
