@@ -190,12 +190,6 @@ TEST(FlashFaults, APowerCutCountedInOperationsStopsBetweenOrInsideThem) {
       EXPECT_EQ(FlashAt(s, address), expected) << what << " at 0x" << std::hex << address;
     }
   }
-  sim::Machine parsed;
-  std::string error;
-  EXPECT_FALSE(sim::ParseMachine(R"({"power_cut_programmed_bytes": 256})", parsed, error));
-  EXPECT_EQ(error, "power_cut_programmed_bytes: value 256 is larger than 255");
-  EXPECT_FALSE(sim::ParseMachine(R"({"power_cut_programmed_bytes": 8})", parsed, error));
-  EXPECT_EQ(error, "power_cut_programmed_bytes: needs power_cut_after_operations, the cut it belongs to");
 }
 
 }  // namespace

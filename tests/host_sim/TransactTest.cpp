@@ -152,7 +152,7 @@ TEST(EcFlash, ASeriesReachesTheEcWithItsLastBlock) {
   }
 }
 
-TEST(MachineKeys, TheEcAndFactoryCopyKeysRefuseBadValuesInWords) {
+TEST(MachineKeys, BadValuesAreRefusedInWords) {
   const std::pair<const char*, const char*> rows[] = {
       {R"({"ec": {"size_index": 6}})", "ec.size_index: value 6 is larger than 5"},
       {R"({"ec": {"parts": []}})", "ec.parts: expected 1 to 16 part sizes"},
@@ -162,6 +162,8 @@ TEST(MachineKeys, TheEcAndFactoryCopyKeysRefuseBadValuesInWords) {
       {R"({"ec": {"size": 1}})", "unknown key 'ec.size'"},
       {R"({"factory_copy": {"status": "0x10000"}})", "factory_copy.status: value 65536 is larger than 65535"},
       {R"({"faults": {"20h": {"code": 1, "after": -1}}})", "faults.20h.after: negative numbers are not allowed"},
+      {R"({"power_cut_programmed_bytes": 256})", "power_cut_programmed_bytes: value 256 is larger than 255"},
+      {R"({"power_cut_programmed_bytes": 8})", "power_cut_programmed_bytes: needs power_cut_after_operations, the cut it belongs to"},
   };
   for (const auto& [json, message] : rows) {
     sim::Machine machine;
