@@ -37,12 +37,14 @@ TEST_F(CommonFlash, AnswerDecidesGateAndFinalAction) {
       {1, 0, 1, true, "", 0},
       {1, 0, 0, true, "", 2},
       {2, 3, 1, false, "Warning!\r\nBattery too low\r\n", 2},  // a permit of 2 is no permission
+      {0, 0x13, 0, false, "Warning!\r\nLast slot\r\n", 2},  // slot numbers are hexadecimal
       {0, 0x14, 0, false, "Not allow flash.\r\nMessage Number: 0x14", 2},
       {0, 0x1A5, 0, false, "Not allow flash.\r\nMessage Number: 0x1A5", 2},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << row.permit << " " << row.message << " " << row.action);
-    Start(1, 100, u"2.05", "SwitchString=FHST\nErrorMsg03=Battery too low\n[FlashComplete]\nAction=2\n");
+    Start(1, 100, u"2.05", "SwitchString=FHST\nErrorMsg03=Battery too low\nErrorMsg19=decimal\nErrorMsg13=Last slot\n"
+                           "[FlashComplete]\nAction=2\n");
     Answer44h(row.permit, row.message, row.action);
     ASSERT_TRUE(CommonFlashExchange());
     EXPECT_TRUE(IsCommonFlashActive());
