@@ -1,7 +1,7 @@
-// Whole shell runs that the firmware conversation and the power check decide before the first
-// block: the CommonFlash gate with the blocks the firmware receives and its refusals, the 19h word
-// list on the wire, the power boxes, the -u question, and the wake-up alarm after a shutdown run.
-// Every refusal leaves the flash as it was and makes no 15h call.
+// Whole shell runs that the firmware conversation decides before the first block: the CommonFlash
+// gate with the blocks the firmware receives and its refusals, the 19h word list on the wire, the
+// -u question, and the wake-up alarm after a shutdown run. Every refusal leaves the flash as it
+// was and makes no 15h call.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,8 +13,6 @@
 #include "SimRun.h"
 
 namespace {
-
-const std::string kBannerEnd = "All rights reserved.\r\n";
 
 // The default content with one DXE block changed and a newer version in its BVDT.
 Bytes NewImage() {
@@ -35,15 +33,6 @@ SimResult RunNew(const std::string& machine, std::vector<std::string> options, c
 
 bool FlashUnchanged(const SimResult& result) { return result.flash == DefaultFlash(); }
 bool FlashUpdated(const SimResult& result) { return result.flash[kDxeByte] == NewImage()[kDxeByte]; }
-
-// The console behind the short banner and the blank lines that follow it.
-std::string AfterBanner(const SimResult& result) {
-  size_t at = result.console.find(kBannerEnd);
-  if (at == std::string::npos) return "(no banner) " + result.console;
-  at += kBannerEnd.size();
-  while (at < result.console.size() && (result.console[at] == '\r' || result.console[at] == '\n')) ++at;
-  return result.console.substr(at);
-}
 
 std::string Hex(const std::string& text) {
   std::string out;
@@ -146,52 +135,6 @@ TEST(PreFlashScenarios, OemParameterListOnTheWire) {
     EXPECT_NE(result.log.find("OEM/ODM customization-1 (19h)\r\n-----+-----------------\r\n      ODM1\r\n      x\r\n"),
               std::string::npos)
         << result.log;
-    EXPECT_TRUE(FlashUnchanged(result));
-  }
-}
-
-// ---- power ----
-
-const std::string kRule = "#==============================================================================#";
-
-std::string Box(std::initializer_list<std::string> inner, const std::string& top = kRule) {
-  std::string box = top;
-  for (const std::string& line : inner) box += line;
-  return box + kRule;
-}
-
-TEST(PreFlashScenarios, PowerRefusalsShowTheirBoxAndWriteNothing) {
-  const std::string acNoAc = Box({"#                           Warning: No AC Connected                           #",
-                                  "# This process requires AC power to avoid an accidental power-off during an    #",
-                                  "# update.                                                                      #"});
-  const std::string low20 =
-      Box({"#                           Warning: Battery Too Low                           #",
-           "# This process requires a  20% full battery to avoid an accidental power-off   #",
-           "# during an update.                                                            #"});
-  const std::string dellNoAc = Box({"# An External power adapter must be connected.                                 #",
-                                    "#                                                                              #",
-                                    "# Rom update not performed.                                                    #",
-                                    "# press any key to exit.                                                       #"},
-                                   "#===================================== ERROR ==================================#");
-  struct Row {
-    const char* what;
-    std::string status;
-    std::vector<std::string> options;
-    std::string ini;
-    std::string box;
-  };
-  const std::vector<Row> rows = {
-      {"general rule on battery", R"({"ac": 0})", {}, "", acNoAc},
-      {"-ab alone below the firmware's limit", R"({"dc": 19, "bound": 20})", {"-ab"}, "[AC_Adapter]\r\nFlag=0\r\n",
-       low20},
-      {"Dell", R"({"ac": 0, "vendor_id": "0x1028"})", {}, "", dellNoAc},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
-    SimResult result = RunNew(R"({"status": )" + row.status + "}", row.options, row.ini);
-    EXPECT_EQ(result.exitCode, 1) << result.errors;
-    EXPECT_EQ(AfterBanner(result), row.box + "\r\n\n" + kNothingWritten);
-    EXPECT_EQ(Count(result, "15h"), 0u);
     EXPECT_TRUE(FlashUnchanged(result));
   }
 }

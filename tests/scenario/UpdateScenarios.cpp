@@ -97,7 +97,7 @@ TEST(UpdateScenarios, TheFlashEndsAsTheImageWithTheBvdtBlockLastAndASecondRunWri
 }
 
 // One refusal of each kind: of the image's size, of the platform, of the version, of a block
-// table that does not make up the ROM.
+// table that does not make up the ROM, of the power.
 TEST(UpdateScenarios, ARefusalLeavesTheFlashAlone) {
   struct Row {
     const char* what;
@@ -123,6 +123,7 @@ TEST(UpdateScenarios, ARefusalLeavesTheFlashAlone) {
        NewImage("V1.03"), "ERROR!\r\nThe flash blocks cover 0x800000 bytes of the ROM's 0x1000000: the firmware's block table is incomplete.\r\n"},
       {"an empty block table", R"({"flash": {"blocks": [{"size": "0x1000", "count": 0}]}})", NewImage("V1.03"),
        "ERROR!\r\nThe flash blocks cover 0x0 bytes of the ROM's 0x1000000: the firmware's block table is incomplete.\r\n"},
+      {"no AC", R"({"status": {"ac": 0}})", NewImage("V1.03"), "Warning: No AC Connected"},
       {"a legacy image on a secure platform", R"({"capsule": {"secure": true}})", NewImage("V1.03"),
        "It only supports to flash secure BIOS on current platform.\r\nThe image to be updated is not a secure BIOS.\r\n"
        "\r\n\n" + kNothingWritten},
