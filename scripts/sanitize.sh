@@ -28,7 +28,7 @@ check() {
 for machine in examples/machines/*.json; do
   name=$(basename "$machine" .json)
   image=demo-newer
-  [ "$name" = part-4mb ] && image=part-4mb-newer
+  case "$name" in part-4mb*) image=part-4mb-newer ;; esac
   work=$build/demo/$name
   rm -rf "$work" && mkdir -p "$work"
   "$build/zaprom-image" build "examples/images/$image.json" -o "$work/new.fd" >/dev/null
