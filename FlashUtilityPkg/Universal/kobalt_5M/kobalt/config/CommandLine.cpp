@@ -268,8 +268,7 @@ VOID RefuseToken(const CHAR16* token) {
 Bool ParseOemCus(CHAR16** arguments, UINT32 count) {
   for (UINT32 i = 1; i < count; i++) {
     const CHAR16* argument = arguments[i];
-    if (argument == nullptr || (argument[0] != u'-' && argument[0] != u'/') ||
-        !MatchText(false, argument + 1, kOemCusOption, -1)) {
+    if (!IsOptionArgument(argument, kOemCusOption)) {
       continue;
     }
     CHAR16* parameter = i + 1 < count ? arguments[i + 1] : nullptr;
@@ -287,6 +286,11 @@ Bool ParseOemCus(CHAR16** arguments, UINT32 count) {
 }
 
 }  // namespace
+
+Bool IsOptionArgument(const CHAR16* argument, const CHAR16* name) {
+  return argument != nullptr && (argument[0] == u'-' || argument[0] == u'/') &&
+         MatchText(false, argument + 1, name, -1);
+}
 
 Bool MatchText(Bool caseSensitive, const CHAR16* text, const CHAR16* literal, INT32 count) {
   if (text == nullptr || literal == nullptr) {

@@ -31,6 +31,8 @@ Bool ParseOption(CHAR16* token);
 // Compares count characters from the start; -1: the whole text, lengths equal. Without
 // caseSensitive only 'A' to 'Z' fold. Never reads past a terminator of either side.
 Bool MatchText(Bool caseSensitive, const CHAR16* text, const CHAR16* literal, INT32 count);
+// Whether an argument is the option name, given with '-' or '/', in any case.
+Bool IsOptionArgument(const CHAR16* argument, const CHAR16* name);
 // Copies the word at position (up to separator or end) into token, at most capacity - 1
 // characters; position moves behind the separator. False once position reaches the end.
 Bool NextToken(const CHAR16* text, CHAR16 separator, UINT16* position, CHAR16* token, UINTN capacity);

@@ -170,8 +170,7 @@ Bool ChkFilterArg_pkg(CHAR16** arguments, UINT32 count) {
 VOID ParseExtrFD(CHAR16** arguments, UINT32 count) {
   for (UINT32 i = 1; i < count; i++) {
     const CHAR16* argument = arguments[i];
-    if (argument == nullptr || (argument[0] != u'-' && argument[0] != u'/') ||
-        !MatchText(false, argument + 1, kExtrFdOption, -1)) {
+    if (!IsOptionArgument(argument, kExtrFdOption)) {
       continue;
     }
     SetCommandFlag(&CommandFlags::extrFD);
