@@ -38,7 +38,7 @@ TEST_F(Maps, PlatformListsEndAtTheirMarkOrAfter200) {
   for (const auto& [what, privateBytes, protectionBytes, privateExpected, protectionExpected] : rows) {
     Install(Layout());
     ASSERT_TRUE(InitialSmi());
-    answers[0x12] = [&](OblisRegisters& r) {
+    answers[0x12] = [&privateBytes = privateBytes, &protectionBytes = protectionBytes](OblisRegisters& r) {
       std::memcpy(At(r.edi), protectionBytes.data(), protectionBytes.size());
       std::memcpy(At(r.esi), privateBytes.data(), privateBytes.size());
     };
@@ -89,7 +89,7 @@ TEST_F(Maps, WholeMapWalkPassesOverEmptyRecordsAndStops) {
   for (const auto& [what, records, expected] : rows) {
     Install(Layout());
     ASSERT_TRUE(InitialSmi());
-    answers[0x1E] = [&](OblisRegisters& r) {
+    answers[0x1E] = [&records = records](OblisRegisters& r) {
       for (size_t i = 0; i < records.size() && (i + 1) * 13 <= 0x1000; i++) std::memcpy(At(r.edi) + i * 13, records[i].data(), 13);
     };
     static RomMapEntry entries[kRomMapEntries];

@@ -30,7 +30,7 @@ TEST_F(PlatformStatus, FilterRecordKeepsOnlyTheBytesHeld) {
   for (const auto& [what, at, length, kept, entries] : rows) {
     Install(Layout());
     ASSERT_TRUE(InitialSmi());
-    answers[0x10] = [&](OblisRegisters& r) {
+    answers[0x10] = [at = at, length = length](OblisRegisters& r) {
       std::memcpy(At(r.edi + at), "$CMDFILT", 8);
       bed::PutU32(At(r.edi + at + 8), length);
       bed::PutU32(At(r.edi + at + 12), 0xAFAEADAC);
@@ -76,7 +76,7 @@ TEST_F(PlatformStatus, PlatformInformationFlagsAndStrings) {
   for (const auto& [ah, ecx, expected] : rows) {
     Install(Layout());
     ASSERT_TRUE(InitialSmi());
-    answers[0x11] = [&](OblisRegisters& r) {
+    answers[0x11] = [ah = ah, ecx = ecx](OblisRegisters& r) {
       std::memcpy(At(r.edi), u"KX-15", 12);
       std::memcpy(At(r.edi + 0x40), u"V1.07", 12);
       r.ecx = ecx;

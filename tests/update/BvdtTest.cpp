@@ -99,7 +99,7 @@ TEST_F(Bvdt, FindBvdtBlockSearchesTheOemDataRegionsInMapOrder) {
     else answers[0x1E] = bed::WholeMapAnswer(whole);
     std::vector<uint8_t> rom(16 * kBlock, 0xFF);
     for (uint32_t at : markerAt) PutBvdt(rom, at, "1", "M");
-    answers[0x14] = [&](OblisRegisters& r) {
+    answers[0x14] = [&, readCode = readCode](OblisRegisters& r) {
       if (readCode != 0) return bed::Answer(r, readCode);
       std::memcpy(At(r.esi), rom.data() + (r.edi - kBase), r.ecx);
     };

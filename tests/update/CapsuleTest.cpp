@@ -48,7 +48,7 @@ TEST_F(Capsule, TheProbeAsksOnceAndOnlyNotSupportedMeansLegacy) {
     Install(Layout());
     EXPECT_TRUE(InitialSmi());
     std::vector<uint8_t> record, list;
-    answers[0x48] = [&](OblisRegisters& r) {
+    answers[0x48] = [&, status = status](OblisRegisters& r) {
       record.assign(At(r.edi), At(r.edi) + 12);
       list.assign(At(r.esi), At(r.esi) + 4);
       EXPECT_EQ(r.ecx, 0u) << "the probe carries no image";
