@@ -25,6 +25,14 @@ check() {
     echo "clean: $what (status $status)"
   fi
 }
+# The README's demo on the embedded default machine must also flash.
+work=$build/demo/default
+rm -rf "$work" && mkdir -p "$work"
+"$build/zaprom-image" build examples/images/demo-newer.json -o "$work/new.fd" >/dev/null
+status=0
+"$build/zaprom-sim" --volume "$work" --flash "$work/flash.bin" -- new.fd -dbg >"$work/console.txt" 2>"$work/errors.txt" </dev/null || status=$?
+check "demo on the default machine" "$status" "$work/errors.txt"
+[ "$status" -eq 0 ] || { echo "FAILED: the demo on the default machine ended with status $status"; failed=1; }
 for machine in examples/machines/*.json; do
   name=$(basename "$machine" .json)
   image=demo-newer

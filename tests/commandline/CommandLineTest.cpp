@@ -1,5 +1,5 @@
 // The command line: tokens into CommandFlags (or the exact refusal), arguments into the image name
-// and the option text, and the text helpers the reader is built from.
+// and the option text, and the token cutter the reader is built from.
 #include <cstring>
 #include <functional>
 #include <string>
@@ -172,28 +172,6 @@ TEST_F(CommandLine, ArgumentsBecomeImageNameAndOptionText) {
   }
 }
 
-TEST(TextHelpers, MatchTextComparesExactlyTheCountGiven) {
-  struct Row {
-    bool caseSensitive;
-    const char16_t* text;
-    const char16_t* literal;
-    int count;
-    bool match;
-  };
-  const std::vector<Row> rows = {
-      {false, u"ALL", u"all", 4, true},    {true, u"ALL", u"all", 4, false},  {false, u"all2", u"all", 4, false},
-      {false, u"all2", u"all", 3, true},   {false, u"al", u"all", 3, false},  {false, u"al", u"all", 2, true},
-      {false, u"ALL", u"all", -1, true},   {false, u"all", u"alls", -1, false}, {false, u"", u"", -1, true},
-      {false, u"[", u"{", 1, false},       {false, u"x", u"y", 0, true},
-      // The count runs past both ends: the compare stops at the common terminator.
-      {false, u"ab", u"ab", 40, true},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(MatchText(row.caseSensitive, row.text, row.literal, row.count), row.match)
-        << Narrow(row.text) << " / " << Narrow(row.literal) << " / " << row.count;
-  }
-}
-
 TEST(TextHelpers, NextTokenCutsAtTheSeparatorWithinTheBuffer) {
   struct Row {
     const char16_t* text;
@@ -219,21 +197,6 @@ TEST(TextHelpers, NextTokenCutsAtTheSeparatorWithinTheBuffer) {
       EXPECT_EQ(token[row.capacity], u'#');
     }
     EXPECT_EQ(position, row.next) << Narrow(row.text) << " at " << row.position;
-  }
-}
-
-TEST(TextHelpers, ParseHexReadsDigitsUntilTheFirstOther) {
-  struct Row {
-    const char16_t* text;
-    uint32_t value;
-  };
-  const std::vector<Row> rows = {
-      {u"10", 0x10},           {u"0x1F", 0x1F},      {u"0XaB", 0xAB},    {u" \t ff,2", 0xFF},  {u"13x", 0x13},
-      {u"x", 0},               {u"", 0},             {u"0x", 0},         {u"0x0x5", 0},        {u"123456789", 0x23456789},
-      {u"-5", 0},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(ParseHex(row.text), row.value) << Narrow(row.text);
   }
 }
 

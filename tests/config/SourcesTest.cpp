@@ -1,5 +1,5 @@
-// Where settings come from: the variable FlashINISettings (stored less some sections, read once
-// and removed), the driver's own INI slot, and platform.ini beside the tool with the image.
+// Where settings come from: the variable FlashINISettings (stored less some sections), the
+// driver's own INI slot, and platform.ini beside the tool with the image.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -47,33 +47,6 @@ TEST_F(Sources, SaveCfgVariableStoresAllButTheListedSections) {
     EXPECT_EQ(StoredVariable(Environment(), &exists), row.content) << row.what;
     EXPECT_EQ(exists, row.stored) << row.what;
   }
-}
-
-TEST_F(Sources, SaveCfgVariableTracesTheDroppedSections) {
-  MutableSettings()->logFile.flag = 1;
-  MutableSettings()->logFile.level = 0;
-  std::string text = "[Log_file]\nflag=1\n[Option]\nx=1\n";
-  SaveCfg_Variable(text.data(), static_cast<UINT32>(text.size()));
-  EXPECT_EQ(Log(), " Variable FlashINISettings()\r\n-----+---------------------------\r\n       Option\r\n");
-}
-
-TEST_F(Sources, GetCfgVariableLoadsOnceAndRemovesTheVariable) {
-  ScanArguments({u"zaprom", u"-dbg"});
-  InitialIniStructure();
-  EXPECT_FALSE(GetCfg_Variable());  // none stored yet
-  EXPECT_NE(Log().find("<=== GetCfg_Variable (Get variable size failed)\r\n"), std::string::npos);
-
-  std::string text = "[flashcomplete]\naction=0\n";
-  Environment().PresetVariable(u"FlashINISettings", kSettingsGuid, 7,
-                                      std::vector<uint8_t>(text.begin(), text.end()));
-  EXPECT_TRUE(GetCfg_Variable());
-  EXPECT_EQ(Settings()->flashComplete.action, 0);
-  bool exists = true;
-  StoredVariable(Environment(), &exists);
-  EXPECT_FALSE(exists);
-  std::string log = Log();
-  EXPECT_NE(log.find("FlashINISettings size 0x19\r\n"), std::string::npos);
-  EXPECT_NE(log.find("Reference configure from Variable\r\n"), std::string::npos);
 }
 
 TEST_F(Sources, GetCfgSecureTakesTheDriversOwnIniSlot) {

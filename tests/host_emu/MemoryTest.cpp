@@ -11,26 +11,6 @@
 
 namespace {
 
-TEST(EmuMemory, PoolBlocksLieBelow4GbAndAreKnownUntilFreed) {
-  emu::Environment environment(OptionsWithVolumes({}));
-  EFI_BOOT_SERVICES* bs = environment.SystemTable()->BootServices;
-  for (UINTN size : {UINTN(1), UINTN(7), UINTN(8), UINTN(100), UINTN(4096), UINTN(5000), UINTN(0x20000)}) {
-    SCOPED_TRACE(size);
-    VOID* block = nullptr;
-    ASSERT_EQ(bs->AllocatePool(EfiBootServicesData, size, &block), EFI_SUCCESS);
-    uint64_t address = reinterpret_cast<uintptr_t>(block);
-    EXPECT_LE(address + size, 0x100000000ULL);
-    std::memset(block, 0x5A, size);  // the whole block is writable
-    EXPECT_TRUE(environment.ContainsAddress(address, size));
-    EXPECT_FALSE(environment.ContainsAddress(address, size + 1));
-    EXPECT_FALSE(environment.ContainsAddress(address - 1, 2));
-    EXPECT_EQ(environment.LiveBlocks().size(), 1u);
-    ASSERT_EQ(bs->FreePool(block), EFI_SUCCESS);
-    EXPECT_FALSE(environment.ContainsAddress(address, 1));
-    EXPECT_TRUE(environment.LiveBlocks().empty());
-  }
-}
-
 TEST(EmuMemory, FreeOfMemoryNeverHandedOutIsRefused) {
   emu::Environment environment(OptionsWithVolumes({}));
   EFI_BOOT_SERVICES* bs = environment.SystemTable()->BootServices;

@@ -111,47 +111,6 @@ TEST(Transaction, OnlyTheToolsOwnCallIsAnswered) {
   }
 }
 
-// The EC of 64 KB in quarters: a series reaches it only with its last block, each block at its
-// number times its length; a block sent again replaces the one kept, one past the end falls away.
-TEST(EcFlash, ASeriesReachesTheEcWithItsLastBlock) {
-  struct Block {
-    uint8_t number, action, fill;
-  };
-  struct Row {
-    const char* what;
-    const char* machine;
-    std::vector<Block> blocks;  // of 0x4000 bytes each
-    ByteList statuses, quarters;
-    const char* summary;
-  };
-  const Row rows[] = {
-      {"a series ends with the reboot mark", R"({"ec": {"size_index": 0}})",
-       {{3, 0xEF, 0x33}, {1, 0xEF, 0x10}, {1, 0xEF, 0x11}, {4, 0xEF, 0x44}, {0, 1, 0x00}}, {0, 0, 0, 0, 0},
-       {0x00, 0x11, 0xFF, 0x33}, "; EC: 5 blocks received, 3 written, finish action reboot"},
-      {"a series without its last block", R"({"ec": {"size_index": 0}})", {{0, 0xEF, 0x00}, {1, 0xEF, 0x11}}, {0, 0},
-       {0xFF, 0xFF, 0xFF, 0xFF}, "; EC: 2 blocks received, 0 written"},
-      {"a fault after the first call", R"({"ec": {"size_index": 0}, "faults": {"20h": {"code": "0x25", "after": 1}}})",
-       {{0, 0xEF, 0x00}, {1, 5, 0x11}, {1, 5, 0x11}}, {0, 0x25, 0x25}, {0xFF, 0xFF, 0xFF, 0xFF},
-       "; EC: 1 blocks received, 0 written"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
-    TestMemory memory;
-    sim::Simulator s(MachineFrom(row.machine), {}, memory.Access());
-    ByteList statuses;
-    for (const Block& block : row.blocks) {
-      std::fill_n(memory.At(kBuf), 0x4000, block.fill);
-      statuses.push_back(Status(Call(s, 0x20, uint32_t{block.number} << 8 | block.action, 0x4000, kBuf)));
-    }
-    EXPECT_EQ(statuses, row.statuses);
-    ASSERT_EQ(s.Ec().size(), 0x10000u);
-    for (uint32_t quarter = 0; quarter < 4; ++quarter)
-      EXPECT_EQ(ByteList(s.Ec().begin() + quarter * 0x4000, s.Ec().begin() + (quarter + 1) * 0x4000), Fill(0x4000, row.quarters[quarter]))
-          << quarter;
-    EXPECT_NE(s.Summary().find(row.summary), std::string::npos) << s.Summary();
-  }
-}
-
 TEST(MachineKeys, BadValuesAreRefusedInWords) {
   const std::pair<const char*, const char*> rows[] = {
       {R"({"ec": {"size_index": 6}})", "ec.size_index: value 6 is larger than 5"},

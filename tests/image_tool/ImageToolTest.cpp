@@ -1,20 +1,15 @@
-// The images zaprom-image builds: descriptor region registers in 4 KB units, the BVDT and "$OBLIS"
-// map bytes, the EC image in front, and a demo image that fits the simulator's default machine.
+// The images zaprom-image builds: the "$OBLIS" map bytes, the EC image in front, and the slots of
+// a packed driver and launcher.
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
 #include <functional>
-#include <regex>
 
-#include "simulator/MachineLayout.h"
-#include "simulator/Simulator.h"
 #include "zaprom-image/ZaPromImage.h"
 
 namespace {
 
 using nlohmann::json;
-using zimage::SpiRegion;
 
 uint32_t U32At(const std::vector<uint8_t>& bytes, size_t at) {
   return uint32_t(bytes[at]) | uint32_t(bytes[at + 1]) << 8 | uint32_t(bytes[at + 2]) << 16 | uint32_t(bytes[at + 3]) << 24;
@@ -34,60 +29,6 @@ json SmallImage() {
     },
     "bvdt": { "offset": "0x90000", "version": "V3.45", "model": "DV-TEST7", "extra": "EXTRA TEXT" }
   })");
-}
-
-zimage::ImageDescription Layout(uint32_t size, std::vector<zimage::RegionSpec> regions) {
-  zimage::ImageDescription d;
-  d.size = size;
-  d.regions = std::move(regions);
-  return d;
-}
-
-struct DescriptorCase {
-  const char* name;
-  zimage::ImageDescription description;
-  uint32_t flreg[5];
-  uint32_t flcomp;
-};
-
-std::vector<DescriptorCase> DescriptorCases() {
-  return {
-      {"Default16MB",
-       Layout(16u << 20, {{SpiRegion::Descriptor, 0, 0x1000}, {SpiRegion::Me, 0x1000, 0x7FF000}, {SpiRegion::Bios, 0x800000, 0x800000}}),
-       {0x00000000, 0x0FFF0800, 0x07FF0001, 0x00007FFF, 0x00007FFF},
-       5},
-      {"AllFiveRegions8MB",
-       Layout(8u << 20, {{SpiRegion::Descriptor, 0, 0x3000},
-                         {SpiRegion::Gbe, 0x3000, 0x2000},
-                         {SpiRegion::PlatformData, 0x5000, 0x1000},
-                         {SpiRegion::Me, 0x6000, 0x1FA000},
-                         {SpiRegion::Bios, 0x200000, 0x600000}}),
-       {0x00020000, 0x07FF0200, 0x01FF0006, 0x00040003, 0x00050005},
-       4},
-  };
-}
-
-TEST(ImageDescriptor, RegionRegistersCountFourKilobyteUnits) {
-  for (const DescriptorCase& c : DescriptorCases()) {
-    SCOPED_TRACE(c.name);
-    const std::vector<uint8_t> image = zimage::BuildImage(c.description);
-    EXPECT_EQ(U32At(image, 0x10), 0x0FF0A55Au);
-    // FLMAP0 names the component section at 0x30 and the region section at 0x40.
-    EXPECT_EQ(U32At(image, 0x14) & 0xFF00FF, 0x040003u);
-    EXPECT_EQ(U32At(image, 0x18) & 0xFF, 0x06u);  // masters at 0x60
-    EXPECT_EQ(U32At(image, 0x30), c.flcomp);
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(U32At(image, 0x40 + 4 * i), c.flreg[i]) << "FLREG" << i;
-  }
-}
-
-TEST(ImageBvdt, FieldsStandAtTheirOffsetsFromTheSignature) {
-  const std::vector<uint8_t> image = zimage::BuildImage(zimage::ParseImageDescription(SmallImage()));
-  const size_t b = 0x90000;
-  EXPECT_EQ(Bytes(image, b, 6), "$BVDT$");
-  for (size_t at : {0x09, 0x0D, 0x26, 0x40}) EXPECT_EQ(image[b + at], '$') << std::hex << at;
-  EXPECT_EQ(Bytes(image, b + 0x0E, 24), std::string("V3.45") + std::string(19, '\0'));
-  EXPECT_EQ(Bytes(image, b + 0x27, 25), std::string("DV-TEST7") + std::string(17, '\0'));
-  EXPECT_EQ(Bytes(image, b + 0x41, 37), std::string("EXTRA TEXT") + std::string(27, '\0'));
 }
 
 TEST(ImageOblisMap, RecordsFollowTheSignatureAndEndAtTypeFF) {
@@ -119,33 +60,6 @@ TEST(ImageEc, EcImageStandsInFrontAndInfoFindsItsSize) {
   const zimage::ImageInfo info = zimage::InspectImage(image);
   EXPECT_EQ(info.ecSize, 0x20000u);
   EXPECT_EQ(info.bvdtOffset, 0x90000u);  // counted from the flash image, not the file
-}
-
-// The demo image is flashed onto the simulator's default machine: its regions must be the ones
-// that machine's descriptor gives, and its BVDT must stand where the machine keeps its own.
-TEST(ImageDescriptor, DemoImageMatchesTheDefaultMachine) {
-  std::ifstream in(std::string(ZAPROM_SOURCE_DIR) + "/examples/images/demo-newer.json");
-  ASSERT_TRUE(in);
-  const zimage::ImageDescription d = zimage::ParseImageDescription(nlohmann::json::parse(in));
-  const std::vector<uint8_t> demo = zimage::BuildImage(d);
-  const std::vector<uint8_t> current = sim::DefaultFlashContent(sim::Machine{});
-  ASSERT_EQ(demo.size(), current.size());
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(U32At(demo, 0x40 + 4 * i), U32At(current, 0x40 + 4 * i)) << "FLREG" << i;
-
-  const zimage::ImageInfo info = zimage::InspectImage(demo);
-  ASSERT_TRUE(info.bvdtOffset);
-  EXPECT_EQ(*info.bvdtOffset, sim::layout::kBvdtOffset);
-  std::string model, version;
-  ASSERT_TRUE(sim::ReadBvdtIdentity(demo, model, version));
-  EXPECT_EQ(model, sim::layout::kDefaultModelName);
-  // Newer by the dotted numbers, which is how the tool compares versions by default.
-  auto numbers = [](const std::string& text) {
-    std::vector<int> fields;
-    std::regex number(R"(\d+)");
-    for (std::sregex_iterator m(text.begin(), text.end(), number), end; m != end; ++m) fields.push_back(std::stoi(m->str()));
-    return fields;
-  };
-  EXPECT_GT(numbers(version), numbers(sim::layout::kDefaultModelVersion)) << version;
 }
 
 // Packing what the firmware starts: each payload lands in its slot with its size, the rest of the

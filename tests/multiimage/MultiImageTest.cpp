@@ -210,15 +210,6 @@ TEST_F(MultiImage, WalkTakesTheLowestHoldingNumberAndOnlyOneToNinetyNine) {
   }
 }
 
-TEST_F(MultiImage, WalkTracesEachRuleWithItsNumber) {
-  gRules = {{4, "OS,x,a.fd"}, {12, "IO,80,FF,12,b.fd"}};
-  ASSERT_TRUE(WalkMultiFdRules(ReadTestRule));
-  const std::string log = Log();
-  const size_t first = log.find("IsCondi_match() # (04) OS,x,a.fd\r\n");
-  ASSERT_NE(first, std::string::npos);
-  EXPECT_NE(log.find("IsCondi_match() # (12) IO,80,FF,12,b.fd\r\n", first), std::string::npos);
-}
-
 TEST_F(MultiImage, SettingsRulesAreWalkedAndOnlyFlagOneIsMultiImageMode) {
   const int flags[] = {0, 1, 2};
   for (int flag : flags) {

@@ -1,5 +1,5 @@
-// Console messages through a recording console: the print limits, the centred lines, the
-// warning bar and the key wait, with the exact text and order of calls.
+// Console messages through a recording console: the print limits, the centred lines and the
+// key wait, with the exact text and order of calls.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -72,17 +72,6 @@ TEST_F(ConsoleCalls, CenterLinesGivesOneBlockPerLine) {
     FreePoolAndNull(centred);
   }
   EXPECT_EQ(CenterLines(80, nullptr), nullptr);
-}
-
-TEST_F(ConsoleCalls, AcWarningStandsCentredInARedBarOnAClearedScreen) {
-  size_t blocks = Environment().LiveBlocks().size();
-  ShowAcWarning("messagestringA02");  // no message table: the tool's own text
-  const std::string edge = "Out:" + std::string(79, ' ') + "\r\n";
-  const std::string text = "Out:" + std::string(23, ' ') + "Please do not remove the AC power!" + std::string(22, ' ') + "\r\n";
-  EXPECT_EQ(consoleCalls, (std::vector<std::string>{"Clear", "Attr:4F", edge, text, edge, "Cursor:0,6", "Attr:0F"}));
-  EXPECT_EQ(Environment().LiveBlocks().size(), blocks);
-  const CHAR16* fallback = u"default";
-  for (const CHAR8* key : {"messagestringA02", "", (const CHAR8*)nullptr}) EXPECT_EQ(GetMessageText(key, fallback), fallback);
 }
 
 std::vector<std::pair<EFI_STATUS, EFI_INPUT_KEY>> script;

@@ -98,17 +98,6 @@ TEST(PreFlashScenarios, CommonFlashBlocksOnTheWire) {
   }
 }
 
-TEST(PreFlashScenarios, CommonFlashPermitOnBatteryFlashesAndEndsInShutdown) {
-  SimResult result = RunNew(CommonFlashMachine(1, 0, 3), {"-acb"}, "[CommonFlash]\r\nSwitchString=FHST\r\n");
-  EXPECT_EQ(result.exitCode, 0) << result.console << result.errors;
-  EXPECT_EQ(result.console.find("#==="), std::string::npos) << "no power box while the gate is active";
-  EXPECT_TRUE(FlashUpdated(result));
-  const SmiCall* finish = First(result, "16h");
-  ASSERT_NE(finish, nullptr);
-  // CL is the action: [FlashComplete] says reboot (2), the firmware's 3 makes it a shutdown.
-  EXPECT_EQ(finish->in["ecx"].get<uint32_t>() & 0xFF, 1u);
-}
-
 // ---- 19h ----
 
 TEST(PreFlashScenarios, OemParameterListOnTheWire) {
