@@ -172,6 +172,20 @@ TEST_F(CommandLine, ArgumentsBecomeImageNameAndOptionText) {
   }
 }
 
+// A count past both ends stops at the common terminator: what lies behind it is never compared.
+TEST(TextHelpers, MatchTextComparesTheCountGivenUpToTheCommonEnd) {
+  const char16_t text[] = u"aB\0X", same[] = u"Ab\0Y";
+  EXPECT_TRUE(MatchText(false, text, same, 4));
+  EXPECT_FALSE(MatchText(true, text, same, 2));
+  EXPECT_TRUE(MatchText(false, u"all2", u"all", 3));
+  EXPECT_FALSE(MatchText(false, u"all2", u"all", -1));
+}
+
+TEST(TextHelpers, ParseHexSkipsBlanksAndEitherPrefixAndKeepsTheLastEightDigits) {
+  const std::pair<const char16_t*, uint32_t> rows[] = {{u"0XaB", 0xAB}, {u" \t ff,2", 0xFF}, {u"0x0x5", 0}, {u"123456789", 0x23456789}};
+  for (const auto& [text, value] : rows) EXPECT_EQ(ParseHex(text), value) << Narrow(text);
+}
+
 TEST(TextHelpers, NextTokenCutsAtTheSeparatorWithinTheBuffer) {
   struct Row {
     const char16_t* text;
