@@ -58,6 +58,7 @@ constexpr CHAR16 kReasonWrite[] = u"Write ROM failed";
 constexpr CHAR16 kReasonOemMe[] = u"Update OEM ME failed";
 constexpr CHAR16 kReasonModuleCheck[] = u"Skip model check verify failed";
 constexpr CHAR16 kReasonBlockTable[] = u"Copy block table failed";
+constexpr CHAR16 kReasonBlocksNotRom[] = u"Block table does not make up the ROM";
 constexpr CHAR16 kReasonVerify[] = u"Verify failed";
 
 struct BlockWriterState {
@@ -107,6 +108,32 @@ UINT64 BlocksTotal(const FlashBlock* table, UINT32 count) {
     total += table[i].size;
   }
   return total;
+}
+
+// The blocks must make up the ROM exactly: a table that stops short would leave part of the
+// image unwritten and still end in a completed update, one that reaches past it would write
+// beyond 4 GB and read past the image.
+Bool BlocksMakeUpRom(const FlashBlock* table, UINT32 count) {
+  UINT64 total = BlocksTotal(table, count);
+  if (total > GetRomSize()) {
+    Print(kErrorBlocksPastRom, GetRomSize());
+    return false;
+  }
+  if (total < GetRomSize()) {
+    Print(kErrorBlocksShortOfRom, (UINT32)total, GetRomSize());
+    return false;
+  }
+  return true;
+}
+
+// The firmware's block table is judged before the image is: a ROM size that the blocks do not
+// make up would otherwise be taken for an EC part in front of the image, or reach the firmware's
+// module check and the ME tool, before the write loop refuses it.
+Bool BlockTableMakesUpRom() {
+  PoolBuffer table;
+  table.Adopt((UINT8*)CopyBlockTable(), sizeof(FlashBlock) * kFlashBlockEntries);
+  UINT32 count = GetBlockCount() < kFlashBlockEntries ? GetBlockCount() : kFlashBlockEntries;
+  return table && BlocksMakeUpRom((const FlashBlock*)table.Data(), count);
 }
 
 // The bar's position for block index of count: integer percent; a single-block flash shows 0
@@ -185,6 +212,9 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
     return trace.Fail(kReasonAllocate);
   }
   LogPrint(kLogSettings, kTraceImageSize, size);
+  if (!BlockTableMakesUpRom()) {
+    return trace.Fail(kReasonBlocksNotRom);
+  }
   if (const CHAR16* reason = LayOutImage(image, size, romSize, false)) {
     return trace.Fail(reason);
   }
@@ -217,6 +247,9 @@ Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
     return trace.Fail(kReasonOdmStart);
   }
   LogPrint(kLogSettings, kTraceEfiUpdate, size);
+  if (!BlockTableMakesUpRom()) {
+    return trace.Fail(kReasonBlocksNotRom);
+  }
   if (const CHAR16* reason = LayOutImage(image, size, romSize, true)) {
     return trace.Fail(reason);
   }
@@ -307,18 +340,10 @@ Bool WriteBlocks(ImageView buffer) {
   if (count > kFlashBlockEntries) {
     count = kFlashBlockEntries;
   }
-  // The blocks must make up the ROM exactly: a table that stops short would leave part of the
-  // image unwritten and still end in a completed update.
-  UINT64 total = BlocksTotal(table, count);
-  if (total > GetRomSize()) {
-    Print(kErrorBlocksPastRom, GetRomSize());
-    return trace.Fail(kReasonBlockTable);
+  if (!BlocksMakeUpRom(table, count)) {
+    return trace.Fail(kReasonBlocksNotRom);
   }
-  if (total < GetRomSize()) {
-    Print(kErrorBlocksShortOfRom, (UINT32)total, GetRomSize());
-    return trace.Fail(kReasonBlockTable);
-  }
-  if (total > buffer.length) {
+  if (BlocksTotal(table, count) > buffer.length) {
     Print(kErrorBlocksPastBuffer, buffer.length);
     return trace.Fail(kReasonBlockTable);
   }
