@@ -52,6 +52,7 @@ constexpr CHAR16 kWarningMeLocked[] =
 
 constexpr CHAR16 kReasonAllocate[] = u"Allocate update buffer failed";
 constexpr CHAR16 kReasonExternalMaps[] = u"Get external maps failed";
+constexpr CHAR16 kReasonRegionMap[] = u"Region map not usable";
 constexpr CHAR16 kReasonLayout[] = u"Image layout failed";
 constexpr CHAR16 kReasonOdmStart[] = u"OemOdmCustom2 start failed";
 constexpr CHAR16 kReasonWrite[] = u"Write ROM failed";
@@ -193,6 +194,9 @@ const CHAR16* LayOutImage(const UINT8* image, UINT32 size, UINT32 romSize, Bool 
   if (GetRegionFlags() != 0 || size < romSize) {
     if (!GetExternalMaps(image, size)) {
       return kReasonExternalMaps;
+    }
+    if (GetRegionFlags() != 0 && !CheckCurrentRegions(size >= romSize)) {
+      return kReasonRegionMap;
     }
   }
   if (launcher) {

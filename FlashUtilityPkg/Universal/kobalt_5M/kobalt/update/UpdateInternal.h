@@ -14,6 +14,9 @@ VOID GetCurrentRegionSlots(UINT8* slots);  // 54 bytes
 VOID GetCurrentExternalList(const OblisExternalRecord** list, UINT32* count);
 Bool FindCurrentRegion(UINT8 type, UINT32* offset, UINT32* size, UINT8* access);
 Bool CheckRegionSize(UINT32 size);
+// The current list's regions lie inside the ROM and apart; for a whole image, each selected
+// region is among them. Prints the warning that names the region otherwise.
+Bool CheckCurrentRegions(Bool wholeImage);
 VOID PlaceRegionImage(UINT8* buffer, const UINT8* image, UINT32 size);
 VOID SetRsvd_17h();
 VOID SetSkipMeRegion();
