@@ -21,6 +21,7 @@ TEST(HostileAnswerScenarios, ABrokenAnswerIsRefusedInWordsThatNameItOrHoldsAtIts
   const std::tuple<const char*, std::string, const char*, int, std::vector<std::string>, Landed> rows[] = {
       {"8 MB ROM, 16 MB of blocks", R"({"flash": {"size_index": 7}})", "", 1, {"ERROR!\r\nThe flash blocks reach past the ROM size. (0x800000)\r\n"}, kNothing},
       {"blocks stop at half the ROM", R"({"flash": {"blocks": [{"size": "0x1000", "count": "0x800"}]}})", "", 1, {kCover + "800000 bytes of the ROM's 0x1000000: the firmware's block table is incomplete.\r\n"}, kNothing},
+      {"-g, blocks stop at half the ROM", R"({"flash": {"blocks": [{"size": "0x1000", "count": "0x800"}]}})", "-g", 0, {kCover + "800000 bytes", "Error: command -g fail. (Oblis fail)\r\n"}, kNothing},
       {"empty block map", R"({"flash": {"blocks": []}})", "", 1, {kCover + "0 bytes"}, kNothing},
       {"count one past the table", R"({"flash": {"blocks": [{"size": "0x1000", "count": "0x1001"}]}})", "", 1, {k13h}, kNothing},
       {"256 map entries, 255 read", Raw("13h", "esi", Repeat("1000 1000 ", 256)), "", 1, {kCover + "FF0000 bytes"}, kNothing},

@@ -127,6 +127,8 @@ Bool BlocksMakeUpRom(const FlashBlock* table, UINT32 count) {
   return true;
 }
 
+}  // namespace
+
 // The firmware's block table is judged before the image is: a ROM size that the blocks do not
 // make up would otherwise be taken for an EC part in front of the image, or reach the firmware's
 // module check and the ME tool, before the write loop refuses it.
@@ -136,6 +138,8 @@ Bool BlockTableMakesUpRom() {
   UINT32 count = GetBlockCount() < kFlashBlockEntries ? GetBlockCount() : kFlashBlockEntries;
   return table && BlocksMakeUpRom((const FlashBlock*)table.Data(), count);
 }
+
+namespace {
 
 // The bar's position for block index of count: integer percent; a single-block flash shows 0
 // while it writes and 100 once the loop is through.

@@ -26,6 +26,8 @@ Bool UpdateRegionLegacy(const UINT8* image, UINT32 size);
 // Writes the blocks of the table that buffer holds, laid end to end; a table that reaches past
 // the ROM or past buffer is refused before the first write.
 Bool WriteBlocks(ImageView buffer);
+// Whether the firmware's blocks make up the ROM; prints what is wrong when they do not.
+Bool BlockTableMakesUpRom();
 BlockResult SMI_WriteRom(UINT32 address, ImageView block);
 Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data);
 // The block map entry of a block the writer has just marked: the facts the trace shows of it.
