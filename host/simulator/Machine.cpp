@@ -512,6 +512,33 @@ void CheckMemoryRanges(const Machine& m) {
   }
 }
 
+// The functions whose answer goes into the tool's buffers, the registers that point at them.
+bool AnswersInto(uint8_t function, const std::string& reg) {
+  switch (function) {
+    case 0x10: case 0x11: case 0x17: case 0x1E: return reg == "edi";
+    case 0x12: case 0x13: return reg == "edi" || reg == "esi";
+    default: return false;
+  }
+}
+
+// The largest answer the tool takes from one buffer.
+constexpr size_t kAnswerBytesLimit = 0x10000;
+
+void ReadAnswerBytes(const json& value, Machine& m) {
+  m.answerBytes.clear();
+  ForEachMember(value, "answer_bytes", [&](const std::string& name, const json& v, const std::string& key) {
+    const uint8_t function = ReadFunctionNumber(json(name), key);
+    ForEachMember(v, key, [&](const std::string& reg, const json& bytes, const std::string& path) {
+      if (!AnswersInto(function, reg)) Refuse(path, "the function writes no answer at " + reg);
+      std::vector<uint8_t> raw = ReadMemoryBytes(bytes, path);
+      if (raw.size() > kAnswerBytesLimit) Refuse(path, "longer than 0x10000 bytes");
+      m.answerBytes[function][reg] = std::move(raw);
+      return true;
+    });
+    return true;
+  });
+}
+
 void ReadTop(const json& document, Machine& m) {
   ForEachMember(document, "", [&](const std::string& name, const json& v, const std::string& key) {
     if (name == "description") {
@@ -552,6 +579,7 @@ void ReadTop(const json& document, Machine& m) {
     else if (name == "rtc") ReadRtc(v, m);
     else if (name == "pci") ReadPci(v, m);
     else if (name == "memory") ReadMemory(v, m);
+    else if (name == "answer_bytes") ReadAnswerBytes(v, m);
     else return false;
     return true;
   });

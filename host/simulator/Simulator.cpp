@@ -23,6 +23,9 @@ constexpr char kFinishSignature[] = "$FINISHI";
 // The filter record goes right behind the 10h answer, well inside the 0x7C bytes the tool keeps.
 constexpr uint32_t kFilterRecordOffset = 0x28;
 static_assert(kFilterRecordOffset >= sizeof(OblisPlatformStatusAnswer), "filter record behind the answer");
+// How far from its start a buffer with raw answer bytes keeps the function's own writes out:
+// the largest answer the tool takes from one buffer.
+constexpr uint32_t kReplacedSpan = 0x10000;
 
 // A flash access that a transaction made, for its trace line.
 struct FlashAccess {
@@ -90,6 +93,7 @@ struct Simulator::State {
   ConversationState conversationState;
   EcService ec;
   PacketService packets;
+  std::vector<uint32_t> replaced;  // buffers of this transaction that get raw answer bytes
   nlohmann::ordered_json received;  // what 19h, 1Bh, 20h, 21h, 41h, 42h, 44h, 45h, 49h or 4Ch read, for its trace line
 
   State(Machine m, std::vector<uint8_t> content, MemoryAccess access, std::vector<uint8_t> ecContent)
@@ -106,6 +110,9 @@ struct Simulator::State {
     if (!memory.read || !memory.read(address, out, length)) throw Refused{address, length};
   }
   void Write(uint32_t address, const void* data, uint32_t length) {
+    for (uint32_t start : replaced) {
+      if (address - start < kReplacedSpan) return;  // a raw answer takes this buffer's place
+    }
     if (!memory.write || !memory.write(address, data, length)) throw Refused{address, length};
   }
   template <typename Record>
@@ -114,6 +121,7 @@ struct Simulator::State {
   }
 
   Answer Dispatch(uint8_t function, const OblisRegisters& in);
+  Answer DispatchWithRawAnswers(uint8_t function, const OblisRegisters& in);
   Answer PlatformStatus(const OblisRegisters& in);
   Answer PlatformInformation(const OblisRegisters& in);
   Answer RomMaps(const OblisRegisters& in);
@@ -352,6 +360,23 @@ Answer Simulator::State::Dispatch(uint8_t function, const OblisRegisters& in) {
   }
 }
 
+// The function runs as usual (its checks, its registers), but what it would write into a buffer
+// with raw answer bytes is dropped and the raw bytes go there instead. 17h gives the buffer's
+// size in ECX and gets no more than that.
+Answer Simulator::State::DispatchWithRawAnswers(uint8_t function, const OblisRegisters& in) {
+  const auto raw = machine.answerBytes.find(function);
+  if (raw == machine.answerBytes.end()) return Dispatch(function, in);
+  for (const auto& [reg, bytes] : raw->second) replaced.push_back(reg == "edi" ? in.edi : in.esi);
+  const Answer answer = Dispatch(function, in);
+  replaced.clear();
+  if (answer.status != kOblisSuccess) return answer;
+  for (const auto& [reg, bytes] : raw->second) {
+    const uint32_t length = static_cast<uint32_t>(function == 0x17 ? std::min<size_t>(bytes.size(), in.ecx) : bytes.size());
+    if (length != 0) Write(reg == "edi" ? in.edi : in.esi, bytes.data(), length);
+  }
+  return answer;
+}
+
 bool Simulator::State::FaultFires(uint8_t function, uint8_t& code) {
   auto fault = machine.faults.find(function);
   if (fault == machine.faults.end()) return false;
@@ -408,6 +433,7 @@ void Simulator::Transact(OblisRegisters& frame) {
   s.flashAccess.reset();
   s.capsuleReceived = false;
   s.received = nullptr;
+  s.replaced.clear();
   Answer answer;
   uint8_t faultCode = 0;
   if (frame.ebx != kOblisCallerSignature) {
@@ -419,7 +445,7 @@ void Simulator::Transact(OblisRegisters& frame) {
     answer.status = faultCode;
   } else {
     try {
-      answer = s.Dispatch(function, in);
+      answer = s.DispatchWithRawAnswers(function, in);
     } catch (const Refused& refused) {
       std::cerr << "oblis-sim: " << FunctionName(function) << ": refused access to " << refused.length
                 << " bytes at 0x" << std::hex << refused.address << std::dec << "\n";

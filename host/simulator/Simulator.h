@@ -153,6 +153,9 @@ struct Machine {
   std::optional<uint16_t> factoryCopy;  // 49h: the status bits it answers; none: 0xEF
   PacketBehaviour packets;              // functions 41h and 42h: extra data and PFAT packets
   OemSecureBehaviour oemSecure;         // function 4Ch: OEM images in a verify and a flash call
+  // raw answers of a broken firmware: by function (10h, 11h, 12h, 13h, 17h, 1Eh), then by the
+  // register that points at the buffer ("edi", "esi"), the bytes written there instead
+  std::map<uint8_t, std::map<std::string, std::vector<uint8_t>>> answerBytes;
   bool operator==(const Machine&) const = default;
 };
 

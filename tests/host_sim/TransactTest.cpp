@@ -123,6 +123,7 @@ TEST(MachineKeys, BadValuesAreRefusedInWords) {
       {R"({"faults": {"20h": {"code": 1, "after": -1}}})", "faults.20h.after: negative numbers are not allowed"},
       {R"({"power_cut_programmed_bytes": 256})", "power_cut_programmed_bytes: value 256 is larger than 255"},
       {R"({"power_cut_programmed_bytes": 8})", "power_cut_programmed_bytes: needs power_cut_after_operations, the cut it belongs to"},
+      {R"({"answer_bytes": {"12h": {"ecx": "00"}}})", "answer_bytes.12h.ecx: the function writes no answer at ecx"},
   };
   for (const auto& [json, message] : rows) {
     sim::Machine machine;

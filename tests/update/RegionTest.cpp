@@ -24,7 +24,7 @@ struct Ext {
 };
 using List = std::vector<Ext>;
 
-// Descriptor 4 KB, GbE 4 KB, ME 16 KB, BIOS 32 KB; no platform data.
+// Descriptor 4 KB, GbE 4 KB, ME 16 KB, a gap of 8 KB, BIOS 32 KB; no platform data.
 const List kLayout = {{0, 0x0000, 0x1000, 1}, {3, 0x1000, 0x1000, 2}, {2, 0x2000, 0x4000, 3}, {1, 0x8000, 0x8000, 4}};
 const List kIgnitionOnly = {{0, 0, 0x1000, 0}, {0x20, 0x2000, 0x4000, 0}, {1, 0x8000, 0x8000, 0}};
 
@@ -147,14 +147,14 @@ TEST_F(Region, CheckRegionSizeComparesEverySelectedRegion) {
   }
 }
 
-TEST_F(Region, SetRsvd17hClosesWhatIsNotSelected) {
+TEST_F(Region, SetRsvd17hClosesWhatIsNotSelectedAndWhatNoRegionNames) {
   // the current list, the regions, the ME locked, one character a block
   const std::tuple<const char*, List, uint8_t, bool, const char*> rows[] = {
-      {"-bios closes descriptor, GbE and ME", kLayout, kRegionBios, false, "RRRRRR.........."},
-      {"-me closes all but ME", kLayout, kRegionMe, false, "RR......RRRRRRRR"},
-      {"-me on a locked ME closes ME too", kLayout, kRegionMe, true, "RRRRRR..RRRRRRRR"},
-      {"everything selected closes nothing", kLayout, 0x1F, false, "................"},
-      {"ME closed through its Ignition ME region", kIgnitionOnly, kRegionBios, false, "R.RRRR.........."},
+      {"-bios closes descriptor, GbE, ME and the gap", kLayout, kRegionBios, false, "RRRRRRRR........"},
+      {"-me closes all but ME", kLayout, kRegionMe, false, "RR....RRRRRRRRRR"},
+      {"-me on a locked ME closes ME too", kLayout, kRegionMe, true, "RRRRRRRRRRRRRRRR"},
+      {"everything selected closes the gap", kLayout, 0x1F, false, "......RR........"},
+      {"ME closed through its Ignition ME region", kIgnitionOnly, kRegionBios, false, "RRRRRRRR........"},
   };
   for (const auto& [what, current, regions, skipMe, closed] : rows) {
     Start(current, regions);

@@ -25,6 +25,7 @@ struct MapState {
 constinit MapState gMaps = {};
 
 const CHAR16 kReasonAllocate[] = u"Allocate memory failed";
+const CHAR16 kErrorPast4Gb[] = u"\r\nError: the %s region at 0x%08x of size 0x%x runs past 4 GB.\r\n";
 const CHAR16 kTracePlatformMapHead[] = u"Get Platform ROM map protection. (12h)\r\n";
 const CHAR16 kTraceStructureSize[] = u"Structure size: %d\r\n";
 const CHAR16 kTraceWholeHead[] =
@@ -75,6 +76,21 @@ UINT32 CountProtectionList(const UINT8* buffer) {
   return count;
 }
 
+// A record that runs past 4 GB names no flash there is: such a list is not a word on this ROM
+// that blocks can be protected by, and the run stops before anything is written.
+Bool RecordsEndBelow4Gb(const UINT8* buffer, UINT32 count, UINT32 recordBytes, UINT32 addressAt, const CHAR16* list) {
+  for (UINT32 index = 0; index < count; ++index) {
+    const UINT8* record = buffer + index * recordBytes + addressAt;
+    UINT32 address = ReadU32(record);
+    UINT32 size = ReadU32(record + 4);
+    if (size != 0 && address + (size - 1) < address) {
+      Print(kErrorPast4Gb, list, address, size);
+      return false;
+    }
+  }
+  return true;
+}
+
 VOID* CopyToPool(const VOID* source, UINT32 bytes) {
   VOID* copy = AllocateZeroPool(bytes == 0 ? 1 : bytes);
   if (copy != nullptr && bytes != 0) {
@@ -119,8 +135,14 @@ Bool SMI_GetPlatformRomMap() {
   // The 200-record limit keeps both walks inside the 0x10000 bytes held.
   static_assert(kMapRecordLimit * sizeof(OblisPrivateRecord) <= kOblisAnswerBytes, "private walk bounded");
   static_assert(kMapRecordLimit * sizeof(OblisProtectionRecord) <= kOblisAnswerBytes, "protection walk bounded");
-  gMaps.privateCount = CountPrivateList(privateMap.Data());
-  gMaps.protectionCount = CountProtectionList(protection.Data());
+  UINT32 privateCount = CountPrivateList(privateMap.Data());
+  UINT32 protectionCount = CountProtectionList(protection.Data());
+  if (!RecordsEndBelow4Gb(privateMap.Data(), privateCount, sizeof(OblisPrivateRecord), 0, u"private") ||
+      !RecordsEndBelow4Gb(protection.Data(), protectionCount, sizeof(OblisProtectionRecord), 1, u"protection")) {
+    return trace.Fail(u"Region past 4 GB");
+  }
+  gMaps.privateCount = privateCount;
+  gMaps.protectionCount = protectionCount;
   // The run keeps both lists from here on.
   FreePoolAndNull(gMaps.protectionBuffer);
   FreePoolAndNull(gMaps.privateBuffer);

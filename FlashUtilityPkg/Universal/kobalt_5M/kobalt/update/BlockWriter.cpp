@@ -52,12 +52,14 @@ constexpr CHAR16 kWarningMeLocked[] =
 
 constexpr CHAR16 kReasonAllocate[] = u"Allocate update buffer failed";
 constexpr CHAR16 kReasonExternalMaps[] = u"Get external maps failed";
+constexpr CHAR16 kReasonRegionMap[] = u"Region map not usable";
 constexpr CHAR16 kReasonLayout[] = u"Image layout failed";
 constexpr CHAR16 kReasonOdmStart[] = u"OemOdmCustom2 start failed";
 constexpr CHAR16 kReasonWrite[] = u"Write ROM failed";
 constexpr CHAR16 kReasonOemMe[] = u"Update OEM ME failed";
 constexpr CHAR16 kReasonModuleCheck[] = u"Skip model check verify failed";
 constexpr CHAR16 kReasonBlockTable[] = u"Copy block table failed";
+constexpr CHAR16 kReasonBlocksNotRom[] = u"Block table does not make up the ROM";
 constexpr CHAR16 kReasonVerify[] = u"Verify failed";
 
 struct BlockWriterState {
@@ -108,6 +110,36 @@ UINT64 BlocksTotal(const FlashBlock* table, UINT32 count) {
   }
   return total;
 }
+
+// The blocks must make up the ROM exactly: a table that stops short would leave part of the
+// image unwritten and still end in a completed update, one that reaches past it would write
+// beyond 4 GB and read past the image.
+Bool BlocksMakeUpRom(const FlashBlock* table, UINT32 count) {
+  UINT64 total = BlocksTotal(table, count);
+  if (total > GetRomSize()) {
+    Print(kErrorBlocksPastRom, GetRomSize());
+    return false;
+  }
+  if (total < GetRomSize()) {
+    Print(kErrorBlocksShortOfRom, (UINT32)total, GetRomSize());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+// The firmware's block table is judged before the image is: a ROM size that the blocks do not
+// make up would otherwise be taken for an EC part in front of the image, or reach the firmware's
+// module check and the ME tool, before the write loop refuses it.
+Bool BlockTableMakesUpRom() {
+  PoolBuffer table;
+  table.Adopt((UINT8*)CopyBlockTable(), sizeof(FlashBlock) * kFlashBlockEntries);
+  UINT32 count = GetBlockCount() < kFlashBlockEntries ? GetBlockCount() : kFlashBlockEntries;
+  return table && BlocksMakeUpRom((const FlashBlock*)table.Data(), count);
+}
+
+namespace {
 
 // The bar's position for block index of count: integer percent; a single-block flash shows 0
 // while it writes and 100 once the loop is through.
@@ -167,6 +199,9 @@ const CHAR16* LayOutImage(const UINT8* image, UINT32 size, UINT32 romSize, Bool 
     if (!GetExternalMaps(image, size)) {
       return kReasonExternalMaps;
     }
+    if (GetRegionFlags() != 0 && !CheckCurrentRegions(size >= romSize)) {
+      return kReasonRegionMap;
+    }
   }
   if (launcher) {
     ProbeMeLock(size);
@@ -185,6 +220,9 @@ Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
     return trace.Fail(kReasonAllocate);
   }
   LogPrint(kLogSettings, kTraceImageSize, size);
+  if (!BlockTableMakesUpRom()) {
+    return trace.Fail(kReasonBlocksNotRom);
+  }
   if (const CHAR16* reason = LayOutImage(image, size, romSize, false)) {
     return trace.Fail(reason);
   }
@@ -217,6 +255,9 @@ Bool EfiUpdate_via15h(const UINT8* image, UINT32 size) {
     return trace.Fail(kReasonOdmStart);
   }
   LogPrint(kLogSettings, kTraceEfiUpdate, size);
+  if (!BlockTableMakesUpRom()) {
+    return trace.Fail(kReasonBlocksNotRom);
+  }
   if (const CHAR16* reason = LayOutImage(image, size, romSize, true)) {
     return trace.Fail(reason);
   }
@@ -307,18 +348,10 @@ Bool WriteBlocks(ImageView buffer) {
   if (count > kFlashBlockEntries) {
     count = kFlashBlockEntries;
   }
-  // The blocks must make up the ROM exactly: a table that stops short would leave part of the
-  // image unwritten and still end in a completed update.
-  UINT64 total = BlocksTotal(table, count);
-  if (total > GetRomSize()) {
-    Print(kErrorBlocksPastRom, GetRomSize());
-    return trace.Fail(kReasonBlockTable);
+  if (!BlocksMakeUpRom(table, count)) {
+    return trace.Fail(kReasonBlocksNotRom);
   }
-  if (total < GetRomSize()) {
-    Print(kErrorBlocksShortOfRom, (UINT32)total, GetRomSize());
-    return trace.Fail(kReasonBlockTable);
-  }
-  if (total > buffer.length) {
+  if (BlocksTotal(table, count) > buffer.length) {
     Print(kErrorBlocksPastBuffer, buffer.length);
     return trace.Fail(kReasonBlockTable);
   }

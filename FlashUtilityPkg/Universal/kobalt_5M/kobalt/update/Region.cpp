@@ -49,6 +49,8 @@ constexpr CHAR16 kTraceCheckSize[] = u"|check| Region FD size(0x%x)\r\n";
 constexpr CHAR16 kWarningSizeMismatch[] = u"Warning:\r\nthe new region %s (%8xh) not match with current (%8xh)\r\n\r\n";
 constexpr CHAR16 kWarningOutsideRom[] =
     u"Warning:\r\nthe current region %s (offset %8xh, size %8xh) lies outside the ROM (%8xh)\r\n\r\n";
+constexpr CHAR16 kWarningOverlap[] = u"Warning:\r\nthe current regions %s and %s overlap\r\n\r\n";
+constexpr CHAR16 kWarningNoRegion[] = u"Warning:\r\nthe current map has no region %s\r\n\r\n";
 constexpr CHAR16 kTraceSizeMatch[] = u"region size |match| %s\r\n";
 constexpr CHAR16 kTraceDescPlace[] = u" Desc Region: Offset (0x%x) Size (0x%x)\r\n";
 constexpr CHAR16 kTraceGbePlace[] = u" GbE Region: Offset (0x%x) Size (0x%x)\r\n";
@@ -124,6 +126,32 @@ Bool FindSelectedRegion(const RegionBit& region, UINT8* type, UINT32* offset, UI
   }
   UINT8 access = 0;
   return FindCurrentRegion(region.type, offset, size, &access);
+}
+
+// What lies in no region of the current list is closed as well: a selection opens only what the
+// firmware's map names, never a stretch that it is silent about.
+VOID CloseUnnamedRanges() {
+  const ExternalList& list = gRegion.current;
+  UINT64 romSize = GetRomSize();
+  UINT64 at = 0;
+  while (at < romSize) {
+    UINT64 next = romSize;
+    Bool inside = false;
+    for (UINT32 i = 0; i < list.count && !inside; ++i) {
+      UINT64 start = list.records[i].offset;
+      UINT64 end = start + list.records[i].size;
+      if (start <= at && at < end) {
+        at = end;
+        inside = true;
+      } else if (start > at && start < next) {
+        next = start;
+      }
+    }
+    if (!inside) {
+      MarkBlocks(GetRomBase() + (UINT32)at, GetRomBase() + (UINT32)(next - 1), kFlagClosed);
+      at = next;
+    }
+  }
 }
 
 }  // namespace
@@ -253,6 +281,42 @@ Bool CheckRegionSize(UINT32 size) {
   return true;
 }
 
+// A selection leans on the firmware's map: a region of it that lies outside the ROM or over
+// another would place the image or close blocks in the wrong place, and a whole image with a
+// selected region that the map lacks would have nothing to open.
+Bool CheckCurrentRegions(Bool wholeImage) {
+  const ExternalList& list = gRegion.current;
+  UINT32 romSize = GetRomSize();
+  for (UINT32 i = 0; i < list.count; ++i) {
+    const OblisExternalRecord region = list.records[i];
+    if (region.size == 0) {
+      continue;
+    }
+    if (region.offset > romSize || region.size > romSize - region.offset) {
+      Print(kWarningOutsideRom, ExternalRegionName(region.type), region.offset, region.size, romSize);
+      return false;
+    }
+    for (UINT32 j = 0; j < i; ++j) {
+      const OblisExternalRecord other = list.records[j];
+      if (other.size != 0 && region.offset < other.offset + other.size && other.offset < region.offset + region.size) {
+        Print(kWarningOverlap, ExternalRegionName(other.type), ExternalRegionName(region.type));
+        return false;
+      }
+    }
+  }
+  for (const RegionBit& region : kCheckOrder) {
+    UINT8 type = 0;
+    UINT32 offset = 0;
+    UINT32 size = 0;
+    Bool needed = wholeImage && (gRegion.flags & region.bit) != 0;
+    if (needed && (!FindSelectedRegion(region, &type, &offset, &size) || size == 0)) {
+      Print(kWarningNoRegion, ExternalRegionName(type));
+      return false;
+    }
+  }
+  return true;
+}
+
 // Only the first selected region in this order takes the data, also when more bits are set.
 VOID PlaceRegionImage(UINT8* buffer, const UINT8* image, UINT32 size) {
   if (buffer == nullptr || image == nullptr) {
@@ -316,6 +380,7 @@ VOID SetRsvd_17h() {
     UINT32 start = romBase + offset;
     MarkBlocks(start, RegionEnd(start, size), kFlagClosed);
   }
+  CloseUnnamedRanges();
 }
 
 VOID SetSkipMeRegion() { gRegion.skipMeRegion = true; }

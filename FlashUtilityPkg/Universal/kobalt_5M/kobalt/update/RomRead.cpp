@@ -14,6 +14,7 @@ constexpr CHAR16 kReadWholeRom[] = u"ReadWholeRom";
 constexpr CHAR16 kReasonAllocate[] = u"Allocate memory failed";
 constexpr CHAR16 kReasonNoBlockTable[] = u"No block table";
 constexpr CHAR16 kReasonBlocksPastRom[] = u"Blocks reach past the ROM size";
+constexpr CHAR16 kReasonBlocksNotRom[] = u"Block table does not make up the ROM";
 constexpr CHAR16 kReasonReadFailed[] = u"Read ROM failed";
 
 constexpr CHAR16 kReadProgress[] = u"\r                           Read Progress: %3d%% ";
@@ -50,6 +51,10 @@ Bool ReadWholeRom(UINT8** data, UINT32* size) {
   }
   if (romSize == 0 || count == 0) {
     return trace.Fail(kReasonNoBlockTable);
+  }
+  // A table that does not make up the ROM would save a file of which a part was never read.
+  if (!BlockTableMakesUpRom()) {
+    return trace.Fail(kReasonBlocksNotRom);
   }
   PoolBuffer tableBlock;
   tableBlock.Adopt(reinterpret_cast<UINT8*>(CopyBlockTable()), kFlashBlockEntries * sizeof(FlashBlock));

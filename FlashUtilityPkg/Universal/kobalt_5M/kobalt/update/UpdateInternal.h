@@ -14,6 +14,9 @@ VOID GetCurrentRegionSlots(UINT8* slots);  // 54 bytes
 VOID GetCurrentExternalList(const OblisExternalRecord** list, UINT32* count);
 Bool FindCurrentRegion(UINT8 type, UINT32* offset, UINT32* size, UINT8* access);
 Bool CheckRegionSize(UINT32 size);
+// The current list's regions lie inside the ROM and apart; for a whole image, each selected
+// region is among them. Prints the warning that names the region otherwise.
+Bool CheckCurrentRegions(Bool wholeImage);
 VOID PlaceRegionImage(UINT8* buffer, const UINT8* image, UINT32 size);
 VOID SetRsvd_17h();
 VOID SetSkipMeRegion();
@@ -23,6 +26,8 @@ Bool UpdateRegionLegacy(const UINT8* image, UINT32 size);
 // Writes the blocks of the table that buffer holds, laid end to end; a table that reaches past
 // the ROM or past buffer is refused before the first write.
 Bool WriteBlocks(ImageView buffer);
+// Whether the firmware's blocks make up the ROM; prints what is wrong when they do not.
+Bool BlockTableMakesUpRom();
 BlockResult SMI_WriteRom(UINT32 address, ImageView block);
 Bool CompareCurrentFD(UINT32 address, UINT32 size, const UINT8* data);
 // The block map entry of a block the writer has just marked: the facts the trace shows of it.
