@@ -185,18 +185,6 @@ TEST_F(IniReader, LimitsCutOrRefuseInsideTheBuffers) {
   EXPECT_EQ(GetIniInt(tooLongSection.c_str(), "y", 0), 0);
 }
 
-TEST_F(IniReader, ALaterTextReplacesTheFirstAndMayBeLonger) {
-  InitialIniStructure();
-  Load("[FlashComplete]\nAction=1\n[Others]\nSMIErrorRetry=9\n");
-  EXPECT_EQ(Settings()->flashComplete.action, 1);
-  const std::string padding(5000, 'p');
-  Load("[Padding]\nfill=" + padding + "\n[Others]\nVerifyErrorRetry=8\n");
-  EXPECT_EQ(Settings()->flashComplete.action, 2);  // not named again: back at its value on load
-  EXPECT_EQ(Settings()->others.smiErrorRetry, 5);
-  EXPECT_EQ(Settings()->others.verifyErrorRetry, 8);
-  EXPECT_EQ(GetIniTextSize(), WorkingText().size());
-}
-
 TEST_F(IniReader, ChangedValuesGoToTheLogAtLevelZero) {
   InitialIniStructure();
   // [Log_file] is read first, so every value after it is already logged by its rules.

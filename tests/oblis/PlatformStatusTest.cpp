@@ -53,20 +53,6 @@ TEST_F(PlatformStatus, FilterRecordKeepsOnlyTheBytesHeld) {
   }
 }
 
-// The default machine's status record, line by line as the engineer reads it in the log.
-TEST_F(PlatformStatus, StatusRecordIsTracedFieldByField) {
-  Install({});
-  ASSERT_TRUE(InitialSmi());
-  ASSERT_TRUE(SMI_IsSupport());
-  EXPECT_NE(Log().find(" Platform Status (10h)\r\n------------------+-----------\r\n       Permission | 1\r\n"
-                       "      Return Code | 0x0\r\n    Major version | 0x2\r\n    Minor version | 0x8\r\n"
-                       "               AC | 1\r\n               DC | 100\r\n            Bound | 20\r\n"
-                       "           Help 1 | 0\r\n           Help 2 | 0\r\n        Vendor ID | 0x1656\r\n"
-                       "      Struct size | 34\r\n       Skip Check | 0\r\n"),
-            std::string::npos)
-      << Log();
-}
-
 TEST_F(PlatformStatus, PlatformInformationFlagsAndStrings) {
   // AH, ECX; name, version, same, checksum, no name, no version, no compare, extended, ALP
   const std::tuple<uint8_t, uint32_t, std::string> rows[] = {
