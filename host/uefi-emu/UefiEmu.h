@@ -115,7 +115,8 @@ class Environment {
   // Pool blocks and page ranges handed out and not yet freed, in the order they were handed out.
   std::vector<LiveBlock> LiveBlocks() const;
   // Pool blocks written past their end (within the 8-byte rounding the guard page cannot catch),
-  // counted when freed and among those still allocated.
+  // counted when freed and among those still allocated, and small blocks written after they
+  // were freed (see Memory.cpp), each reported on stderr.
   uint64_t PoolOverruns() const;
   // FreePool calls of a pointer that is no live pool block: a constant, a block freed twice, or
   // memory from elsewhere. Real firmware would corrupt its pool there.
