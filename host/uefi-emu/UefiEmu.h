@@ -35,6 +35,9 @@ struct Options {
   std::string variablesFile;
   // true: Stall really sleeps; otherwise it is only added to the clock.
   bool realStall = false;
+  // false: StallCalls stays empty. A front end that never reads it keeps no entry for each of
+  // the millions of 1 ms retry delays of a long update.
+  bool keepStallCalls = true;
   EFI_TIME clockStart = {2026, 11, 23, 10, 0, 0, 0, 0, 0, 0, 0};
   // Configuration table entries (the ACPI pointers hold 32-bit physical addresses).
   std::vector<EFI_CONFIGURATION_TABLE> configurationTables;

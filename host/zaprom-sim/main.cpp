@@ -284,6 +284,7 @@ int main(int argc, char** argv) {
   if (!options.keysGiven && isatty(STDIN_FILENO) == 0) environmentOptions.enterWhenWaiting = kEntersForAScript;
   environmentOptions.ansiConsole = isatty(STDOUT_FILENO) != 0;
   environmentOptions.variablesFile = options.variablesFile;
+  environmentOptions.keepStallCalls = false;
   // The firmware's time and the CMOS clock are one clock: the machine's time of day starts both.
   environmentOptions.clockStart.Hour = machine.rtc.time.hour;
   environmentOptions.clockStart.Minute = machine.rtc.time.minute;
