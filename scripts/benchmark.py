@@ -108,15 +108,17 @@ def build_pair(build, work, size, block, kind):
 
 
 def run(command, cwd):
-    """Runs one child; its own wall, user+sys and peak RSS, not those of any other child."""
+    """Runs one child under GNU time: its own wall, user+sys and peak RSS. A child started from
+    this process directly would inherit its peak RSS (the kernel keeps it across exec), and this
+    process holds the images."""
     start = time.perf_counter()
     with open(cwd / "out.txt", "wb") as out:
-        child = subprocess.Popen(command, cwd=cwd, stdout=out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL)
-        _, status, usage = os.wait4(child.pid, 0)
+        status = subprocess.run(["/usr/bin/time", "-f", "%U %S %M", "-o", "time.txt"] + command, cwd=cwd,
+                                stdout=out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL).returncode
     wall = time.perf_counter() - start
-    child.returncode = os.waitstatus_to_exitcode(status)
-    return {"wall": wall, "cpu": usage.ru_utime + usage.ru_stime, "rss": usage.ru_maxrss / 1024,
-            "status": child.returncode, "log": (cwd / "out.txt").read_text(errors="replace")}
+    user, system, rss = (cwd / "time.txt").read_text().split()[-3:]
+    return {"wall": wall, "cpu": float(user) + float(system), "rss": int(rss) / 1024,
+            "status": status, "log": (cwd / "out.txt").read_text(errors="replace")}
 
 
 def minimum_ns(size, block, changed):
@@ -159,6 +161,8 @@ def main():
     build = args.build.resolve()
     work = (args.work or build / "bench").resolve()
     work.mkdir(parents=True, exist_ok=True)
+    if not Path("/usr/bin/time").exists():
+        sys.exit("benchmark.py measures each run with GNU time: sudo apt-get install time")
     if not args.no_flashrom and shutil.which("flashrom") is None:
         print("flashrom is not installed: its columns show n/a (sudo apt-get install flashrom)")
     build_type = "?"
