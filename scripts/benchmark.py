@@ -199,6 +199,9 @@ def main():
                 last = [l for l in z["log"].splitlines() if l.strip()][-2:-1] or ["?"]
                 bad[0] = f"zaprom-sim (exit {z['status']}: {last[0].strip()})"
             print(line + (f"  !! {', '.join(bad)} did not end with the new image" if bad else ""), flush=True)
+    if any(z["status"] != 0 and size // block > 4096 for size, block, _, _, z, _, _ in rows):
+        print("\nThe tool refuses a part of more than 4096 blocks (its block table's size) at 13h:"
+              " 32 MB of 4 KB blocks is one.")
     print("\nmin: blocks that differ (the least erases and programs); model: modelled time / physical minimum")
     print("cpu/fr: zaprom-sim CPU / flashrom wall; wall, mem: zaprom-sim / flashrom")
     print("\nGoals:")
