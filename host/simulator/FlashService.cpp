@@ -112,6 +112,7 @@ uint8_t FlashService::Read(uint32_t address, uint32_t length, std::vector<uint8_
   out.resize(length);
   part_.Read(address, out.data(), length);
   counters_.modelledNanoseconds += uint64_t{length} * kReadByteNs;
+  counters_.bytesRead += length;
   const bool verify = justWritten_ && lastWrite_ && address >= lastWrite_->address &&
                       uint64_t{address} + length <= uint64_t{lastWrite_->address} + lastWrite_->before.size();
   justWritten_ = false;
@@ -146,6 +147,7 @@ bool FlashService::ProgramBlock(uint32_t block, uint32_t size, uint32_t address,
   if (CutBeforeNextOperation()) return false;
   part_.Erase(block);
   counters_.modelledNanoseconds += EraseNanoseconds(size);
+  ++counters_.erases;
   ++operations_;
   for (uint32_t page = 0; page < programBytes; page += kPageBytes) {
     uint32_t bytes = std::min(kPageBytes, programBytes - page);
@@ -154,6 +156,7 @@ bool FlashService::ProgramBlock(uint32_t block, uint32_t size, uint32_t address,
     if (cut) bytes = std::min<uint32_t>(bytes, machine_.powerCutProgrammedBytes);
     part_.Program(block + page, merged.data() + page, bytes);
     counters_.modelledNanoseconds += ProgramNanoseconds(bytes);
+    ++counters_.pagePrograms;
     if (cut) return false;
     ++operations_;
   }

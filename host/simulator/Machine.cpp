@@ -654,6 +654,19 @@ bool ReadWholeFile(const std::string& path, std::string& content) {
   return !in.bad();
 }
 
+// A flash or EC image straight into its vector: one copy of a part of many megabytes, not the
+// three a text stream makes on the way.
+bool ReadWholeBinary(const std::string& path, std::vector<uint8_t>& content) {
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  if (!in) return false;
+  const std::streamoff size = in.tellg();
+  if (size < 0) return false;
+  content.resize(static_cast<size_t>(size));
+  in.seekg(0);
+  in.read(reinterpret_cast<char*>(content.data()), size);
+  return in.gcount() == size;
+}
+
 }  // namespace
 
 bool LoadMachineAndFlash(const std::string& machineFile, const std::string& flashFile, Machine& machine,
@@ -666,9 +679,7 @@ bool LoadMachineAndFlash(const std::string& machineFile, const std::string& flas
     if (!ParseMachine(text, machine, parseError)) return error = machineFile + ": " + parseError, false;
   }
   if (!flashFile.empty() && std::filesystem::exists(flashFile)) {
-    std::string content;
-    if (!ReadWholeFile(flashFile, content)) return error = "cannot read the flash file " + flashFile, false;
-    flash.assign(content.begin(), content.end());
+    if (!ReadWholeBinary(flashFile, flash)) return error = "cannot read the flash file " + flashFile, false;
     // A file of the wrong size is the user's fault, told in words before any simulator is made.
     const std::string problem = ValidateFlashContent(machine, flash);
     if (!problem.empty()) return error = "the flash file " + flashFile + ": " + problem, false;
@@ -679,9 +690,7 @@ bool LoadMachineAndFlash(const std::string& machineFile, const std::string& flas
 bool LoadEcContent(const Machine& machine, const std::string& ecFile, std::vector<uint8_t>& ec, std::string& error) {
   ec.clear();
   if (ecFile.empty() || !std::filesystem::exists(ecFile)) return true;
-  std::string content;
-  if (!ReadWholeFile(ecFile, content)) return error = "cannot read the EC file " + ecFile, false;
-  ec.assign(content.begin(), content.end());
+  if (!ReadWholeBinary(ecFile, ec)) return error = "cannot read the EC file " + ecFile, false;
   const std::string problem = ValidateEcContent(machine, ec);
   if (!problem.empty()) return error = "the EC file " + ecFile + ": " + problem, false;
   return true;

@@ -195,6 +195,9 @@ struct FlashCounters {
   uint32_t verified = 0;         // 14h reads that lay inside the range the 15h just before wrote
   uint32_t protectedWrites = 0;  // 15h calls refused or skipped for a guarded range or a locked ME
   uint64_t modelledNanoseconds = 0;  // erase, program and read time of the modelled part
+  uint32_t erases = 0;          // erase blocks erased
+  uint32_t pagePrograms = 0;    // 256-byte pages programmed
+  uint64_t bytesRead = 0;       // bytes the part read for 14h
   bool operator==(const FlashCounters&) const = default;
 };
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -80,6 +81,9 @@ struct State {
   std::map<uintptr_t, MemoryBlock> blocks;
   // Freed mappings (data pages and guard page) by their count of data pages, kept for reuse.
   std::multimap<size_t, uintptr_t> keptMappings;
+  // The latest freed small mappings, oldest first, still accessible and filled with the freed
+  // byte: (data pages, mapping base). Counted in keptBytes.
+  std::deque<std::pair<size_t, uintptr_t>> recentlyFreed;
   size_t keptBytes = 0;
   uint64_t allocations = 0;
   // Pool blocks freed with a byte behind their end changed (see PoolOverruns).

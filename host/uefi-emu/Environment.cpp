@@ -115,7 +115,7 @@ VOID EFIAPI RestoreTpl(EFI_TPL) {}
 
 EFI_STATUS EFIAPI Stall(UINTN microseconds) {
   g->stalled += microseconds;
-  g->stallCalls.push_back(microseconds);
+  if (g->options.keepStallCalls) g->stallCalls.push_back(microseconds);
   if (g->options.realStall) usleep(static_cast<useconds_t>(microseconds));
   return EFI_SUCCESS;
 }

@@ -44,6 +44,15 @@ constexpr uintptr_t kLowestProbe = 0x100000;
 // frees the same few sizes over and over, and a fresh mapping costs system calls and a page
 // fault for every page touched.
 constexpr size_t kKeptBytesAtMost = size_t{64} << 20;
+// A freed mapping of up to this many data pages waits among the recently freed, up to this
+// many of them: still accessible, filled with the freed byte, and taken back without a system
+// call. The driver frees and allocates small buffers thousands of times per update, and hiding
+// and revealing each costs two protection changes with their TLB flushes. A write into such a
+// block shows as a changed freed byte when it leaves the list; a read finds the freed byte. The
+// sanitizer build poisons every freed block instead.
+constexpr size_t kRecentPagesAtMost = 32;
+constexpr size_t kRecentBlocks = 16;
+constexpr uint8_t kFreedMemoryByte = 0xDF;
 
 // A range the tool must not touch: inaccessible, or poisoned under ASan.
 void Hide(uintptr_t base, size_t length) {
@@ -70,25 +79,77 @@ void Unmap(uintptr_t base, size_t length) {
   munmap(reinterpret_cast<void*>(base), length);
 }
 
+// False when a recently freed block no longer holds only the freed byte: the write is reported
+// and counted with the overruns, once, as the block is filled again.
+bool StillFreed(size_t pages, uintptr_t base) {
+  uint8_t* bytes = reinterpret_cast<uint8_t*>(base);
+  // Each byte equal to the one behind it and the first the freed byte: all are.
+  if (bytes[0] == kFreedMemoryByte && std::memcmp(bytes, bytes + 1, pages * kPage - 1) == 0) return true;
+  for (size_t i = 0; i < pages * kPage; ++i) {
+    if (bytes[i] == kFreedMemoryByte) continue;
+    std::fprintf(stderr, "zaprom-emu: the block at 0x%llx was written after it was freed (at offset 0x%zx)\n",
+                 static_cast<unsigned long long>(base), i);
+    ++g->overruns;
+    std::memset(bytes, kFreedMemoryByte, pages * kPage);
+    return false;
+  }
+  return true;
+}
+
 void ReleaseKeptMappings() {
+  for (const auto& [pages, base] : g->recentlyFreed) {
+    StillFreed(pages, base);
+    Unmap(base, (pages + 1) * kPage);
+  }
+  g->recentlyFreed.clear();
   for (const auto& [pages, base] : g->keptMappings) Unmap(base, (pages + 1) * kPage);
   g->keptMappings.clear();
   g->keptBytes = 0;
 }
 
-// A freed block's mapping: kept hidden for reuse while there is room, else unmapped.
-void Retire(const MemoryBlock& block) {
-  if (g->keptBytes + block.mapLength > kKeptBytesAtMost) {
-    Unmap(block.mapBase, block.mapLength);
+// A freed mapping goes hidden into the keep while there is room, else back to the system.
+void Keep(size_t pages, uintptr_t base) {
+  const size_t mapLength = (pages + 1) * kPage;
+  if (g->keptBytes + mapLength > kKeptBytesAtMost) {
+    Unmap(base, mapLength);
     return;
   }
-  Hide(block.mapBase, block.pages * kPage);
-  g->keptMappings.emplace(block.pages, block.mapBase);
-  g->keptBytes += block.mapLength;
+  Hide(base, pages * kPage);
+  g->keptMappings.emplace(pages, base);
+  g->keptBytes += mapLength;
 }
 
-// A kept mapping of this many data pages that ends at or below limit + 1, taken out of the keep.
+// A freed block's mapping: a small one joins the recently freed, and the oldest of those, or a
+// large one, is kept hidden for reuse.
+void Retire(const MemoryBlock& block) {
+#ifndef ZAPROM_EMU_ASAN
+  if (block.pages <= kRecentPagesAtMost) {
+    std::memset(reinterpret_cast<void*>(block.mapBase), kFreedMemoryByte, block.pages * kPage);
+    g->recentlyFreed.emplace_back(block.pages, block.mapBase);
+    g->keptBytes += block.mapLength;
+    if (g->recentlyFreed.size() <= kRecentBlocks) return;
+    const auto [pages, base] = g->recentlyFreed.front();
+    g->recentlyFreed.pop_front();
+    g->keptBytes -= (pages + 1) * kPage;
+    StillFreed(pages, base);
+    Keep(pages, base);
+    return;
+  }
+#endif
+  Keep(block.pages, block.mapBase);
+}
+
+// A kept mapping of this many data pages that ends at or below limit + 1, taken out of the
+// recently freed (newest first) or the keep.
 uintptr_t TakeKeptMapping(size_t pages, uint64_t limit) {
+  for (auto it = g->recentlyFreed.rbegin(); it != g->recentlyFreed.rend(); ++it) {
+    const auto [itsPages, base] = *it;
+    if (itsPages != pages || base + (pages + 1) * kPage - 1 > limit) continue;
+    g->recentlyFreed.erase(std::next(it).base());
+    g->keptBytes -= (pages + 1) * kPage;
+    StillFreed(pages, base);
+    return base;
+  }
   auto [first, last] = g->keptMappings.equal_range(pages);
   for (auto it = first; it != last; ++it) {
     const uintptr_t base = it->second;
@@ -361,6 +422,8 @@ std::string ContentHint(const uint8_t* data, size_t length) {
 }  // namespace
 
 uint64_t Environment::PoolOverruns() const {
+  // A write into a recently freed block counts once it is seen.
+  for (const auto& [pages, base] : detail::g->recentlyFreed) detail::StillFreed(pages, base);
   uint64_t overruns = detail::g->overruns;
   for (const auto& [base, block] : detail::g->blocks) overruns += detail::WrittenPastEnd(block) ? 1 : 0;
   return overruns;

@@ -35,6 +35,9 @@ struct Options {
   std::string variablesFile;
   // true: Stall really sleeps; otherwise it is only added to the clock.
   bool realStall = false;
+  // false: StallCalls stays empty. A front end that never reads it keeps no entry for each of
+  // the millions of 1 ms retry delays of a long update.
+  bool keepStallCalls = true;
   EFI_TIME clockStart = {2026, 11, 23, 10, 0, 0, 0, 0, 0, 0, 0};
   // Configuration table entries (the ACPI pointers hold 32-bit physical addresses).
   std::vector<EFI_CONFIGURATION_TABLE> configurationTables;
@@ -115,7 +118,8 @@ class Environment {
   // Pool blocks and page ranges handed out and not yet freed, in the order they were handed out.
   std::vector<LiveBlock> LiveBlocks() const;
   // Pool blocks written past their end (within the 8-byte rounding the guard page cannot catch),
-  // counted when freed and among those still allocated.
+  // counted when freed and among those still allocated, and small blocks written after they
+  // were freed (see Memory.cpp), each reported on stderr.
   uint64_t PoolOverruns() const;
   // FreePool calls of a pointer that is no live pool block: a constant, a block freed twice, or
   // memory from elsewhere. Real firmware would corrupt its pool there.

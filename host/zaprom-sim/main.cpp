@@ -36,7 +36,8 @@ constexpr unsigned kEntersForAScript = 16;
 
 const char kUsage[] =
     "usage: zaprom-sim [--machine FILE] [--flash FILE] [--ec FILE] [--volume DIR] [--keys TEXT]\n"
-    "                  [--trace-smi FILE] [--variables FILE] [--program NAME] [--] [tool arguments...]\n"
+    "                  [--trace-smi FILE] [--variables FILE] [--program NAME] [--stats FILE]\n"
+    "                  [--] [tool arguments...]\n"
     "       zaprom-sim [options] --launcher FILE\n";
 
 struct FrontEndOptions {
@@ -49,6 +50,7 @@ struct FrontEndOptions {
   std::string traceFile;
   std::string variablesFile;
   std::string launcherFile;
+  std::string statsFile;
   // Argument 0 of the tool: the file the shell started, which a package reads itself from.
   std::string program = "ZAPROM-S.efi";
   std::vector<std::string> toolArguments;
@@ -73,6 +75,7 @@ FrontEndOptions ParseCommandLine(int argc, char** argv) {
       {"--keys", &FrontEndOptions::keys},
       {"--trace-smi", &FrontEndOptions::traceFile}, {"--variables", &FrontEndOptions::variablesFile},
       {"--launcher", &FrontEndOptions::launcherFile}, {"--program", &FrontEndOptions::program},
+      {"--stats", &FrontEndOptions::statsFile},
   };
   int i = 1;
   for (; i < argc; ++i) {
@@ -115,6 +118,7 @@ bool ParseVolumeKind(const std::string& text, emu::VolumeKind& kind) {
 struct RunEnd {
   std::string flashFile;
   std::string ecFile;
+  std::string statsFile;
   sim::Simulator* simulator = nullptr;
   std::ofstream* trace = nullptr;
   emu::Environment* environment = nullptr;
@@ -126,6 +130,30 @@ struct RunEnd {
     if (simulator == nullptr) return;
     Save(flashFile, simulator->Flash(), "flash");
     Save(ecFile, simulator->Ec(), "EC");
+    SaveStats();
+  }
+
+  // What the part did and which calls reached the firmware, as one JSON object for a script.
+  void SaveStats() const {
+    if (statsFile.empty()) return;
+    const sim::FlashCounters c = simulator->Counters();
+    uint32_t calls[256] = {};
+    for (uint8_t function : simulator->CallLog()) ++calls[function];
+    std::ofstream out(statsFile, std::ios::trunc);
+    out << "{\"smi_calls\": " << simulator->CallLog().size() << ", \"by_function\": {";
+    const char* separator = "";
+    for (int function = 0; function < 256; ++function) {
+      if (calls[function] == 0) continue;
+      char name[8];
+      std::snprintf(name, sizeof name, "%02Xh", function);
+      out << separator << '"' << name << "\": " << calls[function];
+      separator = ", ";
+    }
+    out << "}, \"erases\": " << c.erases << ", \"page_programs\": " << c.pagePrograms
+        << ", \"bytes_read\": " << c.bytesRead << ", \"blocks_written\": " << c.written
+        << ", \"compared_equal\": " << c.comparedEqual << ", \"verified\": " << c.verified
+        << ", \"modelled_ns\": " << c.modelledNanoseconds << "}\n";
+    if (!out) std::fprintf(stderr, "zaprom-sim: cannot write the stats file %s\n", statsFile.c_str());
   }
 
   static void Save(const std::string& file, const std::vector<uint8_t>& content, const char* what) {
@@ -256,6 +284,7 @@ int main(int argc, char** argv) {
   if (!options.keysGiven && isatty(STDIN_FILENO) == 0) environmentOptions.enterWhenWaiting = kEntersForAScript;
   environmentOptions.ansiConsole = isatty(STDOUT_FILENO) != 0;
   environmentOptions.variablesFile = options.variablesFile;
+  environmentOptions.keepStallCalls = false;
   // The firmware's time and the CMOS clock are one clock: the machine's time of day starts both.
   environmentOptions.clockStart.Hour = machine.rtc.time.hour;
   environmentOptions.clockStart.Minute = machine.rtc.time.minute;
@@ -306,7 +335,7 @@ int main(int argc, char** argv) {
   for (const sim::Variable& variable : machine.variables)
     environment.PresetVariable(variable.name, variable.guid, variable.attributes, variable.data);
 
-  RunEnd runEnd{options.flashFile, options.ecFile, &simulator, trace.get(), &environment};
+  RunEnd runEnd{options.flashFile, options.ecFile, options.statsFile, &simulator, trace.get(), &environment};
   environment.SetKeysExhaustedHandler([&runEnd] { runEnd.Exit(emu::kExitNoKeysLeft); });
   environment.SetResetHandler([&runEnd](EFI_RESET_TYPE type) {
     std::fprintf(stderr, "zaprom-sim: the tool asked for a %s; the run ends here\n", ResetName(type));

@@ -130,6 +130,7 @@ SimResult RunSim(const SimRequest& request) {
   if (!request.ec.empty()) WriteBytes(ecPath, Text(request.ec));
   command += " --ec " + Quote(ecPath.string());
   command += " --trace-smi " + Quote((root / "smi.jsonl").string());
+  command += " --stats " + Quote((root / "stats.json").string());
   if (!request.keys.empty()) {
     command += " --keys " + Quote(request.keys);
   }
@@ -171,6 +172,7 @@ SimResult RunSim(const SimRequest& request) {
     call.record = record;
     result.calls.push_back(call);
   }
+  if (fs::exists(root / "stats.json")) result.stats = nlohmann::json::parse(ReadText(root / "stats.json"));
   fs::remove_all(root);
   EXPECT_NE(result.exitCode, kExitLeak) << result.errors;
   return result;

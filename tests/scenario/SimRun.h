@@ -39,6 +39,7 @@ struct SimResult {
   std::vector<uint8_t> flash;
   std::vector<uint8_t> ec;
   std::vector<SmiCall> calls;
+  nlohmann::json stats;  // what the front end's --stats wrote
   std::map<std::string, std::string> files;  // the readBack files that exist after the run
 
   std::vector<std::string> FunctionOrder() const;

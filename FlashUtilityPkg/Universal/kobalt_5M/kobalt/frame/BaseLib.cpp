@@ -49,6 +49,11 @@ VOID SetMem(VOID* destination, UINTN length, UINT8 value) {
 VOID ZeroMem(VOID* destination, UINTN length) { SetMem(destination, length, 0); }
 
 INTN CompareMem(const VOID* left, const VOID* right, UINTN length) {
+  // Equal ranges are the common case (an unchanged block): the platform's memcmp tells that
+  // fastest, and only a difference is walked to its first byte.
+  if (length == 0 || __builtin_memcmp(left, right, length) == 0) {
+    return 0;
+  }
   const UINT8* a = static_cast<const UINT8*>(left);
   const UINT8* b = static_cast<const UINT8*>(right);
   for (UINTN i = 0; i < length; i++) {

@@ -13,6 +13,13 @@ Bool FindSignature(const UINT8* buffer, UINT32 length, const UINT8* pattern, UIN
   // Every byte offset, ascending, without alignment: the first match wins.
   UINT32 last = length - patternLength;
   for (UINT32 at = 0; at <= last; at++) {
+    // Only a place that starts with the pattern's first byte is compared: the platform's memchr
+    // skips the rest of a large image fastest.
+    const VOID* first = __builtin_memchr(buffer + at, pattern[0], last - at + 1);
+    if (first == nullptr) {
+      return false;
+    }
+    at = (UINT32)(static_cast<const UINT8*>(first) - buffer);
     if (CompareMem(buffer + at, pattern, patternLength) == 0) {
       if (offset != nullptr) {
         *offset = at;

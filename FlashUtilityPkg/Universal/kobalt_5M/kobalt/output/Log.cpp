@@ -120,6 +120,10 @@ CHAR16* TimeStamp(Bool date, Bool time) {
 
 VOID TraceEnter(const CHAR16* name) {
   LogPrint(kLogTrace, kTraceEnterName, name);
+  // The block loops enter a trace on every call: a stamp that no line would show is not taken.
+  if (!IsLogEnabled() || !LevelPasses(kLogTrace)) {
+    return;
+  }
   CHAR16* stamp = TimeStamp(false, true);
   LogPrint(kLogTrace, kTraceEnterTime, stamp);
   FreePoolAndNull(stamp);

@@ -114,6 +114,8 @@ struct BlockMapEntry {
   UINT32 blocksInPart;  // sizes the map at the first mark
 };
 VOID AddBlockMark(const BlockMapEntry& entry);
+// Whether marks are kept at all: the block map goes only to the trace log.
+Bool BlockMapWanted();
 
 // ---- asked by output, answered by the config folder ----
 // The settings and the message table belong to config, a folder above this one. Config answers

@@ -231,6 +231,8 @@ VOID ShowProgress(UINT8 percent) {
   SetConsoleAttribute(kAttributeWhiteOnBlack);
 }
 
+Bool BlockMapWanted() { return IsLogEnabled(); }
+
 VOID AddBlockMark(const BlockMapEntry& entry) {
   if (!IsLogEnabled()) {
     return;

@@ -210,6 +210,14 @@ const CHAR16* LayOutImage(const UINT8* image, UINT32 size, UINT32 romSize, Bool 
   return laidOut ? nullptr : kReasonLayout;
 }
 
+// The facts of a block are gathered for the block map only, which lives in the trace log: a
+// run without a log skips the map lookups of every block.
+VOID MarkBlock(UINT32 address, UINT16 mark) {
+  if (BlockMapWanted()) {
+    AddBlockMark(DescribeBlock(address, mark));
+  }
+}
+
 }  // namespace
 
 Bool FuncUpdate_via15h(const UINT8* image, UINT32 size) {
@@ -373,18 +381,18 @@ Bool WriteBlocks(ImageView buffer) {
     offset += block.size;
     ShowProgress(BlockPercent(i, count));
     if (block.protectedFlag != 0) {
-      AddBlockMark(DescribeBlock(block.address, kMarkProtected));
+      MarkBlock(block.address, kMarkProtected);
       continue;
     }
     if (OverlapsBvdt(block, bvdt)) {
-      AddBlockMark(DescribeBlock(block.address, kMarkHeldBack));
+      MarkBlock(block.address, kMarkHeldBack);
       continue;
     }
     BlockResult result = SMI_WriteRom(block.address, data);
     if (result == BlockResult::Failed) {
       return trace.Fail(kReasonWrite);
     }
-    AddBlockMark(DescribeBlock(block.address, (UINT16)result));
+    MarkBlock(block.address, (UINT16)result);
   }
 
   offset = 0;
@@ -403,7 +411,7 @@ Bool WriteBlocks(ImageView buffer) {
 
   ShowProgress(100);
   if (count != 0) {
-    AddBlockMark(DescribeBlock(table[count - 1].address, kMarkProtected));
+    MarkBlock(table[count - 1].address, kMarkProtected);
   }
   return true;
 }

@@ -1,5 +1,6 @@
-// The four memory functions of a freestanding IA32 image: the compiler calls them on its own for
-// struct copies and clears, and the driver's CopyMem and SetMem are memmove and memset.
+// The memory functions of a freestanding IA32 image: the compiler calls them on its own for
+// struct copies and clears, the driver's CopyMem and SetMem are memmove and memset, and its
+// searches and compares use memchr and memcmp.
 #include <stddef.h>
 #include <stdint.h>
 
@@ -36,6 +37,16 @@ void* memset(void* destination, int value, size_t length) {
     to[i] = static_cast<unsigned char>(value);
   }
   return destination;
+}
+
+void* memchr(const void* source, int value, size_t length) {
+  const unsigned char* from = static_cast<const unsigned char*>(source);
+  for (size_t i = 0; i < length; i++) {
+    if (from[i] == static_cast<unsigned char>(value)) {
+      return const_cast<unsigned char*>(from + i);
+    }
+  }
+  return nullptr;
 }
 
 int memcmp(const void* left, const void* right, size_t length) {
