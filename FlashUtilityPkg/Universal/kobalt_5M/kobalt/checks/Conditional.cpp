@@ -285,8 +285,7 @@ Bool Oblis_1Bh(const UINT8* data, UINT32 size, UINT32 address, UINT8* status) {
   if (!GetOblisBuffer(kOblisBufferSize, &buffer)) {
     return trace.Fail(kReasonAllocateOblis);
   }
-  // The firmware reads the size bytes, which the piece fills; clearing the rest of the shared
-  // buffer for each of thousands of pieces would change nothing it is shown.
+  ZeroMem(buffer, kOblisBufferSize);
   CopyMem(buffer, data, size);
   PieceCall call = {size, address, PhysicalAddressOf(buffer)};
   OblisRetrySpec spec = {0x1B, kAccept1Bh, 2, nullptr, 0, true};

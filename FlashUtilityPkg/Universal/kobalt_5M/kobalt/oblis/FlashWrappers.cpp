@@ -65,9 +65,7 @@ Bool Oblis_14h(UINT32 address, UINT32 size, ImageView data, UINT8* status) {
   if (!GetOblisBuffer(kOblisBufferSize, &buffer)) {
     return trace.Fail(kReasonAllocateOblis);
   }
-  // The firmware fills the size bytes and only those are handed on: a 4 KB block read clears
-  // 4 KB, not the whole shared buffer.
-  ZeroMem(buffer, size);
+  ZeroMem(buffer, kOblisBufferSize);
   FlashCall call = {size, address, PhysicalAddressOf(buffer)};
   OblisRetrySpec spec = {0x14, kAcceptRead, 2, kEndRead, 1, true};
   auto attempt = [](VOID* context) -> UINT8 {
