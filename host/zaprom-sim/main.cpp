@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "KobaltApp.h"
 #include "Simulator.h"
 #include "UefiEmu.h"
@@ -137,22 +139,18 @@ struct RunEnd {
   void SaveStats() const {
     if (statsFile.empty()) return;
     const sim::FlashCounters c = simulator->Counters();
-    uint32_t calls[256] = {};
-    for (uint8_t function : simulator->CallLog()) ++calls[function];
-    std::ofstream out(statsFile, std::ios::trunc);
-    out << "{\"smi_calls\": " << simulator->CallLog().size() << ", \"by_function\": {";
-    const char* separator = "";
-    for (int function = 0; function < 256; ++function) {
-      if (calls[function] == 0) continue;
+    nlohmann::json byFunction = nlohmann::json::object();
+    for (uint8_t function : simulator->CallLog()) {
       char name[8];
       std::snprintf(name, sizeof name, "%02Xh", function);
-      out << separator << '"' << name << "\": " << calls[function];
-      separator = ", ";
+      byFunction[name] = byFunction.value(name, 0) + 1;
     }
-    out << "}, \"erases\": " << c.erases << ", \"page_programs\": " << c.pagePrograms
-        << ", \"bytes_read\": " << c.bytesRead << ", \"blocks_written\": " << c.written
-        << ", \"compared_equal\": " << c.comparedEqual << ", \"verified\": " << c.verified
-        << ", \"modelled_ns\": " << c.modelledNanoseconds << "}\n";
+    const nlohmann::json stats = {{"smi_calls", simulator->CallLog().size()}, {"by_function", byFunction},
+                                  {"erases", c.erases}, {"page_programs", c.pagePrograms}, {"bytes_read", c.bytesRead},
+                                  {"blocks_written", c.written}, {"compared_equal", c.comparedEqual},
+                                  {"verified", c.verified}, {"modelled_ns", c.modelledNanoseconds}};
+    std::ofstream out(statsFile, std::ios::trunc);
+    out << stats.dump() << "\n";
     if (!out) std::fprintf(stderr, "zaprom-sim: cannot write the stats file %s\n", statsFile.c_str());
   }
 
