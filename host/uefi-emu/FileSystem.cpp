@@ -70,15 +70,15 @@ bool IsDirectory(const std::string& path) {
 
 // The host name in directory that a FAT volume would take name for: the exact name if present,
 // otherwise the first that differs only in case.
+// The exact name is looked up without listing the folder: the log opens its file for each line.
 bool MatchName(const std::string& directory, const std::u16string& name, std::string& hostName) {
-  std::vector<std::string> names = List(directory);
   std::string exact = ToUtf8(name);
-  for (auto& candidate : names) {
-    if (candidate == exact) {
-      hostName = candidate;
-      return true;
-    }
+  struct stat info {};
+  if (lstat((directory + "/" + exact).c_str(), &info) == 0) {
+    hostName = exact;
+    return true;
   }
+  std::vector<std::string> names = List(directory);
   std::u16string folded = FoldCase(name);
   for (auto& candidate : names) {
     if (FoldCase(FromUtf8(candidate)) == folded) {

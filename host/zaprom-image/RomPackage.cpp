@@ -59,10 +59,19 @@ std::string TextAt(const std::vector<uint8_t>& file, size_t at, size_t most) {
   return text;
 }
 
+// The first marker from from on. memchr finds each candidate '$': a package is megabytes of image
+// data, and the listing looks for a hundred markers.
 size_t Find(const std::vector<uint8_t>& file, const std::string& marker, size_t from) {
-  if (from >= file.size()) return std::string::npos;
-  auto at = std::search(file.begin() + from, file.end(), marker.begin(), marker.end());
-  return at == file.end() ? std::string::npos : size_t(at - file.begin());
+  size_t found = std::string::npos;
+  const uint8_t* bytes = file.data();
+  for (size_t at = from; found == std::string::npos && at < file.size() && file.size() - at >= marker.size();) {
+    const void* hit = std::memchr(bytes + at, marker[0], file.size() - at - marker.size() + 1);
+    if (hit == nullptr) break;
+    at = size_t(static_cast<const uint8_t*>(hit) - bytes);
+    if (std::memcmp(bytes + at, marker.data(), marker.size()) == 0) found = at;
+    ++at;
+  }
+  return found;
 }
 
 // Fills offset, size and whether they lie in the file, for a record with data fields at 9 and 13.

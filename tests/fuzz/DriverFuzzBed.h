@@ -39,8 +39,16 @@ class DriverFuzzBed {
     environment_ = std::make_unique<emu::Environment>(options);
   }
 
-  // A new machine of this description and a fresh driver with these settings (a platform.ini text).
+  ~DriverFuzzBed() {
+    std::error_code ignored;
+    std::filesystem::remove_all(volume_, ignored);
+  }
+
+  // A new machine of this description and a fresh driver with these settings (a platform.ini text),
+  // on an empty volume: every open lists its folder, and files an earlier input left would slow
+  // every later one.
   void Start(const std::string& machineJson, const std::string& ini, Intercept intercept = nullptr) {
+    for (const auto& entry : std::filesystem::directory_iterator(volume_)) std::filesystem::remove_all(entry.path());
     if (machineJson != machineJson_) {
       std::string error;
       if (!sim::ParseMachine(machineJson, machine_description_, error)) __builtin_trap();

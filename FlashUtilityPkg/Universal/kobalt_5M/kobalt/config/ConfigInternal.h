@@ -15,6 +15,9 @@ INT32 GetIniHex(const CHAR8* section, const CHAR8* key, INT32 defaultValue);
 Bool GetIniRaw(const CHAR8* section, const CHAR8* key, const CHAR8* text, UINT32 size, CHAR8* value,
                UINTN capacity);
 Bool IniSectionExists(const CHAR8* section, const CHAR8* text, UINT32 size);
+// Whether the working text's section holds piece anywhere, in the lower case of keys: a key that
+// starts with piece can only be found where this is true.
+Bool IniSectionMentions(const CHAR8* section, const CHAR8* piece);
 // The working text of the last LoadOption; null before the first.
 const CHAR8* GetIniText();
 UINT32 GetIniTextSize();

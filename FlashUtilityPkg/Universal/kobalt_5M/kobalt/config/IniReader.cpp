@@ -34,8 +34,9 @@ UINT32 FindBytes(const CHAR8* text, UINT32 from, UINT32 end, const CHAR8* patter
   if (patternLength == 0 || end < patternLength) {
     return end;
   }
+  // The first byte decides most places without a call.
   for (UINT32 at = from; at + patternLength <= end; at++) {
-    if (CompareMem(text + at, pattern, patternLength) == 0) {
+    if (text[at] == pattern[0] && CompareMem(text + at, pattern, patternLength) == 0) {
       return at;
     }
   }
@@ -336,6 +337,21 @@ Bool GetIniRaw(const CHAR8* section, const CHAR8* key, const CHAR8* text, UINT32
   CopyMem(value, line + tokenStart, tokenLength);
   value[tokenLength] = 0;
   return true;
+}
+
+Bool IniSectionMentions(const CHAR8* section, const CHAR8* piece) {
+  UINT32 start = 0;
+  UINT32 end = 0;
+  UINTN length = StrLen8(piece);
+  Bool found = false;
+  if (length > 0 && length <= kKeyLimit && FindSection(section, gIni.text, gIni.size, &start, &end)) {
+    CHAR8 pattern[kKeyLimit + 1];
+    for (UINTN i = 0; i < length; i++) {
+      pattern[i] = LowerCase(piece[i]);
+    }
+    found = FindBytes(gIni.text, start, end, pattern, (UINT32)length) != end;
+  }
+  return found;
 }
 
 INT32 GetIniInt(const CHAR8* section, const CHAR8* key, INT32 defaultValue) {

@@ -299,8 +299,10 @@ VOID ForceFlashSection(Bool start) {
   s.forceTypes[0x05] = s.logo;
   s.forceTypes[0x0F] = s.password;
   s.forceTypes[0x10] = s.oemNvs;
+  // 255 lookups through the whole text are skipped when the section names no type at all.
   CHAR8 key[kKeyNameBytes];
-  for (UINT32 type = 0; type < kForceTypeCount; type++) {
+  const UINT32 types = IniSectionMentions(kForceFlashSection, "Type#") ? kForceTypeCount : 0;
+  for (UINT32 type = 0; type < types; type++) {
     BuildNumberedKey(key, "Type#", type, 16, 2);
     if (GetIniInt(kForceFlashSection, key, 0) == 1) {
       s.forceTypes[type] = true;
