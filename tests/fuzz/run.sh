@@ -16,7 +16,7 @@ case "$name" in
   # A merged file needs room for an EC part in front of the 8 KB part.
   ec_answer) seeds=("$root/tests/fuzz/seeds/ec_answer"); options=(-detect_leaks=0) ;;
   answers) seeds=(); options=(-detect_leaks=0) ;;
-  texts) seeds=("$root/tests/fuzz/seeds/texts"); options=(-detect_leaks=0 -dict="$root/tests/fuzz/texts.dict") ;;
+  texts) seeds=("$root/tests/fuzz/seeds/texts"); options=(-detect_leaks=0) ;;
   ec_merged) seeds=("$root/tests/fuzz/seeds/ec_merged"); options=(-detect_leaks=0 -max_len=16384) ;;
   road_options) seeds=("$root/tests/fuzz/seeds/$name"); options=(-detect_leaks=0) ;;
   # A PFAT image holds its flash data and two tables (and perhaps the 41h answer in front).
@@ -31,6 +31,9 @@ case "$name" in
   *) seeds=() ;;
 esac
 [ -d "$root/tests/fuzz/regressions/$name" ] && seeds+=("$root/tests/fuzz/regressions/$name")
+# A dictionary holds the words the parser looks for; the packing tool reads the package's.
+dictionary="$root/tests/fuzz/dicts/${name/package_tool/package}.dict"
+[ -f "$dictionary" ] && options+=(-dict="$dictionary")
 corpus="$(dirname "$harness")/corpus-$(basename "$harness")"
 mkdir -p "$corpus"
 exec "$harness" -runs="$runs" -max_len=8192 -timeout=20 -rss_limit_mb=2048 "${options[@]}" "$@" "$corpus" "${seeds[@]}"
