@@ -20,7 +20,7 @@ namespace fuzzbed {
 
 // A part of 8 KB (two blocks) and an EC of 64 KB: small enough that every input runs whole.
 constexpr char kSmallMachine[] =
-    R"({"flash": {"size": "0x2000", "size_index": 0, "blocks": [{"size": "0x1000", "count": 2}]},
+    R"({"flash": {"size": "0x2000", "size_index": 255, "blocks": [{"size": "0x1000", "count": 2}]},
         "maps": {"protection": [], "private": [], "whole": []}, "ec": {"size_index": 0}})";
 
 class DriverFuzzBed {
