@@ -69,8 +69,8 @@ bool IsDirectory(const std::string& path) {
 }
 
 // The host name in directory that a FAT volume would take name for: the exact name if present,
-// otherwise the first that differs only in case.
-// The exact name is looked up without listing the folder: the log opens its file for each line.
+// otherwise the first that differs only in case. The exact name is looked up without listing the
+// folder, since the log opens its file for every line.
 bool MatchName(const std::string& directory, const std::u16string& name, std::string& hostName) {
   std::string exact = ToUtf8(name);
   struct stat info {};
