@@ -59,6 +59,20 @@ Bool BuildSectionHeader(const CHAR8* section, CHAR8* header, UINT32* length) {
   return true;
 }
 
+// The key in lower case, as the normal form keeps keys, into pattern (kKeyLimit + 1 bytes); false
+// if it leaves no room for the '=' a lookup puts behind it.
+Bool LowerCaseKey(const CHAR8* key, CHAR8* pattern, UINT32* length) {
+  UINTN keyLength = StrLen8(key);
+  if (keyLength + 1 > kKeyLimit) {
+    return false;
+  }
+  for (UINTN i = 0; i < keyLength; i++) {
+    pattern[i] = LowerCase(key[i]);
+  }
+  *length = (UINT32)keyLength;
+  return true;
+}
+
 // Finds "[section]" in the text; on a match gives the range of the section, from the header to
 // the next line that starts with '[' or the end of the text.
 Bool FindSection(const CHAR8* section, const CHAR8* text, UINT32 size, UINT32* start, UINT32* end) {
@@ -299,17 +313,14 @@ Bool GetIniRaw(const CHAR8* section, const CHAR8* key, const CHAR8* text, UINT32
     return false;
   }
 
-  UINTN keyLength = StrLen8(key);
-  if (keyLength + 1 > kKeyLimit) {
-    return false;
-  }
   CHAR8 pattern[kKeyLimit + 1];
-  for (UINTN i = 0; i < keyLength; i++) {
-    pattern[i] = LowerCase(key[i]);
+  UINT32 keyLength = 0;
+  if (!LowerCaseKey(key, pattern, &keyLength)) {
+    return false;
   }
   pattern[keyLength] = '=';
   // Not anchored at a line start: "flag=" is also found at the end of "cmos_flag=".
-  UINT32 at = FindBytes(text, start, end, pattern, (UINT32)keyLength + 1);
+  UINT32 at = FindBytes(text, start, end, pattern, keyLength + 1);
   if (at == end) {
     return false;
   }
@@ -342,14 +353,11 @@ Bool GetIniRaw(const CHAR8* section, const CHAR8* key, const CHAR8* text, UINT32
 Bool IniSectionMentions(const CHAR8* section, const CHAR8* piece) {
   UINT32 start = 0;
   UINT32 end = 0;
-  UINTN length = StrLen8(piece);
+  CHAR8 pattern[kKeyLimit + 1];
+  UINT32 length = 0;
   Bool found = false;
-  if (length > 0 && length <= kKeyLimit && FindSection(section, gIni.text, gIni.size, &start, &end)) {
-    CHAR8 pattern[kKeyLimit + 1];
-    for (UINTN i = 0; i < length; i++) {
-      pattern[i] = LowerCase(piece[i]);
-    }
-    found = FindBytes(gIni.text, start, end, pattern, (UINT32)length) != end;
+  if (LowerCaseKey(piece, pattern, &length) && FindSection(section, gIni.text, gIni.size, &start, &end)) {
+    found = FindBytes(gIni.text, start, end, pattern, length) != end;
   }
   return found;
 }
