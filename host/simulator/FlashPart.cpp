@@ -3,7 +3,11 @@
 // from the BVDT block. The OBLIS answers built on these live in Simulator.cpp.
 #include "FlashPart.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -115,7 +119,87 @@ bool ReadBvdtIdentity(const std::vector<uint8_t>& content, std::string& model, s
 }
 
 FlashPart::FlashPart(const Machine& machine, std::vector<uint8_t> content)
-    : blocks_(machine.blocks), content_(std::move(content)) {}
+    : blocks_(machine.blocks), content_(std::move(content)), size_(static_cast<uint32_t>(content_.size())) {}
+
+FlashPart::~FlashPart() {
+  if (file_ >= 0) ::close(file_);
+}
+
+bool FlashPart::KeepInFile(const std::string& path, std::string& error) {
+  const int file = ::open(path.c_str(), O_RDWR | O_CREAT, 0644);
+  bool kept = file >= 0;
+  for (size_t done = 0; kept && done < content_.size();) {
+    const ssize_t n = ::pwrite(file, content_.data() + done, content_.size() - done, static_cast<off_t>(done));
+    kept = n > 0;
+    done += kept ? static_cast<size_t>(n) : 0;
+  }
+  kept = kept && ::ftruncate(file, static_cast<off_t>(content_.size())) == 0;
+  if (!kept) {
+    error = path + ": " + std::strerror(errno);
+    if (file >= 0) ::close(file);
+    return false;
+  }
+  file_ = file;
+  std::vector<uint8_t>().swap(content_);
+  return true;
+}
+
+bool FlashPart::Get(uint64_t offset, void* out, size_t length) const {
+  if (file_ < 0) {
+    std::memcpy(out, content_.data() + offset, length);
+    return true;
+  }
+  uint8_t* bytes = static_cast<uint8_t*>(out);
+  for (size_t done = 0; done < length;) {
+    const ssize_t n = ::pread(file_, bytes + done, length - done, static_cast<off_t>(offset + done));
+    if (n <= 0) {
+      std::fprintf(stderr, "zaprom-sim: reading the flash file failed: %s\n", n < 0 ? std::strerror(errno) : "it ends early");
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool FlashPart::Put(uint64_t offset, const void* data, size_t length) {
+  const uint8_t* bytes = static_cast<const uint8_t*>(data);
+  for (size_t done = 0; done < length;) {
+    const ssize_t n = ::pwrite(file_, bytes + done, length - done, static_cast<off_t>(offset + done));
+    if (n <= 0) {
+      std::fprintf(stderr, "zaprom-sim: writing the flash file failed: %s\n", std::strerror(errno));
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+std::vector<uint8_t> FlashPart::Content() const {
+  if (file_ < 0) return content_;
+  std::vector<uint8_t> content(size_);
+  if (!Get(0, content.data(), content.size())) content.clear();
+  return content;
+}
+
+bool FlashPart::Identity(std::string& model, std::string& version) const {
+  if (file_ < 0) return ReadBvdtIdentity(content_, model, version);
+  // The file is searched a window at a time; the windows overlap by the marker's length less
+  // one, so that a marker across two windows is still found.
+  static const char kMarker[] = "$BVDT$";
+  constexpr size_t kWindow = size_t{1} << 20;
+  constexpr size_t kMarkerBytes = sizeof kMarker - 1;
+  std::vector<uint8_t> window;
+  for (uint64_t at = 0; at < size_; at += kWindow) {
+    window.resize(static_cast<size_t>(std::min<uint64_t>(kWindow + kMarkerBytes - 1, size_ - at)));
+    if (!Get(at, window.data(), window.size())) return false;
+    const auto found = std::search(window.begin(), window.end(), kMarker, kMarker + kMarkerBytes);
+    if (found == window.end()) continue;
+    const uint64_t start = at + static_cast<uint64_t>(found - window.begin());
+    window.resize(static_cast<size_t>(std::min<uint64_t>(kBvdtHeadBytes, size_ - start)));
+    return Get(start, window.data(), window.size()) && ReadBvdtIdentity(window, model, version);
+  }
+  return false;
+}
 
 bool FlashPart::Contains(uint32_t address, uint32_t length) const {
   const uint64_t start = address, end = static_cast<uint64_t>(address) + length;
@@ -123,9 +207,7 @@ bool FlashPart::Contains(uint32_t address, uint32_t length) const {
 }
 
 bool FlashPart::Read(uint32_t address, void* out, uint32_t length) const {
-  if (!Contains(address, length)) return false;
-  std::memcpy(out, content_.data() + (address - Base()), length);
-  return true;
+  return Contains(address, length) && Get(address - Base(), out, length);
 }
 
 std::optional<std::pair<uint32_t, uint32_t>> FlashPart::BlockAt(uint32_t address) const {
@@ -145,15 +227,26 @@ std::optional<std::pair<uint32_t, uint32_t>> FlashPart::BlockAt(uint32_t address
 bool FlashPart::Erase(uint32_t blockAddress) {
   auto block = BlockAt(blockAddress);
   if (!block || block->first != blockAddress || !Contains(block->first, block->second)) return false;
-  std::fill_n(content_.begin() + (block->first - Base()), block->second, 0xFF);
-  return true;
+  const uint32_t offset = block->first - Base();
+  if (file_ < 0) {
+    std::fill_n(content_.begin() + offset, block->second, 0xFF);
+    return true;
+  }
+  return Put(offset, std::vector<uint8_t>(block->second, 0xFF).data(), block->second);
 }
 
 bool FlashPart::Program(uint32_t address, const void* data, uint32_t length) {
   if (!Contains(address, length)) return false;
+  const uint32_t offset = address - Base();
   const uint8_t* bytes = static_cast<const uint8_t*>(data);
-  for (uint32_t i = 0; i < length; ++i) content_[address - Base() + i] &= bytes[i];
-  return true;
+  if (file_ < 0) {
+    for (uint32_t i = 0; i < length; ++i) content_[offset + i] &= bytes[i];
+    return true;
+  }
+  std::vector<uint8_t> cells(length);
+  if (!Get(offset, cells.data(), length)) return false;
+  for (uint32_t i = 0; i < length; ++i) cells[i] &= bytes[i];
+  return Put(offset, cells.data(), length);
 }
 
 }  // namespace sim

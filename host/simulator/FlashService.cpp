@@ -78,8 +78,9 @@ FlashService::FlashService(const Machine& machine, std::vector<uint8_t> content)
 
 std::vector<ExternalRegion> FlashService::CurrentRegions() const {
   if (machine_.external) return *machine_.external;
-  const std::vector<uint8_t>& c = part_.Content();
-  return RegionsFromDescriptor(c.data(), std::min<size_t>(c.size(), 0x1000));
+  std::vector<uint8_t> descriptor(std::min<uint32_t>(part_.Size(), 0x1000));
+  if (!part_.Read(part_.Base(), descriptor.data(), static_cast<uint32_t>(descriptor.size()))) return {};
+  return RegionsFromDescriptor(descriptor.data(), descriptor.size());
 }
 
 FlashCounters FlashService::Counters() const {

@@ -38,6 +38,7 @@ class FlashService {
   FlashService(const Machine& machine, std::vector<uint8_t> content);
 
   const FlashPart& Part() const { return part_; }
+  bool KeepPartInFile(const std::string& path, std::string& error) { return part_.KeepInFile(path, error); }
   // Status 0, 0x24 for a range outside the part, 0x2A for a range in a locked ME (whose bytes
   // then read 0xFF). out receives length bytes on 0 and 0x2A.
   uint8_t Read(uint32_t address, uint32_t length, std::vector<uint8_t>& out);

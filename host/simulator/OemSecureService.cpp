@@ -40,6 +40,7 @@ bool WriteFlashData(const std::vector<uint8_t>& file, FlashService& flash, const
     return false;
   }
   uint32_t written = 0, guarded = 0;
+  std::vector<uint8_t> current;
   for (uint64_t offset = 0; offset < part.Size();) {
     const uint32_t address = static_cast<uint32_t>(part.Base() + offset);
     const auto block = part.BlockAt(address);
@@ -53,7 +54,8 @@ bool WriteFlashData(const std::vector<uint8_t>& file, FlashService& flash, const
       ++guarded;
       continue;
     }
-    if (std::equal(data, data + size, part.Content().begin() + (address - part.Base()))) continue;
+    current.resize(size);
+    if (part.Read(address, current.data(), size) && std::equal(data, data + size, current.begin())) continue;
     const uint8_t status = flash.Write(address, std::vector<uint8_t>(data, data + size));
     if (status != kOblisSuccess) {
       received["refused"] = "the flash driver answered " + std::to_string(status);

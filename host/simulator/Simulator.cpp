@@ -173,7 +173,7 @@ Answer Simulator::State::PlatformInformation(const OblisRegisters& in) {
   if (name.empty() || version.empty()) {
     // The identity the firmware reports is the one in its own flash, so it follows updates.
     std::string model, text;
-    if (ReadBvdtIdentity(flash.Part().Content(), model, text)) {
+    if (flash.Part().Identity(model, text)) {
       if (name.empty()) name.assign(model.begin(), model.end());
       if (version.empty()) version.assign(text.begin(), text.end());
     }
@@ -517,7 +517,11 @@ uint32_t Simulator::OblisSignatureAddress() const { return state_->legacy.oblis;
 uint32_t Simulator::Acpi10Rsdp() const { return state_->legacy.rsdp10; }
 uint32_t Simulator::Acpi20Rsdp() const { return state_->legacy.rsdp20; }
 const Machine& Simulator::machine() const { return state_->machine; }
-const std::vector<uint8_t>& Simulator::Flash() const { return state_->flash.Part().Content(); }
+std::vector<uint8_t> Simulator::Flash() const { return state_->flash.Part().Content(); }
+bool Simulator::KeepFlashInFile(const std::string& path, std::string& error) {
+  return state_->flash.KeepPartInFile(path, error);
+}
+bool Simulator::FlashInFile() const { return state_->flash.Part().InFile(); }
 void Simulator::SetTrace(std::ostream* out) { state_->trace = out; }
 const std::vector<uint8_t>& Simulator::CallLog() const { return state_->callLog; }
 std::optional<std::vector<uint8_t>> Simulator::LastFinish() const { return state_->lastFinish; }

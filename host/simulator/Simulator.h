@@ -238,7 +238,12 @@ class Simulator {
   uint32_t Acpi20Rsdp() const;
 
   const Machine& machine() const;
-  const std::vector<uint8_t>& Flash() const;
+  // A copy of the part's content.
+  std::vector<uint8_t> Flash() const;
+  // The part lives in this file from now on, written through at every erase and program, and
+  // no longer in memory; false with the reason when the file cannot take it.
+  bool KeepFlashInFile(const std::string& path, std::string& error);
+  bool FlashInFile() const;
   // One JSON line per transaction, with the keys fn, in, out, status and, for flash access, flash.
   void SetTrace(std::ostream* out);
   // Function numbers in the order they were called.

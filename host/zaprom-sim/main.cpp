@@ -130,7 +130,8 @@ struct RunEnd {
   void WriteBack() const {
     if (trace != nullptr) trace->flush();
     if (simulator == nullptr) return;
-    Save(flashFile, simulator->Flash(), "flash");
+    // A part kept in its file is there already, up to its last erase or program.
+    if (!simulator->FlashInFile()) Save(flashFile, simulator->Flash(), "flash");
     Save(ecFile, simulator->Ec(), "EC");
     SaveStats();
   }
@@ -302,6 +303,10 @@ int main(int argc, char** argv) {
     return true;
   };
   sim::Simulator simulator(machine, std::move(flash), memory, std::move(ec));
+  // The part lives in its file for the run, as a chip lives outside the machine's RAM, so that
+  // the run's memory is the tool's and its environment's own.
+  if (!options.flashFile.empty() && !simulator.KeepFlashInFile(options.flashFile, loadError))
+    UsageError("cannot write the flash file " + loadError, false);
 
   std::unique_ptr<std::ofstream> trace;
   if (!options.traceFile.empty()) {

@@ -48,6 +48,8 @@ TEST(ZaPromSim, EachRunEndsWithItsStatusAndSaysWhy) {
       {"--machine broken.json", 2, "zaprom-sim: broken.json: "},
       {"--ec short-ec.bin", 2, "zaprom-sim: the EC file short-ec.bin: EC content is 10 bytes but the machine's EC holds 131072\n"},
       {"--flash short-flash.bin", 2, "zaprom-sim: the flash file short-flash.bin: flash content is 1000 (0x3E8) bytes but"},
+      {"--flash no-folder/flash.bin", 2,
+       "zaprom-sim: cannot write the flash file no-folder/flash.bin: No such file or directory\n"},
       {"--machine huge.json", 2, "zaprom-sim: huge.json: machine description is not valid JSON: "},
       {"--launcher missing.efi", 2, "zaprom-sim: cannot read the launcher file missing.efi"},
       {"--launcher broken.json -- -h", 2, "zaprom-sim: the launcher takes no tool arguments: -h"},

@@ -2,14 +2,24 @@
 // writes, guarded ranges and the locked ME, a stale verify, and power cuts in mid-write.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "SimBed.h"
+#include "simulator/FlashPart.h"
 
 namespace {
 
 using namespace simtest;
+
+std::string PartFile() {
+  return (std::filesystem::temp_directory_path() / ("zaprom-part-" + std::to_string(::getpid()))).string();
+}
 
 // A small part with one 64 KB block and sixteen 4 KB blocks, ending at 4 GB.
 constexpr char kMixedPart[] =
@@ -40,9 +50,13 @@ TEST(FlashWrite, EachTouchedBlockIsErasedThenProgrammedAndTheRestOfItKept) {
       {"inside the 64 KB block", 0x5A, 0xFFFE8000, 0x100, 0x81,
        {{0xFFFE0000, 0x5A}, {0xFFFE8000, 0x81}, {0xFFFE80FF, 0x81}, {0xFFFE8100, 0x5A}, {0xFFFEFFFF, 0x5A}}},
   };
-  for (const Case& c : cases) {
+  // Each case once with the part in memory and once with the part kept in its file.
+  const std::string file = PartFile();
+  for (const Case& c : cases) for (const bool inFile : {false, true}) {
     TestMemory memory;
     sim::Simulator s(MachineFrom(kMixedPart), Fill(0x20000, c.old), memory.Access());
+    std::string error;
+    ASSERT_TRUE(!inFile || s.KeepFlashInFile(file, error)) << error;
     EXPECT_EQ(Write15(s, memory, c.address, Fill(c.length, c.data)), kOblisSuccess) << c.what;
     for (const Probe& p : c.probes) {
       EXPECT_EQ(FlashAt(s, p.address), p.expected) << c.what << " at 0x" << std::hex << p.address;
@@ -50,7 +64,45 @@ TEST(FlashWrite, EachTouchedBlockIsErasedThenProgrammedAndTheRestOfItKept) {
     std::vector<uint8_t> read;
     EXPECT_EQ(Read14(s, memory, c.address, c.length, read), kOblisSuccess) << c.what;
     EXPECT_EQ(read, Fill(c.length, c.data)) << c.what;
+    if (inFile) {
+      std::ifstream in(file, std::ios::binary);
+      EXPECT_EQ(std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {}), s.Flash()) << c.what;
+    }
   }
+  std::filesystem::remove(file);
+}
+
+// The identity of a part in its file is searched a megabyte at a time; it must be the one the
+// same part gives in memory wherever the marker lies, across two of those windows too.
+TEST(FlashInFile, TheBvdtIdentityIsFoundWhereverItsMarkerLies) {
+  constexpr uint32_t kSize = 0x200000;
+  const sim::Machine machine = MachineFrom(R"({"flash": {"size": "0x200000", "blocks": [{"size": "0x10000", "count": 32}]}})");
+  struct Case {
+    const char* what;
+    int64_t offset;  // of "$BVDT$"; -1 for none
+  };
+  const Case cases[] = {{"first window", 0x1000},           {"across two windows", 0x100000 - 3},
+                        {"second window", 0x100000},        {"head cut by the part's end", kSize - 0x30},
+                        {"a marker only at the end", kSize - 6}, {"no marker", -1}};
+  const std::string file = PartFile();
+  for (const Case& c : cases) {
+    std::vector<uint8_t> content(kSize, 0);
+    if (c.offset >= 0) {
+      const char head[] = "$BVDT$\0\0\0$\0\0\0$V9.87";
+      std::memcpy(content.data() + c.offset, head, std::min<size_t>(sizeof head - 1, kSize - c.offset));
+      if (c.offset + 0x2E <= kSize) std::memcpy(content.data() + c.offset + sim::kBvdtModelOffset, "MODEL-X", 7);
+    }
+    sim::FlashPart memory(machine, content), kept(machine, content);
+    std::string error;
+    ASSERT_TRUE(kept.KeepInFile(file, error)) << error;
+    std::string model[2], version[2];
+    EXPECT_EQ(memory.Identity(model[0], version[0]), c.offset >= 0) << c.what;
+    EXPECT_EQ(kept.Identity(model[1], version[1]), c.offset >= 0) << c.what;
+    EXPECT_EQ(model[1], model[0]) << c.what;
+    EXPECT_EQ(version[1], version[0]) << c.what;
+    EXPECT_EQ(model[0], c.offset >= 0 && c.offset + 0x2E <= kSize ? "MODEL-X" : "") << c.what;
+  }
+  std::filesystem::remove(file);
 }
 
 TEST(FlashWrite, RangesTheFirmwareCannotWriteLeaveTheFlashUnchanged) {

@@ -80,7 +80,8 @@ inline uint8_t Read14(sim::Simulator& s, TestMemory& memory, uint32_t address, u
 
 // The byte of the flash at a 32-bit address of the part, which ends at 4 GB.
 inline uint8_t FlashAt(const sim::Simulator& s, uint32_t address) {
-  return s.Flash()[address - (0u - uint32_t(s.Flash().size()))];
+  const std::vector<uint8_t> flash = s.Flash();
+  return flash[address - (0u - uint32_t(flash.size()))];
 }
 
 }  // namespace simtest
