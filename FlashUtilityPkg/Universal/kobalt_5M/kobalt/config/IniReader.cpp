@@ -2,6 +2,7 @@
 // the working text; every getter answers by a plain byte search through it. Which keys exist and
 // what they mean is the settings' part; where a text comes from is the configuration sources'.
 #include "config/ConfigInternal.h"
+#include "image/Image.h"
 #include "output/Output.h"
 
 namespace {
@@ -31,16 +32,12 @@ CHAR8 LowerCase(CHAR8 c) { return (c >= 'A' && c <= 'Z') ? (CHAR8)(c - 'A' + 'a'
 
 // Position of the first pattern in text[from, end), or end when there is none.
 UINT32 FindBytes(const CHAR8* text, UINT32 from, UINT32 end, const CHAR8* pattern, UINT32 patternLength) {
-  if (patternLength == 0 || end < patternLength) {
+  UINT32 offset = 0;
+  if (from > end || !FindSignature(reinterpret_cast<const UINT8*>(text) + from, end - from,
+                                   reinterpret_cast<const UINT8*>(pattern), patternLength, &offset)) {
     return end;
   }
-  // The first byte decides most places without a call.
-  for (UINT32 at = from; at + patternLength <= end; at++) {
-    if (text[at] == pattern[0] && CompareMem(text + at, pattern, patternLength) == 0) {
-      return at;
-    }
-  }
-  return end;
+  return from + offset;
 }
 
 // Builds "[section]" in lower case; false if it does not fit its limit.

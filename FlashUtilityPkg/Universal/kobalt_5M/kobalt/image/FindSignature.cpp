@@ -1,5 +1,5 @@
-// FindSignature, the one byte search over an image that every reader of slots, packages and
-// records uses. What a match means is left to the callers.
+// FindSignature, the one byte search that every reader of slots, packages, records and the
+// settings text uses. What a match means is left to the callers.
 #include "image/ImageInternal.h"
 
 Bool FindSignature(const UINT8* buffer, UINT32 length, const UINT8* pattern, UINT32 patternLength, UINT32* offset) {
@@ -20,7 +20,10 @@ Bool FindSignature(const UINT8* buffer, UINT32 length, const UINT8* pattern, UIN
       return false;
     }
     at = (UINT32)(static_cast<const UINT8*>(first) - buffer);
-    if (CompareMem(buffer + at, pattern, patternLength) == 0) {
+    // The last byte rules out most of the rest: every section header of a settings text starts
+    // with '[' and ends with ']', but few have the length of the one looked for.
+    if (buffer[at + patternLength - 1] == pattern[patternLength - 1] &&
+        CompareMem(buffer + at, pattern, patternLength) == 0) {
       if (offset != nullptr) {
         *offset = at;
       }

@@ -196,7 +196,8 @@ UINT8 GetSmiMainFunctionNumberFromPhysicalMemory() {
       }
       slot = single;
     }
-    if (CompareMem(slot, signature, kSignatureLength) == 0) {
+    // The first byte rules out almost every slot without a compare.
+    if (slot[0] == signature[0] && CompareMem(slot, signature, kSignatureLength) == 0) {
       UINT8 number = slot[kSignatureLength];
       LogPrint(kLogDetail, kTraceSmiNumberFound, number, (UINT64)address);
       return number;
