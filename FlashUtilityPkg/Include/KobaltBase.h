@@ -77,6 +77,9 @@ VOID CopyMem(VOID* destination, const VOID* source, UINTN length);
 VOID SetMem(VOID* destination, UINTN length, UINT8 value);
 VOID ZeroMem(VOID* destination, UINTN length);
 INTN CompareMem(const VOID* left, const VOID* right, UINTN length);
+// Offset of the first place in buffer[0, length) that holds the pattern, or length when none
+// does or the pattern is empty.
+UINT32 FindMem(const UINT8* buffer, UINT32 length, const UINT8* pattern, UINT32 patternLength);
 
 // Little-endian readers and writers; records are never read through a cast of an offset.
 inline UINT16 ReadU16(const UINT8* p) { return (UINT16)(p[0] | (p[1] << 8)); }

@@ -2,7 +2,6 @@
 // the working text; every getter answers by a plain byte search through it. Which keys exist and
 // what they mean is the settings' part; where a text comes from is the configuration sources'.
 #include "config/ConfigInternal.h"
-#include "image/Image.h"
 #include "output/Output.h"
 
 namespace {
@@ -32,12 +31,11 @@ CHAR8 LowerCase(CHAR8 c) { return (c >= 'A' && c <= 'Z') ? (CHAR8)(c - 'A' + 'a'
 
 // Position of the first pattern in text[from, end), or end when there is none.
 UINT32 FindBytes(const CHAR8* text, UINT32 from, UINT32 end, const CHAR8* pattern, UINT32 patternLength) {
-  UINT32 offset = 0;
-  if (from > end || !FindSignature(reinterpret_cast<const UINT8*>(text) + from, end - from,
-                                   reinterpret_cast<const UINT8*>(pattern), patternLength, &offset)) {
+  if (from > end) {
     return end;
   }
-  return from + offset;
+  return from + FindMem(reinterpret_cast<const UINT8*>(text) + from, end - from,
+                        reinterpret_cast<const UINT8*>(pattern), patternLength);
 }
 
 // Builds "[section]" in lower case; false if it does not fit its limit.

@@ -64,6 +64,28 @@ INTN CompareMem(const VOID* left, const VOID* right, UINTN length) {
   return 0;
 }
 
+UINT32 FindMem(const UINT8* buffer, UINT32 length, const UINT8* pattern, UINT32 patternLength) {
+  if (buffer == nullptr || pattern == nullptr || patternLength == 0 || length < patternLength) {
+    return length;
+  }
+  // The platform's memchr jumps from one first byte to the next, and the last byte rules out
+  // most of those before a compare (every section header of a settings text starts with '['
+  // and ends with ']', but few have the length of the one looked for).
+  UINT32 last = length - patternLength;
+  for (UINT32 at = 0; at <= last; at++) {
+    const VOID* first = __builtin_memchr(buffer + at, pattern[0], last - at + 1);
+    if (first == nullptr) {
+      break;
+    }
+    at = (UINT32)(static_cast<const UINT8*>(first) - buffer);
+    if (buffer[at + patternLength - 1] == pattern[patternLength - 1] &&
+        CompareMem(buffer + at, pattern, patternLength) == 0) {
+      return at;
+    }
+  }
+  return length;
+}
+
 UINTN StrLen16(const CHAR16* text) {
   UINTN length = 0;
   while (text != nullptr && text[length] != 0) {
