@@ -23,6 +23,12 @@ constexpr char kSmallMachine[] =
     R"({"flash": {"size": "0x2000", "size_index": 255, "blocks": [{"size": "0x1000", "count": 2}]},
         "maps": {"protection": [], "private": [], "whole": []}, "ec": {"size_index": 0}})";
 
+// The small machine with more keys of a harness's own, such as "\"extra_data\": {}".
+inline std::string SmallMachineWith(const std::string& keys) {
+  const std::string machine = kSmallMachine;
+  return machine.substr(0, machine.rfind('}')) + ", " + keys + "}";
+}
+
 class DriverFuzzBed {
  public:
   // intercept answers a call itself when it returns true; the machine answers the rest.

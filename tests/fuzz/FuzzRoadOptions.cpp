@@ -11,10 +11,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 5) return 0;
   const uint32_t fileSize = (data[0] | (data[1] << 8) | (data[2] << 16) | (uint32_t{data[3]} << 24)) % 0x30000;
   const bool direct = (data[4] & 1) != 0;
-  bed.Start(R"({"flash": {"size": "0x2000", "size_index": 255, "blocks": [{"size": "0x1000", "count": 2}]},
-                "maps": {"protection": [], "private": [], "whole": []}, "extra_data": {},
-                "ec": {"size_index": 0}})",
-            "[Others]\nSMIErrorRetry=0\nSMIErrorRetryDelay=0\n");
+  static const std::string machine = fuzzbed::SmallMachineWith(R"("extra_data": {})");
+  bed.Start(machine, "[Others]\nSMIErrorRetry=0\nSMIErrorRetryDelay=0\n");
   CHAR16 token[160] = {u'-', u'e', direct ? u':' : u'd', direct ? u'\0' : u't'};
   size_t length = direct ? 3 : 4;
   for (size_t i = 5; i < size && length + 1 < sizeof(token) / sizeof(token[0]); ++i) token[length++] = data[i];
