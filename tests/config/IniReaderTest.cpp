@@ -117,6 +117,7 @@ TEST_F(IniReader, LookupsOnAnAwkwardText) {
   EXPECT_TRUE(IniSectionExists("commonflash", GetIniText(), GetIniTextSize()));
   EXPECT_TRUE(IniSectionExists("CRLF", GetIniText(), GetIniTextSize()));
   EXPECT_FALSE(IniSectionExists("Common", GetIniText(), GetIniTextSize()));
+  EXPECT_TRUE(IniSectionExists("Whole", "[whole]", 7));  // a text that is the header and nothing more
 }
 
 TEST_F(IniReader, NumbersAreReadUpToTheFirstOtherCharacter) {
@@ -163,7 +164,7 @@ TEST_F(IniReader, LimitsCutOrRefuseInsideTheBuffers) {
   const std::string tooLongKey(63, 'k');  // with '=' 64: refused
   const std::string longSection(125, 's');  // with brackets 127: fits
   const std::string tooLongSection(126, 's');
-  Load("[a]\nl=" + longValue + "\n" + longKey + "=1\n[" + longSection + "]\nx=2\n[" + tooLongSection +
+  Load("[a]\nl=" + longValue + "\ne=eeeeeeee\n" + longKey + "=1\n[" + longSection + "]\nx=2\n[" + tooLongSection +
        "]\ny=3\n");
 
   // A line from the key on holds 1023 characters: "l=" and 1021 of the value.
@@ -178,6 +179,8 @@ TEST_F(IniReader, LimitsCutOrRefuseInsideTheBuffers) {
   std::memset(small, 'x', sizeof(small));
   EXPECT_TRUE(GetIniString("a", "l", small, sizeof(small)));
   EXPECT_STREQ(small, "vvvvvvv");
+  EXPECT_TRUE(GetIniRaw("a", "e", GetIniText(), GetIniTextSize(), small, sizeof(small)));  // 8 into 8
+  EXPECT_STREQ(small, "eeeeeee");
 
   EXPECT_EQ(GetIniInt("a", longKey.c_str(), 0), 1);
   EXPECT_EQ(GetIniInt("a", tooLongKey.c_str(), 0), 0);
