@@ -27,6 +27,10 @@ void PutText(std::vector<uint8_t>& bytes, uint32_t offset, const std::string& te
 }
 
 // A region register of the descriptor: base and limit in 4 KB units, bits 14:0 and 30:16.
+// The marker that opens a BVDT block, without a terminator.
+constexpr char kBvdtMarker[] = "$BVDT$";
+constexpr size_t kBvdtMarkerBytes = sizeof kBvdtMarker - 1;
+
 uint32_t RegionRegister(uint32_t start, uint32_t end) { return ((end >> 12) << 16) | (start >> 12); }
 constexpr uint32_t kUnusedRegion = 0x00007FFF;  // base above limit
 
@@ -66,7 +70,7 @@ void WriteDescriptor(std::vector<uint8_t>& c, uint32_t flashSize) {
 
 void WriteBvdtBlock(std::vector<uint8_t>& c, uint32_t offset, const std::string& model, const std::string& version) {
   std::fill(c.begin() + offset, c.begin() + offset + kBvdtHeadBytes, 0);
-  std::memcpy(c.data() + offset, "$BVDT$", 6);
+  std::memcpy(c.data() + offset, kBvdtMarker, kBvdtMarkerBytes);
   c[offset + 0x09] = '$';
   c[offset + 0x0D] = '$';
   // A text that fills its field stays without a terminator, as a real block may.
@@ -101,8 +105,7 @@ std::string ValidateFlashContent(const Machine& machine, const std::vector<uint8
 }
 
 bool ReadBvdtIdentity(const std::vector<uint8_t>& content, std::string& model, std::string& version) {
-  static const char kMarker[] = "$BVDT$";
-  auto found = std::search(content.begin(), content.end(), kMarker, kMarker + 6);
+  auto found = std::search(content.begin(), content.end(), kBvdtMarker, kBvdtMarker + kBvdtMarkerBytes);
   if (found == content.end()) return false;
   const size_t start = static_cast<size_t>(found - content.begin());
   // Each text ends at its first zero or at its field's end, whichever comes first.
@@ -185,14 +188,12 @@ bool FlashPart::Identity(std::string& model, std::string& version) const {
   if (file_ < 0) return ReadBvdtIdentity(content_, model, version);
   // The file is searched a window at a time; the windows overlap by the marker's length less
   // one, so that a marker across two windows is still found.
-  static const char kMarker[] = "$BVDT$";
   constexpr size_t kWindow = size_t{1} << 20;
-  constexpr size_t kMarkerBytes = sizeof kMarker - 1;
   std::vector<uint8_t> window;
   for (uint64_t at = 0; at < size_; at += kWindow) {
-    window.resize(static_cast<size_t>(std::min<uint64_t>(kWindow + kMarkerBytes - 1, size_ - at)));
+    window.resize(static_cast<size_t>(std::min<uint64_t>(kWindow + kBvdtMarkerBytes - 1, size_ - at)));
     if (!Get(at, window.data(), window.size())) return false;
-    const auto found = std::search(window.begin(), window.end(), kMarker, kMarker + kMarkerBytes);
+    const auto found = std::search(window.begin(), window.end(), kBvdtMarker, kBvdtMarker + kBvdtMarkerBytes);
     if (found == window.end()) continue;
     const uint64_t start = at + static_cast<uint64_t>(found - window.begin());
     window.resize(static_cast<size_t>(std::min<uint64_t>(kBvdtHeadBytes, size_ - start)));

@@ -6,11 +6,8 @@ Bool FindSignature(const UINT8* buffer, UINT32 length, const UINT8* pattern, UIN
   if (offset != nullptr) {
     *offset = 0xFFFFFFFF;
   }
-  // An empty pattern is refused: a search for nothing has no place it could honestly name.
-  if (buffer == nullptr || pattern == nullptr || patternLength == 0 || length < patternLength) {
-    return false;
-  }
-  // Every byte offset, ascending, without alignment: the first match wins.
+  // Every byte offset, ascending, without alignment: the first match wins. An empty pattern is
+  // refused (FindMem answers length): a search for nothing has no place it could honestly name.
   UINT32 at = FindMem(buffer, length, pattern, patternLength);
   if (at == length) {
     return false;
